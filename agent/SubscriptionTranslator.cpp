@@ -1,0 +1,2 @@
+// Placeholder until the agent lands.
+#include <Velta/VeRT.h>

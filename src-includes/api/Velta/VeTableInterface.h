@@ -1,0 +1,155 @@
+// Table interfaces: one agent's attachment to one table, and positions in a table's indexes.
+//
+// Invariants:
+// - The host never calls back from inside one of these operations; callbacks arrive later, one at
+//   a time, from the host's loop.
+// - A position stays usable while the table changes: if its row is deleted, ++ moves to the row
+//   that follows it in the index; if its row is replaced, * shows the current row.
+// - Destroying an interface detaches it: callbacks still queued for it are dropped.
+#pragma once
+
+#include <Velta/BaseRow.h>
+#include <Velta/Scheduler>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+namespace Velta {
+
+namespace detail {
+class TableState;
+class Attachment;
+struct HostAccess;
+}  // namespace detail
+
+// A position in one index of one table. The end position of every table compares equal to a
+// default-constructed iterator.
+class VeRowIterator {
+public:
+    VeRowIterator() noexcept = default;
+    VeRowIterator(const VeRowIterator&) = default;
+    VeRowIterator& operator=(const VeRowIterator&) = default;
+    ~VeRowIterator() = default;
+
+    // Moves to the next row in index order (the end stays the end).
+    VeRowIterator& operator++();
+    // The row at the position: the table's current row for that key, or, when it has been deleted
+    // meanwhile, the row as it was when the position reached it. Empty at the end.
+    const BaseRow& operator*() const;
+    const BaseRow* operator->() const { return &**this; }
+    bool atEnd() const noexcept { return row_.empty(); }
+
+    friend bool operator==(const VeRowIterator& a, const VeRowIterator& b) noexcept;
+    friend bool operator!=(const VeRowIterator& a, const VeRowIterator& b) noexcept { return !(a == b); }
+
+private:
+    friend struct detail::HostAccess;
+    std::shared_ptr<detail::TableState> table_;
+    mutable BaseRow row_;                   // row at the position; empty at the end
+    mutable std::uint64_t version_ = 0;     // index version for which node_ is valid
+    alignas(void*) mutable unsigned char node_[sizeof(void*)] = {};  // host index position
+    unsigned char index_ = 0;
+};
+
+// Access-mode bits of an interface.
+inline constexpr unsigned char kModeRead = 1;
+inline constexpr unsigned char kModeWrite = 2;
+inline constexpr unsigned char kModeObserve = 4;
+
+class VeTableInterface : public Schedulable {
+public:
+    using ReadyCallback = std::function<void()>;
+    using RowCallback = std::function<void(const BaseRow&)>;
+    using FlagCallback = std::function<void(bool)>;
+
+    // `mode`: 1 reader, 3 modifier, 5 observer. Empty callbacks are never called.
+    VeTableInterface(const std::string& ifName, const std::string& rowTypeName, unsigned char mode,
+                     ReadyCallback ready, RowCallback row, RowCallback rowDelete, FlagCallback flag);
+
+    // Wraps each non-null member function of `owner` into a callback; a null one gives none.
+    template <class Owner>
+    VeTableInterface(const std::string& ifName, const std::string& rowTypeName, unsigned char mode,
+                     Owner* owner, void (std::type_identity_t<Owner>::*ready)(),
+                     void (std::type_identity_t<Owner>::*row)(const BaseRow&),
+                     void (std::type_identity_t<Owner>::*rowDelete)(const BaseRow&),
+                     void (std::type_identity_t<Owner>::*flag)(bool))
+        : VeTableInterface(ifName, rowTypeName, mode,
+                           ready ? ReadyCallback([owner, ready] { (owner->*ready)(); }) : ReadyCallback(),
+                           row ? RowCallback([owner, row](const BaseRow& r) { (owner->*row)(r); }) : RowCallback(),
+                           rowDelete ? RowCallback([owner, rowDelete](const BaseRow& r) { (owner->*rowDelete)(r); })
+                                     : RowCallback(),
+                           flag ? FlagCallback([owner, flag](bool v) { (owner->*flag)(v); }) : FlagCallback()) {}
+
+    // Detaches from the host; queued callbacks for this interface are dropped.
+    ~VeTableInterface() override;
+
+    // Records the active state (read by flow control); the host does nothing else with it.
+    void activate(bool value);
+    void deactivate(bool value);
+    // True between activate(true) and activate(false) or deactivate(true).
+    bool activated() const noexcept { return activated_; }
+    // Records that a secondary index is wanted; index 1 is always maintained by the host.
+    void activateIndex(unsigned char index);
+
+    // Whole-table iteration in the order of `index` (0 primary key, 1 oid then key).
+    VeRowIterator begin(unsigned char index) const;
+    VeRowIterator end(unsigned char index) const;
+    // Position of the row whose key in `index` equals `key`'s, or end. Index 1 finds the first
+    // row with that oid.
+    VeRowIterator find(const BaseRow& key, unsigned char index) const;
+    // First position not ordered before `key`.
+    VeRowIterator lower_bound(const BaseRow& key, unsigned char index) const;
+    // The row whose key in `index` equals `key`'s; an empty row when there is none, when `key` is
+    // empty or when the interface is not bound.
+    BaseRow row(const BaseRow& key, unsigned char index) const;
+
+    // Inserts `row`, or replaces the row with its primary key. A row whose oid is 0 keeps the oid
+    // of the row it replaces or gets a new one; the oid is written back into `row`.
+    void rowIs(BaseRow& row);
+    // Removes the row with `key`'s primary key, if any.
+    void rowDel(const BaseRow& key);
+    // Removes the row at `position`; returns the position after it.
+    VeRowIterator rowDel(VeRowIterator& position);
+
+    // True once the host has reported the interface ready.
+    bool ready() const noexcept { return ready_; }
+    // The change notification of the client-ready flag.
+    void onClientReady() override;
+
+    const std::string& tablePath() const noexcept { return tablePath_; }
+    const std::string& ifName() const noexcept { return name(); }
+    const std::string& rowTypeName() const noexcept { return rowTypeName_; }
+    unsigned char mode() const noexcept { return mode_; }
+    // Non-zero once the interface is bound to a table.
+    std::uint64_t attachment() const noexcept { return attachmentValue_; }
+    // The flag given to bindInterface.
+    bool bindFlag() const noexcept { return bindFlag_; }
+
+    const ReadyCallback& readyCallback() const noexcept { return onReady_; }
+    const RowCallback& rowCallback() const noexcept { return onRow_; }
+    const RowCallback& deleteCallback() const noexcept { return onDelete_; }
+    const FlagCallback& flagCallback() const noexcept { return onFlag_; }
+
+protected:
+    void _considerRunnability() override;
+
+private:
+    friend struct detail::HostAccess;
+    std::string rowTypeName_;
+    std::string tablePath_;
+    unsigned char mode_;
+    bool ready_ = false;
+    bool activated_ = false;
+    bool bindFlag_ = false;
+    std::uint64_t attachmentValue_ = 0;
+    ReadyCallback onReady_;
+    RowCallback onRow_;
+    RowCallback onDelete_;
+    FlagCallback onFlag_;
+    std::shared_ptr<detail::Attachment> attachment_;  // host state while bound
+};
+
+}  // namespace Velta

@@ -1,0 +1,80 @@
+// The database as one agent sees it, and the host's row operations.
+#pragma once
+
+#include <Velta/BaseRow.h>
+#include <Velta/Records.h>
+#include <Velta/VeTableInterface.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace Velta {
+
+// The kind of a registered table. The translator passes 0 for a standing subscription's output
+// and 1 for a one-shot one.
+enum class TableType : unsigned char { standing = 0, oneShot = 1 };
+
+// Operations on rows of one type for one index.
+class RowOps {
+public:
+    virtual ~RowOps() = default;
+    // True when `a`'s key in this index is ordered before `b`'s.
+    virtual bool keyLess(const BaseRow& a, const BaseRow& b) const = 0;
+};
+
+// Orders rows by the key of the index its RowOps were made for.
+class RowOpsKeyLess {
+public:
+    explicit RowOpsKeyLess(std::shared_ptr<const RowOps> ops) noexcept : ops_(std::move(ops)) {}
+    bool operator()(const BaseRow& a, const BaseRow& b) const { return ops_->keyLess(a, b); }
+    const std::shared_ptr<const RowOps>& ops() const noexcept { return ops_; }
+
+private:
+    std::shared_ptr<const RowOps> ops_;
+};
+
+class VeltaDB {
+public:
+    using p_t = std::shared_ptr<VeltaDB>;
+    // Completion of a defined query: ok, the host's query id, error text.
+    using QueryCompletion = std::function<void(bool, unsigned, const std::string&)>;
+    using QueryParams = std::unordered_map<std::string, std::string>;
+
+    virtual ~VeltaDB() = default;
+
+    virtual std::string agentName() const = 0;
+    virtual std::string systemName() const = 0;
+    virtual bool isServerAgent() const = 0;
+    virtual bool external() const = 0;
+    virtual bool standalone() const = 0;
+    // True in the server process.
+    static bool server();
+
+    // Attaches `iface` to the table at `path`, creating the table (of the interface's row type)
+    // when there is none. The interface becomes ready later; an observer only once it is also
+    // client-ready.
+    virtual void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) = 0;
+    // Asks for a table at `path`. Visible at once in the server agent, one loop turn later
+    // elsewhere. A path that exists or is on its way is left as it is.
+    virtual void registerTable(const std::string& path, const std::string& typeName, TableType type,
+                               unsigned short desiredFlags, unsigned short flags,
+                               const std::string& owner) = 0;
+    // Defines a query; `done` is called later from the host's loop with the outcome.
+    virtual void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params,
+                             QueryCompletion done, bool standing, const std::string& name) = 0;
+    virtual void removeQuery(const std::string& name) = 0;
+    // The table's metadata row; an empty row for an unknown table.
+    virtual veMetadata::veTable tableInfo(const std::string& path) const = 0;
+    virtual veMetadata::veTable tableInfo(unsigned oid) const = 0;
+    // The id of a row type; 65535 for an unknown name.
+    virtual unsigned tableTypeId(const std::string& typeName, bool flag) const = 0;
+    // Row operations for an index of a type. Never null: rows of an unknown type, or of two
+    // different types, are ordered by type id and then by their own primary keys.
+    virtual std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const = 0;
+    // The host's description of a row class; an empty row for an unknown class.
+    static BaseRow veClass(const std::string& name);
+};
+
+}  // namespace Velta
