@@ -5,12 +5,16 @@
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
 
 namespace Velta {
+
+// Identity of a row (`oid`) or of a subscription on the host side.
+using oid_t = std::uint32_t;
 
 // The kind of a registered table. The translator passes 0 for a standing subscription's output
 // and 1 for a one-shot one.
