@@ -1,0 +1,28 @@
+# Script mode: install, configure the consumer against the prefix, build it, run it, check pkg-config.
+function(run)
+  execute_process(COMMAND ${ARGV} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed: ${ARGV}\n${out}\n${err}")
+  endif()
+  set(LAST_OUTPUT "${out}" PARENT_SCOPE)
+endfunction()
+
+file(REMOVE_RECURSE ${PREFIX} ${BUILD_DIR}/consumer-build)
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+run(${CMAKE_COMMAND} -S ${SOURCE} -B ${BUILD_DIR}/consumer-build -G ${GENERATOR}
+    -DCMAKE_PREFIX_PATH=${PREFIX} "-DCMAKE_CXX_FLAGS=${FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${FLAGS}")
+run(${CMAKE_COMMAND} --build ${BUILD_DIR}/consumer-build)
+run(${BUILD_DIR}/consumer-build/consumer)
+message(STATUS "consumer: ${LAST_OUTPUT}")
+
+file(GLOB_RECURSE pcfiles ${PREFIX}/*/SubscriptionHandling.pc)
+if(NOT pcfiles)
+  message(FATAL_ERROR "no SubscriptionHandling.pc installed")
+endif()
+list(GET pcfiles 0 pc)
+get_filename_component(pcdir ${pc} DIRECTORY)
+set(ENV{PKG_CONFIG_PATH} ${pcdir})
+run(pkg-config --cflags --libs SubscriptionHandling)
+if(NOT LAST_OUTPUT MATCHES "-lSubscriptionHandling")
+  message(FATAL_ERROR "pkg-config gave: ${LAST_OUTPUT}")
+endif()
