@@ -1,2 +1,343 @@
-// Placeholder until the agent lands.
+// Aggregator and its input tables: admission of inputs from the table metadata, walking and
+// forwarding their rows, and merging them into the output table.
+//
+// Invariants (besides those of the header):
+// - The output table is always changed before outputRowOwners_, so a failing host call leaves the
+//   map describing rows that really are in the output.
+// - An entry's key object is a copy of the first row inserted under that key; only its key
+//   fields are used.
+// - Trace text is built only when its level is on (KESTO_TRACE tests the level first).
+#include <Velta/Agent/Aggregator.h>
+#include <Velta/Records.h>
 #include <Velta/VeRT.h>
+
+#include <iterator>
+#include <utility>
+
+namespace Velta::Agent {
+
+namespace {
+constexpr const char* kTraceFile = "Aggregator";
+constexpr const char* kMetadataPath = "velta/metadata/veTable";
+constexpr unsigned char kModifierMode = 3;
+constexpr unsigned char kObserverMode = 5;
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Debug channels
+
+Aggregator::__kestoDebug::~__kestoDebug() = default;
+
+Kesto::Platform::DebugHandler* Aggregator::__kestoDebug::getHandler() {
+    static Kesto::Platform::DebugHandler* const handler = Kesto::Platform::getDebugHandler("Aggregator");
+    return handler;
+}
+
+Aggregator::AggregatorInputTable::__kestoDebug::~__kestoDebug() = default;
+
+Kesto::Platform::DebugHandler* Aggregator::AggregatorInputTable::__kestoDebug::getHandler() {
+    static Kesto::Platform::DebugHandler* const handler = Kesto::Platform::getDebugHandler("Aggregator");
+    return handler;
+}
+
+// ---------------------------------------------------------------------------------------------
+// AggregatorInputTable
+
+Aggregator::AggregatorInputTable::AggregatorInputTable(VeltaDB::p_t vdb, Aggregator* aggregator,
+                                                       const std::string& tablePath,
+                                                       const std::string& rowTypeName,
+                                                       const std::string& agentName, bool scheduled,
+                                                       bool bindFlag)
+    : vdb_(std::move(vdb)),
+      aggregator_(aggregator),
+      agentName_(agentName),
+      outputReady_(false),
+      inputObserver("inputObserver", rowTypeName, kObserverMode, this, &AggregatorInputTable::onObserverReady,
+                    &AggregatorInputTable::onRow, &AggregatorInputTable::onDelete, nullptr),
+      walkPosition_(),
+      debugChannel_(__kestoDebug::getHandler(), false) {
+    inputObserver.scheduledIs(scheduled);
+    // Not client-ready yet: nothing is delivered before the output can take rows.
+    vdb_->bindInterface(inputObserver, tablePath, bindFlag);
+}
+
+Aggregator::AggregatorInputTable::~AggregatorInputTable() {
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, 34, "~AggregatorInputTable",
+                "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable()"
+                    << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath());
+}
+
+void Aggregator::AggregatorInputTable::outputReady() {
+    outputReady_ = true;
+    inputObserver.clientReadyIs(true);
+}
+
+BaseRow Aggregator::AggregatorInputTable::row(const BaseRow& key) const { return inputObserver.row(key, 0); }
+
+void Aggregator::AggregatorInputTable::walkInputTable() {
+    // Resume at the bookmarked row if it still exists, otherwise at its successor.
+    VeRowIterator position =
+        walkPosition_.empty() ? inputObserver.begin(0) : inputObserver.lower_bound(walkPosition_, 0);
+    while (position != inputObserver.end(0)) {
+        walkPosition_ = *position;
+        // Stop before the row: the bookmark names a row that has not been forwarded yet.
+        if (aggregator_->blocked()) return;
+        aggregator_->onInputRow(inputObserver.tablePath(), walkPosition_);
+        ++position;
+    }
+    walkPosition_.clear();
+}
+
+void Aggregator::AggregatorInputTable::outputBlocked(bool blocked) {
+    if (blocked) {
+        if (inputObserver.activated()) inputObserver.deactivate(true);
+        return;
+    }
+    if (inputObserver.attachment() == 0) return;  // not attached to its table yet
+    if (!walkPosition_.empty()) {
+        // A resumed walk leaves the observer as it is, even when it reaches the end.
+        walkInputTable();
+        return;
+    }
+    inputObserver.activate(false);
+}
+
+void Aggregator::AggregatorInputTable::onObserverReady() {
+    inputObserver.activate(true);
+    walkInputTable();
+    if (!walkPosition_.empty()) return;  // walk pending: stay activated until it resumes
+    inputObserver.activate(false);
+}
+
+void Aggregator::AggregatorInputTable::onRow(const BaseRow& row) {
+    BaseRow copy(row);  // shares the row data; the aggregator needs a modifiable row
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, 89, "onRow",
+                "void Velta::Agent::Aggregator::AggregatorInputTable::onRow(const Velta::BaseRow&)"
+                    << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
+                    << ", " << copy.toString());
+    aggregator_->onInputRow(inputObserver.tablePath(), copy);
+}
+
+void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, 95, "onDelete",
+                "void Velta::Agent::Aggregator::AggregatorInputTable::onDelete(const Velta::BaseRow&)"
+                    << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
+                    << ", " << row.toString());
+    aggregator_->onInputRowDelete(inputObserver.tablePath(), row);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Aggregator: construction, switches, teardown
+
+Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, const std::string& inputPathSuffix,
+                       const std::string& outputPath, const std::string& rowTypeName,
+                       bool deleteWithoutReplacement, bool enabled, bool bindFlag)
+    : vdb_(std::move(vdb)),
+      outputModifier("outputModifier", rowTypeName, kModifierMode, this, &Aggregator::onReady, nullptr, nullptr,
+                     nullptr),
+      veTableObserver_("veTableObserver_", veMetadata::veTable::rowTypeName(), kObserverMode, this,
+                       &Aggregator::onVeTableReady, &Aggregator::onVeTableRow, &Aggregator::onVeTableDelete,
+                       nullptr),
+      rowOps_(vdb_->getRowOps(rowTypeName, 0)),
+      keyLess_(rowOps_),
+      inputTables_(),
+      outputRowOwners_(keyLess_),
+      inputPathPrefix_(inputPathPrefix),
+      inputPathSuffix_(inputPathSuffix),
+      outputPath_(outputPath),
+      deleteWithoutReplacement_(deleteWithoutReplacement),
+      bindFlag_(bindFlag),
+      enabled_(enabled),
+      scheduled_(true),
+      suppressResync_(false),
+      affixLength_(inputPathPrefix.size() + inputPathSuffix.size()),
+      inputsScanned_(false),
+      debugChannel_(__kestoDebug::getHandler(), false) {
+    veTableObserver_.scheduledIs(false);
+    vdb_->bindInterface(outputModifier, outputPath_, bindFlag_);
+    vdb_->bindInterface(veTableObserver_, kMetadataPath, bindFlag_);
+    // The output modifier only writes; the host reports it ready without being asked.
+    if (enabled_) veTableObserver_.clientReadyIs(true);
+}
+
+Aggregator::~Aggregator() {
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, 137, "~Aggregator",
+                "Velta::Agent::Aggregator::~Aggregator()" << " " << outputModifier.tablePath());
+}
+
+bool Aggregator::ready() const { return inputsScanned_ && outputModifier.ready(); }
+
+void Aggregator::enableIs(bool value) {
+    enabled_ = value;
+    if (value) onReady();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Aggregator: discovery of inputs
+
+void Aggregator::onVeTableReady() {
+    veTableObserver_.activate(true);
+    for (VeRowIterator position = veTableObserver_.begin(0); position != veTableObserver_.end(0); ++position) {
+        onVeTableRow(*position);
+    }
+    veTableObserver_.activate(false);
+    inputsScanned_ = true;
+    // Starts every input admitted by the pass at once.
+    onReady();
+}
+
+void Aggregator::onVeTableRow(const BaseRow& row) {
+    const veMetadata::veTable table(row);
+    const std::string path = table.tablePath();
+
+    // Prefix, at least one character, suffix; the length test keeps prefix and suffix apart.
+    if (affixLength_ >= path.size()) return;
+    if (path.compare(0, inputPathPrefix_.size(), inputPathPrefix_) != 0) return;
+    if (path.compare(path.size() - inputPathSuffix_.size(), inputPathSuffix_.size(), inputPathSuffix_) != 0) return;
+
+    const std::string agentName = path.substr(inputPathPrefix_.size(), path.size() - affixLength_);
+    if (agentName.find('/') != std::string::npos) {
+        KESTO_TRACE(debugChannel_, 1, kTraceFile, 256, "onVeTableRow",
+                    "Aggregated input table " << path << " has agent name " << agentName << " containing '/' ");
+        return;
+    }
+    // An admitted table is not examined again, even when its metadata changes.
+    if (inputTables_.find(path) != inputTables_.end()) return;
+
+    KESTO_TRACE(debugChannel_, 6, kTraceFile, 234, "onVeTableRow",
+                "Adding aggregated input table " << path << " to " << outputModifier.tablePath());
+
+    const std::string typeName = table.typeName();
+    if (typeName == outputModifier.rowTypeName() && !VeltaDB::veClass(typeName).empty()) {
+        auto input = std::make_shared<AggregatorInputTable>(vdb_, this, path, outputModifier.rowTypeName(),
+                                                            agentName, scheduled_, bindFlag_);
+        const auto entry = inputTables_.emplace(path, std::move(input)).first;
+        // An input appearing while the aggregator runs starts at once.
+        if (ready()) entry->second->outputReady();
+        return;
+    }
+    // Not remembered: a later metadata row for this path is examined afresh.
+    KESTO_TRACE(debugChannel_, 1, kTraceFile, 251, "onVeTableRow",
+                "Row type " << typeName << " is not valid, input table not added.");
+}
+
+void Aggregator::onVeTableDelete(const BaseRow& row) {
+    const veMetadata::veTable table(row);
+    const auto found = inputTables_.find(table.tablePath());
+    if (found == inputTables_.end()) return;
+
+    // Out of inputTables_ first, so the leaving input cannot be chosen to replace its own rows.
+    std::shared_ptr<AggregatorInputTable> input = found->second;
+    inputTables_.erase(found);
+
+    for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
+        if (entry->second == input) {
+            entry = updateOutputOnDelete(entry);
+        } else {
+            ++entry;
+        }
+    }
+    // Normally the last reference: the input table is destroyed here, after its rows are settled.
+    input.reset();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Aggregator: merging
+
+void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
+    const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
+    auto entry = outputRowOwners_.lower_bound(row);
+    if (entry == outputRowOwners_.end() || keyLess_(row, entry->first)) {
+        outputRowOwners_.emplace_hint(entry, row, owner);
+    } else {
+        // No precedence between inputs: the latest delivery wins and takes the key over.
+        entry->second = owner;
+    }
+    outputModifier.rowIs(row);
+}
+
+void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
+    // inputTables_ does not change below, so the reference stays valid.
+    const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
+    const auto entry = outputRowOwners_.lower_bound(row);
+    if (entry == outputRowOwners_.end() || keyLess_(row, entry->first)) return;
+    // Another input supplied the output row: it stays.
+    if (entry->second != owner) return;
+    updateOutputOnDelete(entry);
+}
+
+Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRowOwners::iterator entry) {
+    if (!deleteWithoutReplacement_ && !inputTables_.empty()) {
+        // Replacement by path order, not by recency. The deleting input is asked too: the host
+        // no longer shows a row once it has reported its deletion.
+        for (const auto& [path, input] : inputTables_) {
+            if (!input) continue;
+            BaseRow replacement = input->row(entry->first);
+            if (replacement.empty()) continue;
+            outputModifier.rowIs(replacement);
+            const auto next = std::next(entry);
+            outputRowOwners_.erase(entry);
+            outputRowOwners_.emplace_hint(next, std::move(replacement), input);
+            return next;
+        }
+    }
+    outputModifier.rowDel(entry->first);
+    return outputRowOwners_.erase(entry);
+}
+
+void Aggregator::onReady() {
+    if (!enabled_) return;
+    if (!inputsScanned_) {
+        // Nothing can start before the first metadata pass has ended.
+        veTableObserver_.clientReadyIs(true);
+        return;
+    }
+    if (!outputModifier.ready()) return;
+
+    if (!suppressResync_) {
+        // Collect first, delete afterwards: the output is never changed while it is iterated.
+        std::vector<BaseRow> unheld;
+        for (VeRowIterator position = outputModifier.begin(0); position != outputModifier.end(0); ++position) {
+            const BaseRow& outputRow = *position;
+            bool held = false;
+            for (const auto& [path, input] : inputTables_) {
+                if (input && !input->row(outputRow).empty()) {
+                    held = true;
+                    break;
+                }
+            }
+            if (!held) unheld.push_back(outputRow);
+        }
+        for (const BaseRow& outputRow : unheld) outputModifier.rowDel(outputRow);
+    }
+
+    for (const auto& [path, input] : inputTables_) {
+        if (input) input->outputReady();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Aggregator: introspection
+
+std::string Aggregator::outputRowSource(const BaseRow& outputKey) const {
+    if (outputKey.empty()) return std::string();
+    const auto entry = outputRowOwners_.find(outputKey);
+    if (entry == outputRowOwners_.end() || !entry->second) return std::string();
+    return entry->second->tablePath();
+}
+
+std::vector<std::string> Aggregator::inputPaths() const {
+    std::vector<std::string> paths;
+    paths.reserve(inputTables_.size());
+    for (const auto& [path, input] : inputTables_) {
+        if (input) paths.push_back(path);
+    }
+    return paths;
+}
+
+std::shared_ptr<Aggregator::AggregatorInputTable> Aggregator::inputTable(const std::string& path) const {
+    const auto found = inputTables_.find(path);
+    return found == inputTables_.end() ? nullptr : found->second;
+}
+
+}  // namespace Velta::Agent

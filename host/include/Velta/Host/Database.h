@@ -124,6 +124,7 @@ public:
     VeltaDB::p_t connect(const AgentOptions& options);
 
     // Delivers queued callbacks until none is left or the bound is reached; returns how many.
+    // Called from inside a callback it delivers nothing (returns 0), as does runOne().
     std::size_t runUntilIdle();
     // False when the last runUntilIdle stopped at the bound with callbacks still queued.
     bool settled() const noexcept;

@@ -1,0 +1,180 @@
+// Aggregator: merges many input tables of one row type into a single output table.
+//
+// Inputs are discovered in "velta/metadata/veTable": every table whose path is the configured
+// prefix, one path component (the agent name) and the configured suffix, and whose row type is the
+// output's, is admitted and observed by an AggregatorInputTable. For each key the output holds the
+// row an input delivered last; when that row goes away it is replaced from the first input in path
+// order that still holds the key (unless deleteWithoutReplacement), or deleted.
+//
+// Invariants:
+// - inputTables_ holds exactly the admitted inputs, keyed by table path; its (lexicographic) order
+//   is the order in which inputs are consulted everywhere.
+// - Every entry of outputRowOwners_ names the input whose row the output currently holds for that
+//   key; an input leaves inputTables_ before its entries are settled, so it is never chosen to
+//   replace its own rows.
+// - Input tables are shared between inputTables_ and outputRowOwners_ and never outlive the
+//   aggregator: both maps are destroyed before the interfaces the input tables' destructors read.
+// - All work runs inside host callbacks, constructors and destructors, one at a time; no locks.
+#pragma once
+
+#include <Kesto/DebugSupport.h>
+#include <Velta/BaseRow.h>
+#include <Velta/VeTableInterface.h>
+#include <Velta/VeltaDB.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Velta::Agent {
+
+class Aggregator {
+public:
+    // The aggregator's debug channel ("Aggregator"); objects never own the shared handler.
+    class __kestoDebug : public Kesto::DebugSupport {
+    public:
+        using Kesto::DebugSupport::DebugSupport;
+        ~__kestoDebug() override;
+        // The channel's handler, looked up once per process.
+        static Kesto::Platform::DebugHandler* getHandler();
+    };
+
+    // One admitted input table: walks its rows into the aggregator once the output is ready, then
+    // forwards every row change and deletion the host reports. Created and owned by the aggregator
+    // only; must not outlive it.
+    class AggregatorInputTable {
+    public:
+        // Same channel as the outer class, with a handler static of its own.
+        class __kestoDebug : public Kesto::DebugSupport {
+        public:
+            using Kesto::DebugSupport::DebugSupport;
+            ~__kestoDebug() override;
+            static Kesto::Platform::DebugHandler* getHandler();
+        };
+
+        // Binds an observer of `rowTypeName` to `tablePath` with `bindFlag`; its scheduled flag is
+        // `scheduled`. It is not declared client-ready, so the host delivers nothing until
+        // outputReady().
+        AggregatorInputTable(VeltaDB::p_t vdb, Aggregator* aggregator, const std::string& tablePath,
+                             const std::string& rowTypeName, const std::string& agentName, bool scheduled,
+                             bool bindFlag);
+        // Traces at level 9 and detaches the observer. Deletes no output row.
+        ~AggregatorInputTable();
+        AggregatorInputTable(const AggregatorInputTable&) = delete;
+        AggregatorInputTable& operator=(const AggregatorInputTable&) = delete;
+
+        // The output can take rows: declares the observer client-ready (repeats change nothing).
+        void outputReady();
+        // This input's row with `key`'s primary key, or an empty row.
+        BaseRow row(const BaseRow& key) const;
+        // Forwards rows to the aggregator from the bookmark (or the first row) to the end, stopping
+        // before a row while the aggregator reports itself blocked.
+        void walkInputTable();
+        // Flow control from the hosting process: true deactivates an active observer; false
+        // resumes a pending walk (or ends the active state) once the observer is attached.
+        void outputBlocked(bool blocked);
+
+        // Host callbacks of inputObserver.
+        void onObserverReady();
+        void onRow(const BaseRow& row);
+        void onDelete(const BaseRow& row);
+
+        // The input table's path (as bound).
+        const std::string& tablePath() const noexcept { return inputObserver.tablePath(); }
+
+    private:
+        VeltaDB::p_t vdb_;
+        Aggregator* aggregator_;  // owner; not owned
+        std::string agentName_;
+        bool outputReady_;
+
+    public:
+        // The observer of the input table (host-visible interface; read its state, do not rebind).
+        VeTableInterface inputObserver;
+
+    private:
+        BaseRow walkPosition_;  // next row of a pending walk; empty when none is pending
+        __kestoDebug debugChannel_;
+    };
+
+    using InputTables = std::map<std::string, std::shared_ptr<AggregatorInputTable>>;
+    using OutputRowOwners = std::map<BaseRow, std::shared_ptr<AggregatorInputTable>, RowOpsKeyLess>;
+
+    // Binds the output modifier to `outputPath` and the metadata observer, both with `bindFlag`,
+    // and, when `enabled`, asks the host for the metadata callbacks.
+    Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, const std::string& inputPathSuffix,
+               const std::string& outputPath, const std::string& rowTypeName, bool deleteWithoutReplacement,
+               bool enabled, bool bindFlag);
+    // Traces at level 9 and releases the inputs. Deletes and writes nothing.
+    ~Aggregator();
+    Aggregator(const Aggregator&) = delete;
+    Aggregator& operator=(const Aggregator&) = delete;
+
+    // True once the first metadata pass has ended and the output modifier is ready.
+    bool ready() const;
+    // Whether the output refuses rows: never. Input walks ask before every row.
+    bool blocked() const { return false; }
+    // The scheduled flag handed to inputs admitted from now on.
+    bool scheduled() const { return scheduled_; }
+    void scheduledIs(bool value) { scheduled_ = value; }
+    // When true, the next ready pass keeps output rows that no input holds.
+    void suppressResyncIs(bool value) { suppressResync_ = value; }
+    // Enables or disables later ready passes; true runs one at once. Disabling stops nothing
+    // that already runs.
+    void enableIs(bool value);
+
+    // Host callbacks of veTableObserver_: admission and removal of inputs.
+    void onVeTableReady();
+    void onVeTableRow(const BaseRow& row);
+    void onVeTableDelete(const BaseRow& row);
+
+    // Merging. The input at `path` delivered `row`: the output takes it and the input becomes
+    // the key's owner.
+    void onInputRow(const std::string& path, BaseRow& row);
+    // The input at `path` lost `row`: settles the output row if that input supplied it.
+    void onInputRowDelete(const std::string& path, const BaseRow& row);
+    // Replaces the output row of `entry` from the first input in path order that holds its key
+    // (unless deleteWithoutReplacement), or deletes it; returns the entry that followed.
+    OutputRowOwners::iterator updateOutputOnDelete(OutputRowOwners::iterator entry);
+    // Ready callback of outputModifier (also run by enableIs(true) and after the metadata pass):
+    // removes output rows no input holds (unless suppressed) and starts every input.
+    void onReady();
+
+    // Introspection for hosting processes and tools.
+    // Path of the input that supplies the output row with `outputKey`'s key; "" when none.
+    std::string outputRowSource(const BaseRow& outputKey) const;
+    // Paths of the admitted inputs, in path order.
+    std::vector<std::string> inputPaths() const;
+    // The admitted input at `path`, or null. Do not keep it beyond the aggregator's life.
+    std::shared_ptr<AggregatorInputTable> inputTable(const std::string& path) const;
+    const std::string& outputPath() const noexcept { return outputPath_; }
+
+private:
+    VeltaDB::p_t vdb_;
+
+public:
+    // Writer of the output table (host-visible interface; read its state, do not rebind).
+    VeTableInterface outputModifier;
+
+private:
+    VeTableInterface veTableObserver_;
+    std::shared_ptr<const RowOps> rowOps_;
+    RowOpsKeyLess keyLess_;
+    InputTables inputTables_;
+    OutputRowOwners outputRowOwners_;
+    std::string inputPathPrefix_;
+    std::string inputPathSuffix_;
+    std::string outputPath_;
+    bool deleteWithoutReplacement_;
+    bool bindFlag_;
+    bool enabled_;
+    bool scheduled_;
+    bool suppressResync_;
+    std::size_t affixLength_;
+    bool inputsScanned_;
+    __kestoDebug debugChannel_;
+};
+
+}  // namespace Velta::Agent

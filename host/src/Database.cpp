@@ -1,0 +1,640 @@
+// The database core: tables by path, writes and deletions with their notifications, interface
+// binding and readiness, the event loop, host calls (registration, queries), control
+// publications, and the embedding facade and agent handles around it.
+//
+// Work that happens "one loop turn later" is a host task on the same FIFO queue as callbacks.
+#include "HostInternal.h"
+
+#include <Velta/Host/Database.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <sstream>
+#include <stdexcept>
+
+namespace Velta::Host {
+
+using Velta::detail::Attachment;
+using Velta::detail::HostAccess;
+using Velta::detail::Slot;
+using Velta::detail::TableNode;
+using Velta::detail::TableState;
+
+namespace {
+
+constexpr const char* kVeTablePath = "velta/metadata/veTable";
+constexpr const char* kCtrlSubscriptionPath = "velta/veCtrl/subscription";
+constexpr const char* kCtrlPublicationPath = "velta/veCtrl/publication";
+
+// Tables every database starts with, metadata first so that each gets its metadata row.
+constexpr std::pair<const char*, BuiltinRow> kStartTables[] = {
+    {"velta/metadata/veTable", BuiltinRow::veTable},
+    {"velta/metadata/SystemDescription", BuiltinRow::systemDescription},
+    {"velta/External/Subscription", BuiltinRow::externalSubscription},
+    {"velta/External/Publication", BuiltinRow::externalPublication},
+    {"velta/veCtrl/subscription", BuiltinRow::ctrlSubscription},
+    {"velta/veCtrl/publication", BuiltinRow::ctrlPublication},
+};
+
+std::atomic<bool> serverProcessFlag{false};
+
+const BaseRow kNoRow;
+
+std::uint64_t oidOf(const BaseRow& row) noexcept {
+    const RowType* t = row.rowType();
+    if (t == nullptr || t->oidField() < 0) return 0;
+    return row.number(static_cast<std::size_t>(t->oidField()));
+}
+
+// The table path named by the word after "FROM ", or empty.
+std::string fromTable(const std::string& text) {
+    const auto p = text.find("FROM ");
+    if (p == std::string::npos) return {};
+    std::size_t b = p + 5;
+    while (b < text.size() && std::isspace(static_cast<unsigned char>(text[b]))) ++b;
+    std::size_t e = b;
+    while (e < text.size() && !std::isspace(static_cast<unsigned char>(text[e]))) ++e;
+    return text.substr(b, e - b);
+}
+
+EventListener::Delivery deliveryOf(QueuedEvent::Kind kind) noexcept {
+    switch (kind) {
+        case QueuedEvent::Kind::ready: return EventListener::Delivery::ready;
+        case QueuedEvent::Kind::row: return EventListener::Delivery::row;
+        case QueuedEvent::Kind::rowDelete: return EventListener::Delivery::rowDelete;
+        case QueuedEvent::Kind::task: break;
+    }
+    return EventListener::Delivery::hostTask;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Impl: tables
+
+Database::Impl::Impl(Database& db, Options opts) : owner(db), options(opts), shuffle_(opts.shuffleSeed) {
+    for (const auto& [path, which] : kStartTables) createTable(slotFor(path), builtinRowType(which), "", 0);
+}
+
+Database::Impl::~Impl() { queue.clear(); }
+
+Slot& Database::Impl::slotFor(const std::string& path) {
+    auto it = slots.find(path);
+    if (it != slots.end()) return it->second;
+    Slot& s = slots[path];
+    s.path = path;
+    s.controlSubscriptions = path == kCtrlSubscriptionPath;
+    return s;
+}
+
+Slot* Database::Impl::findSlot(const std::string& path) noexcept {
+    auto it = slots.find(path);
+    return it == slots.end() ? nullptr : &it->second;
+}
+
+const Slot* Database::Impl::findSlot(const std::string& path) const noexcept {
+    auto it = slots.find(path);
+    return it == slots.end() ? nullptr : &it->second;
+}
+
+void Database::Impl::eraseSlotIfUnused(Slot& slot) {
+    if (slot.table || !slot.attachments.empty()) return;
+    slots.erase(slot.path);
+}
+
+bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::string& ownerName, unsigned oid) {
+    if (slot.table) return false;
+    slot.table = std::make_shared<TableState>(type, slot.path);
+    if (listener != nullptr) listener->onTableCreated(slot.path);
+    if (Slot* meta = findSlot(kVeTablePath); meta != nullptr && meta->table) {
+        veMetadata::veTable row;
+        row.oidIs(oid);
+        row.tablePathIs(slot.path);
+        row.typeNameIs(type.name());
+        row.ownerIs(ownerName);
+        writeRow(*meta, row);
+    }
+    return true;
+}
+
+bool Database::Impl::dropTable(const std::string& path) {
+    Slot* slot = findSlot(path);
+    if (slot == nullptr || !slot->table) return false;
+    std::shared_ptr<TableState> table = std::move(slot->table);
+    table->clear();  // positions still holding the table now see it empty
+    if (listener != nullptr) listener->onTableDropped(path);
+    if (Slot* meta = findSlot(kVeTablePath); meta != nullptr && meta->table) {
+        veMetadata::veTable key;
+        key.tablePathIs(path);
+        eraseRow(*meta, key);
+    }
+    eraseSlotIfUnused(*slot);
+    return true;
+}
+
+const BaseRow& Database::Impl::writeRow(Slot& slot, BaseRow& row) {
+    if (row.empty()) return kNoRow;
+    TableState& t = *slot.table;
+    const RowType& type = t.type();
+    const int oidField = type.oidField();
+    BaseRow converted;
+    BaseRow* target = &row;
+    if (row.rowType() != &type) {
+        converted = row.as(type);
+        target = &converted;
+    }
+    bool oidAssigned = false;
+    if (oidField >= 0 && t.oidInKey() && target->number(static_cast<std::size_t>(oidField)) == 0) {
+        // The oid is the key: a row without one is always new.
+        target->numberIs(static_cast<std::size_t>(oidField), ++nextOid_);
+        oidAssigned = true;
+    }
+    const TableState::Spot spot = t.locate(*target);
+    if (oidField >= 0 && target->number(static_cast<std::size_t>(oidField)) == 0) {
+        const std::uint64_t oid = spot.exists ? oidOf(spot.pos->row) : ++nextOid_;
+        target->numberIs(static_cast<std::size_t>(oidField), oid);
+        oidAssigned = true;
+    }
+    if (oidAssigned && target == &converted) {
+        // Tell the caller the oid as well, when its own row has one.
+        const RowType& callerType = *row.rowType();
+        const int f = callerType.fieldIndex("oid");
+        if (f >= 0 && isNumberKind(callerType.fields()[static_cast<std::size_t>(f)].kind))
+            row.numberIs(static_cast<std::size_t>(f), oidOf(*target));
+    }
+    const TableNode& node = t.put(spot, *target);
+    notify(slot, QueuedEvent::Kind::row, node.row);
+    if (listener != nullptr) listener->onWrite(slot.path, node.row);
+    if (!spot.exists && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(node.row);
+    return node.row;
+}
+
+bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
+    if (!slot.table || key.empty()) return false;
+    TableState& t = *slot.table;
+    const BaseRow removed = key.rowType() == &t.type() ? t.remove(key) : t.remove(key.as(t.type()));
+    if (removed.empty()) return false;
+    notify(slot, QueuedEvent::Kind::rowDelete, removed);
+    if (listener != nullptr) listener->onDelete(slot.path, removed);
+    if (slot.controlSubscriptions && options.autoPublish) controlSubscriptionRemoved(removed);
+    return true;
+}
+
+BaseRow Database::Impl::lookup(const std::string& path, const BaseRow& key, unsigned char index) const {
+    const Slot* slot = findSlot(path);
+    if (slot == nullptr || !slot->table || key.empty()) return BaseRow();
+    const TableState& t = *slot->table;
+    const TableNode* node = key.rowType() == &t.type() ? t.findIn(key, index) : t.findIn(key.as(t.type()), index);
+    return node == nullptr ? BaseRow() : node->row;
+}
+
+veMetadata::veTable Database::Impl::tableInfo(const std::string& path) const {
+    veMetadata::veTable key;
+    key.tablePathIs(path);
+    return veMetadata::veTable(lookup(kVeTablePath, key, 0));
+}
+
+veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {
+    veMetadata::veTable key;
+    key.oidIs(oid);
+    return veMetadata::veTable(lookup(kVeTablePath, key, 1));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Impl: interfaces and the queue
+
+void Database::Impl::bind(VeTableInterface& iface, const std::string& path, bool flag, const std::string& agentName) {
+    if (std::shared_ptr<Attachment>& old = HostAccess::attachment(iface)) {
+        std::shared_ptr<Attachment> previous = std::move(old);
+        detach(*previous);
+        HostAccess::unbound(iface);
+    }
+    Slot& slot = slotFor(path);
+    if (!slot.table) {
+        if (const RowType* type = findRowType(iface.rowTypeName())) createTable(slot, *type, agentName, 0);
+    }
+    auto att = std::make_shared<Attachment>();
+    att->database = owner.shared_from_this();
+    att->impl = this;
+    att->slot = &slot;
+    att->iface = &iface;
+    att->id = ++attachIds_;
+    att->observing = (iface.mode() & kModeObserve) != 0;
+    att->agentName = agentName;
+    slot.attachments.push_back(att.get());
+    HostAccess::bound(iface, path, flag, att->id);
+    HostAccess::attachment(iface) = att;
+    considerReady(*att);
+}
+
+void Database::Impl::detach(Attachment& att) {
+    Slot& slot = *att.slot;
+    std::erase(slot.attachments, &att);
+    std::erase(slot.observers, &att);
+    if (att.queued != 0) {
+        queue.removeIf([&att](const QueuedEvent& e) { return e.att == &att; });
+        att.queued = 0;
+    }
+    att.iface = nullptr;
+    eraseSlotIfUnused(slot);
+}
+
+void Database::Impl::considerReady(Attachment& att) {
+    if (att.readyQueued || att.iface == nullptr) return;
+    if (att.observing && !att.iface->clientReady()) return;
+    att.readyQueued = true;
+    if (att.observing) att.slot->observers.push_back(&att);
+    push(QueuedEvent{&att, QueuedEvent::Kind::ready, BaseRow(), nullptr});
+}
+
+void Database::Impl::notify(Slot& slot, QueuedEvent::Kind kind, const BaseRow& row) {
+    for (Attachment* att : slot.observers) push(QueuedEvent{att, kind, row, nullptr});
+}
+
+void Database::Impl::push(QueuedEvent&& e) {
+    if (e.att != nullptr) ++e.att->queued;
+    queue.push(std::move(e));
+}
+
+void Database::Impl::queueTask(std::string what, std::function<void()> run) {
+    auto task = std::make_unique<HostTask>();
+    task->what = std::move(what);
+    task->run = std::move(run);
+    push(QueuedEvent{nullptr, QueuedEvent::Kind::task, BaseRow(), std::move(task)});
+}
+
+bool Database::Impl::runOne() {
+    if (queue.empty() || delivering) return false;
+    std::size_t index = 0;
+    if (options.shuffleSeed != 0 && queue.size() > 1) {
+        // Pick a random entry, then deliver the oldest entry of the same receiver, which keeps
+        // each interface's callbacks (and the host tasks) in their own order.
+        const std::size_t pick = std::uniform_int_distribution<std::size_t>(0, queue.size() - 1)(shuffle_);
+        const Attachment* receiver = queue.at(pick).att;
+        while (queue.at(index).att != receiver) ++index;
+    }
+    QueuedEvent e = queue.take(index);
+    if (e.att != nullptr) --e.att->queued;
+    delivering = true;
+    try {
+        deliver(e);
+    } catch (...) {
+        delivering = false;
+        throw;
+    }
+    delivering = false;
+    return true;
+}
+
+void Database::Impl::deliver(QueuedEvent& e) {
+    EventListener* const l = listener;
+    if (e.att == nullptr) {
+        if (l != nullptr) l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what);
+        if (e.task->run) e.task->run();
+        if (l != nullptr) l->onDeliveryEnd();
+        return;
+    }
+    VeTableInterface& iface = *e.att->iface;
+    static const std::string kNoWhat;
+    if (l != nullptr) l->onDeliveryBegin(deliveryOf(e.kind), &iface, e.row, kNoWhat);
+    switch (e.kind) {
+        case QueuedEvent::Kind::ready:
+            HostAccess::readyIs(iface);
+            if (const auto& cb = HostAccess::onReady(iface)) cb();
+            break;
+        case QueuedEvent::Kind::row:
+            if (const auto& cb = HostAccess::onRow(iface)) cb(e.row);
+            break;
+        case QueuedEvent::Kind::rowDelete:
+            if (const auto& cb = HostAccess::onDelete(iface)) cb(e.row);
+            break;
+        case QueuedEvent::Kind::task: break;
+    }
+    if (l != nullptr) l->onDeliveryEnd();
+}
+
+void Database::Impl::handleGone(std::uint64_t handle) {
+    std::erase_if(completions_, [handle](const auto& entry) { return entry.second.handle == handle; });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Impl: host calls
+
+void Database::Impl::logCall(HostCall call) {
+    calls.push_back(std::move(call));
+    if (listener != nullptr) listener->onHostCall(calls.back());
+}
+
+void Database::Impl::registerTable(const AgentHandle& handle, const std::string& path, const std::string& typeName,
+                                   TableType type, unsigned short desiredFlags, unsigned short flags,
+                                   const std::string& ownerName) {
+    HostCall call;
+    call.kind = HostCall::Kind::registerTable;
+    call.agent = handle.options().agentName;
+    call.path = path;
+    call.typeName = typeName;
+    call.tableType = type;
+    call.desiredFlags = desiredFlags;
+    call.flags = flags;
+    call.owner = ownerName;
+    logCall(std::move(call));
+
+    const Slot* existing = findSlot(path);
+    if ((existing != nullptr && existing->table) || inFlight_.count(path) != 0) return;
+    const RowType* rowType = findRowType(typeName);
+    if (rowType == nullptr) return;  // no table can be made of an unknown type
+    if (handle.isServerAgent()) {
+        createTable(slotFor(path), *rowType, ownerName, 0);
+        return;
+    }
+    inFlight_.insert(path);
+    queueTask("registerTable " + path, [this, path, rowType, ownerName] {
+        inFlight_.erase(path);
+        Slot& slot = slotFor(path);
+        if (!slot.table) createTable(slot, *rowType, ownerName, 0);
+    });
+}
+
+void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& text, unsigned typeId,
+                                 const VeltaDB::QueryParams& params, VeltaDB::QueryCompletion done, bool standing,
+                                 const std::string& name) {
+    HostCall call;
+    call.kind = HostCall::Kind::defineQuery;
+    call.agent = handle.options().agentName;
+    call.text = text;
+    call.typeId = typeId;
+    call.params.insert(params.begin(), params.end());
+    call.standing = standing;
+    call.name = name;
+    logCall(std::move(call));
+
+    QueryInfo q;
+    q.agent = handle.options().agentName;
+    q.text = text;
+    q.typeId = typeId;
+    q.standing = standing;
+    q.name = name;
+    const std::size_t index = queries.size();
+    queries.push_back(std::move(q));
+    completionQueued_.push_back(!options.manualQueries);
+    completions_[index] = PendingCompletion{handle.id(), std::move(done)};
+    if (options.manualQueries) return;
+    queueTask("query " + text, [this, index] {
+        const std::string table = fromTable(queries[index].text);
+        const Slot* slot = table.empty() ? nullptr : findSlot(table);
+        if (!table.empty() && (slot == nullptr || !slot->table))
+            finishQuery(index, false, "No such table: " + table);
+        else
+            finishQuery(index, true, "");
+    });
+}
+
+void Database::Impl::removeQuery(const AgentHandle& handle, const std::string& name) {
+    HostCall call;
+    call.kind = HostCall::Kind::removeQuery;
+    call.agent = handle.options().agentName;
+    call.name = name;
+    logCall(std::move(call));
+}
+
+bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::string& error) {
+    for (std::size_t i = 0; i < queries.size(); ++i) {
+        if (completionQueued_[i] || queries[i].state != QueryInfo::State::pending || queries[i].text != text) continue;
+        completionQueued_[i] = true;
+        queueTask("completeQuery " + text, [this, i, ok, error] { finishQuery(i, ok, error); });
+        return true;
+    }
+    return false;
+}
+
+void Database::Impl::finishQuery(std::size_t index, bool ok, const std::string& error) {
+    QueryInfo& q = queries[index];
+    q.state = ok ? QueryInfo::State::completed : QueryInfo::State::failed;
+    q.id = ok ? ++queryIds_ : 0;
+    q.error = ok ? std::string() : error;
+    const unsigned id = q.id;
+    auto it = completions_.find(index);
+    if (it == completions_.end()) return;  // its handle is gone
+    VeltaDB::QueryCompletion done = std::move(it->second.done);
+    completions_.erase(it);
+    if (done) done(ok, id, ok ? std::string() : error);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Impl: control publications
+
+void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
+    const BaseRow key = row;
+    const std::uint64_t oid = oidOf(row);
+    queueTask("control publication " + std::to_string(oid), [this, key, oid] {
+        Slot* subs = findSlot(kCtrlSubscriptionPath);
+        if (subs == nullptr || !subs->table) return;
+        const TableNode* node = subs->table->findPrimary(key);
+        if (node == nullptr || oidOf(node->row) != oid) return;  // the control row went meanwhile
+        const veCtrl::subscription sub(node->row);
+        const veMetadata::veTable info = tableInfo(sub.tableId());
+        const RowType* resultType = info.empty() ? nullptr : findRowType(info.typeName());
+        veCtrl::publication pub;
+        pub.subscription_idIs(sub.oid());
+        pub.tableIdIs(sub.tableId());
+        pub.typeIdIs(resultType != nullptr ? resultType->id() : internal::kUnknownTypeId);
+        pub.system_idIs(sub.system_description());
+        pub.statusIs(true);
+        pub.errorIs("");
+        pub.ptimeIs(clock);
+        Slot& pubs = slotFor(kCtrlPublicationPath);
+        if (!pubs.table) createTable(pubs, veCtrl::publication::type(), "", 0);
+        writeRow(pubs, pub);
+    });
+}
+
+void Database::Impl::controlSubscriptionRemoved(const BaseRow& row) {
+    const std::uint64_t oid = oidOf(row);
+    queueTask("control publication removal " + std::to_string(oid), [this, oid] {
+        Slot* pubs = findSlot(kCtrlPublicationPath);
+        if (pubs == nullptr) return;
+        veCtrl::publication key;
+        key.subscription_idIs(static_cast<std::uint32_t>(oid));
+        eraseRow(*pubs, key);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Agent handles
+
+AgentHandle::AgentHandle(std::shared_ptr<Database> db, AgentOptions options)
+    : db_(std::move(db)), impl_(&db_->impl()), options_(std::move(options)), id_(impl_->newHandleId()) {}
+
+AgentHandle::~AgentHandle() { impl_->handleGone(id_); }
+
+void AgentHandle::bindInterface(VeTableInterface& iface, const std::string& path, bool flag) {
+    impl_->bind(iface, path, flag, options_.agentName);
+}
+
+void AgentHandle::registerTable(const std::string& path, const std::string& typeName, TableType type,
+                                unsigned short desiredFlags, unsigned short flags, const std::string& owner) {
+    impl_->registerTable(*this, path, typeName, type, desiredFlags, flags, owner);
+}
+
+void AgentHandle::defineQuery(const std::string& text, unsigned typeId, const QueryParams& params,
+                              QueryCompletion done, bool standing, const std::string& name) {
+    impl_->defineQuery(*this, text, typeId, params, std::move(done), standing, name);
+}
+
+void AgentHandle::removeQuery(const std::string& name) { impl_->removeQuery(*this, name); }
+
+veMetadata::veTable AgentHandle::tableInfo(const std::string& path) const { return impl_->tableInfo(path); }
+
+veMetadata::veTable AgentHandle::tableInfo(unsigned oid) const { return impl_->tableInfo(oid); }
+
+unsigned AgentHandle::tableTypeId(const std::string& typeName, bool) const {
+    const RowType* t = findRowType(typeName);
+    return t != nullptr ? t->id() : internal::kUnknownTypeId;
+}
+
+std::shared_ptr<const RowOps> AgentHandle::getRowOps(const std::string& typeName, unsigned char index) const {
+    return internal::rowOpsFor(findRowType(typeName), index);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The embedding facade
+
+std::string toString(const HostCall& call) {
+    std::ostringstream os;
+    switch (call.kind) {
+        case HostCall::Kind::registerTable:
+            os << "registerTable path=" << call.path << " typeName=" << call.typeName
+               << " tableType=" << static_cast<unsigned>(call.tableType) << " desiredFlags=" << call.desiredFlags
+               << " flags=" << call.flags << " owner=" << call.owner;
+            break;
+        case HostCall::Kind::defineQuery: {
+            os << "defineQuery text=\"" << call.text << "\" typeId=" << call.typeId << " params={";
+            bool first = true;
+            for (const auto& [k, v] : call.params) {
+                os << (first ? "" : ",") << k << '=' << v;
+                first = false;
+            }
+            os << "} standing=" << (call.standing ? 1 : 0) << " name=\"" << call.name << '"';
+            break;
+        }
+        case HostCall::Kind::removeQuery: os << "removeQuery name=\"" << call.name << '"'; break;
+    }
+    os << " agent=" << call.agent;
+    return os.str();
+}
+
+std::shared_ptr<Database> Database::create(Options options) {
+    std::shared_ptr<Database> db(new Database(options));
+    return db;
+}
+
+Database::Database(Options options) : impl_(std::make_unique<Impl>(*this, options)) {}
+
+Database::~Database() = default;
+
+void Database::serverProcessIs(bool value) { serverProcessFlag.store(value); }
+bool Database::serverProcess() { return serverProcessFlag.load(); }
+
+VeltaDB::p_t Database::connect(const AgentOptions& options) {
+    return std::make_shared<AgentHandle>(shared_from_this(), options);
+}
+
+std::size_t Database::runUntilIdle() {
+    if (impl_->delivering) return 0;  // never deliver from inside a callback
+    std::size_t n = 0;
+    const std::size_t bound = impl_->options.deliveryBound;
+    while (n < bound && impl_->runOne()) ++n;
+    impl_->settled = impl_->queue.empty();
+    return n;
+}
+
+bool Database::settled() const noexcept { return impl_->settled; }
+
+bool Database::runOne() { return impl_->runOne(); }
+
+std::size_t Database::pending() const noexcept { return impl_->queue.size(); }
+
+void Database::createTable(const std::string& path, const std::string& typeName, const std::string& owner,
+                           unsigned oid) {
+    const RowType* type = findRowType(typeName);
+    if (type == nullptr) throw std::invalid_argument("unknown row type: " + typeName);
+    impl_->createTable(impl_->slotFor(path), *type, owner, oid);
+}
+
+bool Database::dropTable(const std::string& path) { return impl_->dropTable(path); }
+
+bool Database::hasTable(const std::string& path) const {
+    const Slot* slot = impl_->findSlot(path);
+    return slot != nullptr && slot->table != nullptr;
+}
+
+const RowType* Database::tableType(const std::string& path) const {
+    const Slot* slot = impl_->findSlot(path);
+    return slot != nullptr && slot->table ? &slot->table->type() : nullptr;
+}
+
+BaseRow Database::write(const std::string& path, const BaseRow& row) {
+    if (row.empty()) return BaseRow();
+    Slot& slot = impl_->slotFor(path);
+    if (!slot.table) impl_->createTable(slot, *row.rowType(), "", 0);
+    BaseRow copy = row;
+    return impl_->writeRow(slot, copy);
+}
+
+bool Database::erase(const std::string& path, const BaseRow& key) {
+    Slot* slot = impl_->findSlot(path);
+    return slot != nullptr && impl_->eraseRow(*slot, key);
+}
+
+BaseRow Database::read(const std::string& path, const BaseRow& key, unsigned char index) const {
+    return impl_->lookup(path, key, index);
+}
+
+std::vector<BaseRow> Database::rows(const std::string& path) const {
+    std::vector<BaseRow> out;
+    const Slot* slot = impl_->findSlot(path);
+    if (slot == nullptr || !slot->table) return out;
+    out.reserve(slot->table->size());
+    for (const TableNode& node : slot->table->primary()) out.push_back(node.row);
+    return out;
+}
+
+std::size_t Database::rowCount(const std::string& path) const {
+    const Slot* slot = impl_->findSlot(path);
+    return slot != nullptr && slot->table ? slot->table->size() : 0;
+}
+
+std::vector<std::string> Database::tablePaths() const {
+    std::vector<std::string> out;
+    for (const auto& [path, slot] : impl_->slots) {
+        if (slot.table) out.push_back(path);
+    }
+    return out;
+}
+
+std::uint64_t Database::clock() const noexcept { return impl_->clock; }
+
+void Database::clockAdvance(std::uint64_t amount) noexcept { impl_->clock += amount; }
+
+const std::vector<HostCall>& Database::calls() const noexcept { return impl_->calls; }
+
+void Database::callsClear() { impl_->calls.clear(); }
+
+const std::vector<QueryInfo>& Database::queries() const noexcept { return impl_->queries; }
+
+bool Database::completeQuery(const std::string& text, bool ok, const std::string& error) {
+    return impl_->completeQuery(text, ok, error);
+}
+
+void Database::listenerIs(EventListener* listener) noexcept { impl_->listener = listener; }
+
+const Database::Options& Database::options() const noexcept { return impl_->options; }
+
+}  // namespace Velta::Host
+
+namespace Velta {
+
+bool VeltaDB::server() { return Host::serverProcessFlag.load(); }
+
+}  // namespace Velta

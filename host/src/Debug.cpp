@@ -1,0 +1,188 @@
+// Debug channels: one handler per channel name for the process, masks, sinks and trace capture.
+//
+// Handlers are created on first use and never destroyed (agents keep plain pointers to them in
+// function-local statics). KESTO_DEBUG is read once, when the channel registry is first touched.
+#include <Velta/Host/Debug.h>
+
+#include <Kesto/DebugSupport.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+// The C runtime's assertion report; <assert.h> declares it only when assertions are compiled
+// in, but the report is wanted in every build.
+extern "C" void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((__noreturn__));
+
+namespace Velta::Host {
+
+struct TraceSinkAccess {
+    static std::vector<TraceRecord>& records(TraceCapture& c) noexcept { return c.records_; }
+    static TraceCapture*& previous(TraceCapture& c) noexcept { return c.previous_; }
+};
+
+namespace {
+
+struct ChannelRegistry {
+    std::mutex mutex;
+    std::map<std::string, Kesto::Platform::DebugHandler*, std::less<>> handlers;
+
+    Kesto::Platform::DebugHandler* get(const std::string& name) {
+        auto it = handlers.find(name);
+        if (it != handlers.end()) return it->second;
+        auto* h = new Kesto::Platform::DebugHandler(name);
+        handlers.emplace(name, h);
+        return h;
+    }
+};
+
+std::string trim(const std::string& s) {
+    const auto b = s.find_first_not_of(" \t");
+    if (b == std::string::npos) return {};
+    const auto e = s.find_last_not_of(" \t");
+    return s.substr(b, e - b + 1);
+}
+
+// "A=0x31f,B=7" -> pairs; nullopt when any part is malformed.
+std::optional<std::vector<std::pair<std::string, std::uint32_t>>> parseMasks(const std::string& text) {
+    std::vector<std::pair<std::string, std::uint32_t>> out;
+    std::size_t pos = 0;
+    while (pos <= text.size()) {
+        const std::size_t comma = std::min(text.find(',', pos), text.size());
+        const std::string item = trim(text.substr(pos, comma - pos));
+        pos = comma + 1;
+        if (item.empty()) {
+            if (comma == text.size()) break;
+            continue;
+        }
+        const auto eq = item.find('=');
+        if (eq == std::string::npos) return std::nullopt;
+        const std::string name = trim(item.substr(0, eq));
+        const std::string value = trim(item.substr(eq + 1));
+        if (name.empty() || value.empty() || value[0] == '-' || value[0] == '+') return std::nullopt;
+        errno = 0;
+        char* end = nullptr;
+        const unsigned long long v = std::strtoull(value.c_str(), &end, 0);
+        if (errno != 0 || end == nullptr || *end != '\0' || v > 0xffffffffull) return std::nullopt;
+        out.emplace_back(name, static_cast<std::uint32_t>(v));
+    }
+    return out;
+}
+
+// Never destroyed, like the handlers it holds.
+ChannelRegistry& channels() {
+    static ChannelRegistry* const r = [] {
+        auto* reg = new ChannelRegistry;
+        if (const char* env = std::getenv("KESTO_DEBUG"); env != nullptr) {
+            if (auto masks = parseMasks(env)) {
+                for (const auto& [name, mask] : *masks) reg->get(name)->maskIs(mask);
+            } else {
+                std::fprintf(stderr, "KESTO_DEBUG is malformed and was ignored: %s\n", env);
+            }
+        }
+        return reg;
+    }();
+    return *r;
+}
+
+std::mutex& captureMutex() {
+    static std::mutex m;
+    return m;
+}
+TraceCapture* currentCapture = nullptr;
+
+}  // namespace
+
+void debugMaskIs(const std::string& channel, std::uint32_t mask) {
+    Kesto::Platform::getDebugHandler(channel)->maskIs(mask);
+}
+
+std::uint32_t debugMask(const std::string& channel) { return Kesto::Platform::getDebugHandler(channel)->mask(); }
+
+bool debugMasksFromText(const std::string& text) {
+    const auto masks = parseMasks(text);
+    if (!masks) return false;
+    for (const auto& [name, mask] : *masks) debugMaskIs(name, mask);
+    return true;
+}
+
+void debugMasksClear() {
+    ChannelRegistry& r = channels();
+    std::lock_guard lock(r.mutex);
+    for (auto& [name, handler] : r.handlers) handler->maskIs(0);
+}
+
+TraceCapture::TraceCapture() {
+    std::lock_guard lock(captureMutex());
+    previous_ = currentCapture;
+    currentCapture = this;
+}
+
+TraceCapture::~TraceCapture() {
+    std::lock_guard lock(captureMutex());
+    if (currentCapture == this) {
+        currentCapture = previous_;
+        return;
+    }
+    // Ended out of order: unlink it from the chain.
+    for (TraceCapture* c = currentCapture; c != nullptr; c = c->previous_) {
+        if (c->previous_ == this) {
+            c->previous_ = previous_;
+            break;
+        }
+    }
+}
+
+std::vector<std::string> TraceCapture::messages(const std::string& channel) const {
+    std::vector<std::string> out;
+    for (const TraceRecord& r : records_) {
+        if (channel.empty() || r.channel == channel) out.push_back(r.message);
+    }
+    return out;
+}
+
+std::string toString(const TraceRecord& record) {
+    return record.channel + "[" + std::to_string(record.level) + "] " + record.file + ":" +
+           std::to_string(record.line) + " " + record.function + ": " + record.message;
+}
+
+}  // namespace Velta::Host
+
+namespace Kesto::Platform {
+
+DebugHandler::DebugHandler(std::string name) : name_(std::move(name)) {}
+
+DebugHandler::~DebugHandler() = default;
+
+void DebugHandler::emit(DebugStream& message, unsigned level, const char* file, unsigned line,
+                        const char* function) {
+    Velta::Host::TraceRecord record{name_, level, file ? file : "", line, function ? function : "", message.str()};
+    {
+        std::lock_guard lock(Velta::Host::captureMutex());
+        if (Velta::Host::currentCapture != nullptr) {
+            Velta::Host::TraceSinkAccess::records(*Velta::Host::currentCapture).push_back(std::move(record));
+            return;
+        }
+    }
+    const std::string text = Velta::Host::toString(record) + "\n";
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+DebugHandler* getDebugHandler(const std::string& name) {
+    auto& r = Velta::Host::channels();
+    std::lock_guard lock(r.mutex);
+    return r.get(name);
+}
+
+void assertionFailed(const char* expression, const char* file, unsigned line, const char* function) {
+    std::fflush(stdout);
+    __assert_fail(expression, file, line, function);
+}
+
+}  // namespace Kesto::Platform

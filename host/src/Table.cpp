@@ -1,0 +1,384 @@
+// Tables with their two indexes, positions in them (VeRowIterator) and table interfaces.
+//
+// A position keeps the index node it stands on together with the index's version at that time
+// and the row it saw. While the version is unchanged the node is used directly; otherwise the
+// position re-seeks by the saved row's key (exact for *, successor for ++), which is what makes
+// walks survive inserts and deletions, including deletion of the row at the position.
+#include "HostInternal.h"
+
+#include <cstring>
+
+namespace Velta::detail {
+
+namespace {
+
+template <class It>
+void storeNode(unsigned char (&buf)[sizeof(void*)], It pos) noexcept {
+    std::memcpy(buf, &pos, sizeof pos);
+}
+
+template <class It>
+It loadNode(const unsigned char (&buf)[sizeof(void*)]) noexcept {
+    It pos;
+    std::memcpy(&pos, buf, sizeof pos);
+    return pos;
+}
+
+bool prefixIsKey(const RowType& type) noexcept {
+    return type.keyFields().size() == 1 && isNumberKind(type.fields()[type.keyFields().front()].kind);
+}
+
+}  // namespace
+
+TableState::TableState(const RowType& type, std::string path)
+    : type_(&type),
+      path_(std::move(path)),
+      primary_(PrimaryLess{&type, prefixIsKey(type)}),
+      byOid_(OidLess{&type, prefixIsKey(type)}) {
+    const auto& fields = type.fields();
+    if (type.oidField() >= 0) {
+        hasOid_ = true;
+        oidSlot_ = fields[static_cast<std::size_t>(type.oidField())].slot;
+    }
+    for (const std::uint16_t k : type.keyFields()) {
+        if (static_cast<int>(k) == type.oidField()) oidInKey_ = true;
+    }
+    if (!type.keyFields().empty()) {
+        const RowType::Field& first = fields[type.keyFields().front()];
+        hasPrefix_ = first.kind != FieldKind::strings;
+        prefixKind_ = first.kind;
+        prefixSlot_ = first.slot;
+    }
+}
+
+KeyProbe TableState::probe(const RowData& data) const noexcept {
+    KeyProbe p{&data, 0, hasOid_ ? data.numbers[oidSlot_] : 0};
+    if (hasPrefix_) {
+        if (isNumberKind(prefixKind_)) {
+            p.prefix = data.numbers[prefixSlot_];
+        } else {
+            // The first eight bytes, big-endian and zero-padded: ordered like the strings.
+            const std::string& s = data.strings[prefixSlot_];
+            const std::size_t n = s.size() < 8 ? s.size() : 8;
+            for (std::size_t i = 0; i < n; ++i)
+                p.prefix |= static_cast<std::uint64_t>(static_cast<unsigned char>(s[i])) << (56 - 8 * i);
+        }
+    }
+    return p;
+}
+
+const TableNode* TableState::findPrimary(const BaseRow& key) const {
+    auto it = primary_.find(probe(key));
+    return it == primary_.end() ? nullptr : &*it;
+}
+
+const TableNode* TableState::findIn(const BaseRow& key, unsigned char index) const {
+    if (effectiveIndex(index) == 0) return findPrimary(key);
+    const std::uint64_t oid = key.data()->numbers[oidSlot_];
+    auto it = byOid_.lower_bound(OidProbe{oid});
+    return it == byOid_.end() || (*it)->oid != oid ? nullptr : *it;
+}
+
+TableState::Spot TableState::locate(const BaseRow& key) const {
+    const KeyProbe p = probe(key);
+    auto pos = primary_.lower_bound(p);
+    return {pos, pos != primary_.end() && !primary_.key_comp()(p, *pos)};
+}
+
+const TableNode& TableState::put(Spot spot, BaseRow row) {
+    if (spot.exists) {
+        const TableNode& node = *spot.pos;
+        const std::uint64_t oid = hasOid_ ? row.data()->numbers[oidSlot_] : 0;
+        if (node.oid != oid) {
+            byOid_.erase(node.oidPos);
+            node.row = std::move(row);
+            node.oid = oid;
+            node.oidPos = byOid_.insert(&node).first;
+            ++version_[1];
+        } else {
+            node.row = std::move(row);
+        }
+        return node;
+    }
+    const KeyProbe p = probe(row);
+    auto it = primary_.emplace_hint(spot.pos, std::move(row), p.prefix, p.oid);
+    ++version_[0];
+    if (hasOid_) {
+        it->oidPos = byOid_.insert(&*it).first;
+        ++version_[1];
+    }
+    return *it;
+}
+
+BaseRow TableState::remove(const BaseRow& key) {
+    auto it = primary_.find(probe(key));
+    if (it == primary_.end()) return BaseRow();
+    if (hasOid_) {
+        byOid_.erase(it->oidPos);
+        ++version_[1];
+    }
+    BaseRow row = std::move(it->row);
+    primary_.erase(it);
+    ++version_[0];
+    return row;
+}
+
+void TableState::clear() {
+    byOid_.clear();
+    primary_.clear();
+    ++version_[0];
+    ++version_[1];
+}
+
+VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, PrimaryIndex::const_iterator pos) {
+    VeRowIterator it;
+    if (pos == table->primary().end()) return it;
+    it.table_ = table;
+    it.index_ = 0;
+    it.version_ = table->version(0);
+    storeNode(it.node_, pos);
+    it.row_ = pos->row;
+    return it;
+}
+
+VeRowIterator HostAccess::oidAt(const std::shared_ptr<TableState>& table, OidIndex::const_iterator pos) {
+    VeRowIterator it;
+    if (pos == table->byOid().end()) return it;
+    it.table_ = table;
+    it.index_ = 1;
+    it.version_ = table->version(1);
+    storeNode(it.node_, pos);
+    it.row_ = (*pos)->row;
+    return it;
+}
+
+}  // namespace Velta::detail
+
+namespace Velta {
+
+using detail::OidIndex;
+using detail::PrimaryIndex;
+using detail::TableState;
+
+VeRowIterator& VeRowIterator::operator++() {
+    if (row_.empty()) return *this;
+    const TableState& t = *table_;
+    if (index_ == 0) {
+        PrimaryIndex::const_iterator pos;
+        if (version_ == t.version(0)) {
+            pos = detail::loadNode<PrimaryIndex::const_iterator>(node_);
+            ++pos;
+        } else {
+            pos = t.primary().upper_bound(t.probe(row_));
+            version_ = t.version(0);
+        }
+        if (pos == t.primary().end()) {
+            row_.clear();
+            table_.reset();
+            return *this;
+        }
+        detail::storeNode(node_, pos);
+        row_ = pos->row;
+    } else {
+        OidIndex::const_iterator pos;
+        if (version_ == t.version(1)) {
+            pos = detail::loadNode<OidIndex::const_iterator>(node_);
+            ++pos;
+        } else {
+            pos = t.byOid().upper_bound(t.probe(row_));
+            version_ = t.version(1);
+        }
+        if (pos == t.byOid().end()) {
+            row_.clear();
+            table_.reset();
+            return *this;
+        }
+        detail::storeNode(node_, pos);
+        row_ = (*pos)->row;
+    }
+    return *this;
+}
+
+const BaseRow& VeRowIterator::operator*() const {
+    if (row_.empty()) return row_;
+    const TableState& t = *table_;
+    const detail::TableNode* node = nullptr;
+    if (version_ == t.version(index_)) {
+        node = index_ == 0 ? &*detail::loadNode<PrimaryIndex::const_iterator>(node_)
+                           : *detail::loadNode<OidIndex::const_iterator>(node_);
+    } else if (index_ == 0) {
+        // The index changed under the position: find its row again (it may be gone).
+        auto pos = t.primary().find(t.probe(row_));
+        if (pos != t.primary().end()) {
+            detail::storeNode(node_, pos);
+            version_ = t.version(0);
+            node = &*pos;
+        }
+    } else {
+        auto pos = t.byOid().find(t.probe(row_));
+        if (pos != t.byOid().end()) {
+            detail::storeNode(node_, pos);
+            version_ = t.version(1);
+            node = *pos;
+        }
+    }
+    if (node != nullptr && !row_.sameData(node->row)) row_ = node->row;
+    return row_;
+}
+
+bool operator==(const VeRowIterator& a, const VeRowIterator& b) noexcept {
+    if (a.row_.empty() || b.row_.empty()) return a.row_.empty() && b.row_.empty();
+    if (a.table_ != b.table_ || a.index_ != b.index_) return false;
+    if (a.row_.sameData(b.row_)) return true;
+    const RowType& type = a.table_->type();
+    return (a.index_ == 0 ? type.compareKey(*a.row_.data(), *b.row_.data())
+                          : type.compareOidKey(*a.row_.data(), *b.row_.data())) == 0;
+}
+
+VeTableInterface::VeTableInterface(const std::string& ifName, const std::string& rowTypeName, unsigned char mode,
+                                   ReadyCallback ready, RowCallback row, RowCallback rowDelete, FlagCallback flag)
+    : Schedulable(ifName),
+      rowTypeName_(rowTypeName),
+      mode_(mode),
+      onReady_(std::move(ready)),
+      onRow_(std::move(row)),
+      onDelete_(std::move(rowDelete)),
+      onFlag_(std::move(flag)) {}
+
+VeTableInterface::~VeTableInterface() {
+    if (attachment_) {
+        // Keep the attachment (and through it the database) alive until detaching is done.
+        std::shared_ptr<detail::Attachment> att = std::move(attachment_);
+        att->impl->detach(*att);
+    }
+}
+
+void VeTableInterface::activate(bool value) { activated_ = value; }
+
+void VeTableInterface::deactivate(bool value) {
+    if (value) activated_ = false;
+}
+
+void VeTableInterface::activateIndex(unsigned char) {
+    // Index 1 is always maintained; nothing to switch on.
+}
+
+namespace {
+
+const std::shared_ptr<TableState>* tableOf(const std::shared_ptr<detail::Attachment>& att) noexcept {
+    if (!att || !att->slot->table) return nullptr;
+    return &att->slot->table;
+}
+
+// `key` as a row of the table's type (shared when it already is one).
+BaseRow keyFor(const TableState& t, const BaseRow& key) { return key.rowType() == &t.type() ? key : key.as(t.type()); }
+
+}  // namespace
+
+VeRowIterator VeTableInterface::begin(unsigned char index) const {
+    const auto* table = tableOf(attachment_);
+    if (table == nullptr) return VeRowIterator();
+    if ((*table)->effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, (*table)->primary().begin());
+    return detail::HostAccess::oidAt(*table, (*table)->byOid().begin());
+}
+
+VeRowIterator VeTableInterface::end(unsigned char) const { return VeRowIterator(); }
+
+VeRowIterator VeTableInterface::find(const BaseRow& key, unsigned char index) const {
+    const auto* table = tableOf(attachment_);
+    if (table == nullptr || key.empty()) return VeRowIterator();
+    const TableState& t = **table;
+    const BaseRow k = keyFor(t, key);
+    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.primary().find(t.probe(k)));
+    const detail::TableNode* node = t.findIn(k, 1);
+    return node == nullptr ? VeRowIterator() : detail::HostAccess::oidAt(*table, node->oidPos);
+}
+
+VeRowIterator VeTableInterface::lower_bound(const BaseRow& key, unsigned char index) const {
+    const auto* table = tableOf(attachment_);
+    if (table == nullptr) return VeRowIterator();
+    const TableState& t = **table;
+    if (key.empty()) return begin(index);
+    const BaseRow k = keyFor(t, key);
+    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.primary().lower_bound(t.probe(k)));
+    return detail::HostAccess::oidAt(*table, t.byOid().lower_bound(t.probe(k)));
+}
+
+BaseRow VeTableInterface::row(const BaseRow& key, unsigned char index) const {
+    const auto* table = tableOf(attachment_);
+    if (table == nullptr || key.empty()) return BaseRow();
+    const TableState& t = **table;
+    const detail::TableNode* node =
+        key.rowType() == &t.type() ? t.findIn(key, index) : t.findIn(key.as(t.type()), index);
+    return node == nullptr ? BaseRow() : node->row;
+}
+
+void VeTableInterface::rowIs(BaseRow& row) {
+    if (!attachment_ || row.empty()) return;
+    detail::Attachment& att = *attachment_;
+    detail::Slot& slot = *att.slot;
+    if (!slot.table) {
+        // The table was dropped: writing through the interface creates it again.
+        const RowType* type = Host::findRowType(rowTypeName_);
+        att.impl->createTable(slot, type != nullptr ? *type : *row.rowType(), att.agentName, 0);
+    }
+    att.impl->writeRow(slot, row);
+}
+
+void VeTableInterface::rowDel(const BaseRow& key) {
+    if (!attachment_ || key.empty()) return;
+    attachment_->impl->eraseRow(*attachment_->slot, key);
+}
+
+VeRowIterator VeTableInterface::rowDel(VeRowIterator& position) {
+    if (position.atEnd()) return VeRowIterator();
+    VeRowIterator next = position;
+    ++next;
+    const BaseRow victim = *position;
+    const auto* table = tableOf(attachment_);
+    if (table != nullptr && *table == detail::HostAccess::table(position)) attachment_->impl->eraseRow(*attachment_->slot, victim);
+    return next;
+}
+
+void VeTableInterface::onClientReady() {
+    // Readiness is decided in _considerRunnability, which clientReadyIs(true) calls next.
+}
+
+void VeTableInterface::_considerRunnability() {
+    if (attachment_) attachment_->impl->considerReady(*attachment_);
+}
+
+}  // namespace Velta
+
+namespace Velta::Host {
+
+void EventQueue::push(QueuedEvent&& e) {
+    if (size_ == buf_.size()) {
+        std::vector<QueuedEvent> bigger(buf_.empty() ? 64 : buf_.size() * 2);
+        for (std::size_t i = 0; i < size_; ++i) bigger[i] = std::move(at(i));
+        buf_.swap(bigger);
+        head_ = 0;
+    }
+    buf_[(head_ + size_) & (buf_.size() - 1)] = std::move(e);
+    ++size_;
+}
+
+QueuedEvent EventQueue::take(std::size_t i) {
+    QueuedEvent e = std::move(at(i));
+    if (i == 0) {
+        head_ = (head_ + 1) & (buf_.size() - 1);
+    } else {
+        for (std::size_t j = i; j + 1 < size_; ++j) at(j) = std::move(at(j + 1));
+        at(size_ - 1) = QueuedEvent{};
+    }
+    --size_;
+    return e;
+}
+
+void EventQueue::clear() {
+    for (std::size_t i = 0; i < size_; ++i) at(i) = QueuedEvent{};
+    head_ = 0;
+    size_ = 0;
+}
+
+}  // namespace Velta::Host

@@ -1,0 +1,206 @@
+// The process-wide row-type registry, the built-in records' operators and row operations.
+//
+// Built-in types are registered first, from detail::kBuiltinTypes, with ids 1 to 7 in that order;
+// user types follow. Types are never removed, so plain pointers to them stay valid for the process.
+#include "HostInternal.h"
+
+#include <Velta/Host/Database.h>
+#include <Velta/Records.h>
+#include <Velta/VeltaDB.h>
+
+#include <map>
+#include <mutex>
+#include <ostream>
+#include <set>
+#include <stdexcept>
+
+namespace Velta::Host::internal {
+
+namespace {
+
+class TypeRowOps final : public RowOps {
+public:
+    TypeRowOps(const RowType* type, unsigned char index) noexcept : type_(type), index_(index) {}
+    bool keyLess(const BaseRow& a, const BaseRow& b) const override {
+        const RowData* x = a.data();
+        const RowData* y = b.data();
+        if (type_ != nullptr && x != nullptr && y != nullptr && x->type == type_ && y->type == type_)
+            return (index_ == 0 ? type_->compareKey(*x, *y) : type_->compareOidKey(*x, *y)) < 0;
+        return compareRows(a, b, index_) < 0;
+    }
+
+private:
+    const RowType* type_;
+    unsigned char index_;
+};
+
+struct TypeRegistry {
+    std::mutex mutex;
+    std::map<std::string, std::unique_ptr<RowType>, std::less<>> byName;
+    std::vector<const RowType*> byId;  // id - 1
+    std::map<std::pair<unsigned, unsigned char>, std::shared_ptr<const RowOps>> ops;
+
+    const RowType& add(const std::string& name, const std::vector<FieldSpec>& fields,
+                       const std::vector<std::string>& keyFields) {
+        std::vector<RowType::Field> list;
+        list.reserve(fields.size());
+        for (const FieldSpec& f : fields) list.push_back({f.name, f.kind, 0});
+        std::vector<std::uint16_t> key;
+        for (const std::string& k : keyFields) {
+            for (std::size_t i = 0; i < fields.size(); ++i) {
+                if (fields[i].name == k) key.push_back(static_cast<std::uint16_t>(i));
+            }
+        }
+        const unsigned id = static_cast<unsigned>(byId.size() + 1);
+        auto type = std::make_unique<RowType>(name, id, std::move(list), std::move(key));
+        const RowType* t = type.get();
+        byName.emplace(name, std::move(type));
+        byId.push_back(t);
+        return *t;
+    }
+};
+
+// Never destroyed: agents and rows may still use types while the process exits.
+TypeRegistry& registry() {
+    static TypeRegistry* const r = [] {
+        auto* reg = new TypeRegistry;
+        for (const Velta::detail::BuiltinType& b : Velta::detail::kBuiltinTypes) {
+            std::vector<FieldSpec> fields;
+            for (std::size_t i = 0; i < b.fieldCount; ++i) fields.push_back({b.fields[i].name, b.fields[i].kind});
+            std::vector<std::string> key(b.key, b.key + b.keyCount);
+            reg->add(b.name, fields, key);
+        }
+        return reg;
+    }();
+    return *r;
+}
+
+bool sameDefinition(const RowType& t, const std::vector<FieldSpec>& fields, const std::vector<std::string>& key) {
+    if (t.fields().size() != fields.size() || t.keyFields().size() != key.size()) return false;
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        if (t.fields()[i].name != fields[i].name || t.fields()[i].kind != fields[i].kind) return false;
+    }
+    for (std::size_t i = 0; i < key.size(); ++i) {
+        if (t.fields()[t.keyFields()[i]].name != key[i]) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+const RowType* typeById(unsigned id) {
+    TypeRegistry& r = registry();
+    std::lock_guard lock(r.mutex);
+    return id >= 1 && id <= r.byId.size() ? r.byId[id - 1] : nullptr;
+}
+
+std::shared_ptr<const RowOps> rowOpsFor(const RowType* type, unsigned char index) {
+    TypeRegistry& r = registry();
+    const unsigned char idx = index == 0 ? 0 : 1;
+    std::lock_guard lock(r.mutex);
+    auto& slot = r.ops[{type ? type->id() : 0u, idx}];
+    if (!slot) slot = std::make_shared<TypeRowOps>(type, idx);
+    return slot;
+}
+
+int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index) noexcept {
+    const RowData* x = a.data();
+    const RowData* y = b.data();
+    if (x == nullptr || y == nullptr) return (x != nullptr) - (y != nullptr);
+    if (x->type != y->type) return x->type->id() < y->type->id() ? -1 : 1;
+    return index == 0 ? x->type->compareKey(*x, *y) : x->type->compareOidKey(*x, *y);
+}
+
+}  // namespace Velta::Host::internal
+
+namespace Velta::Host {
+
+const RowType& defineRowType(const std::string& name, const std::vector<FieldSpec>& fields,
+                             const std::vector<std::string>& keyFields) {
+    if (name.empty()) throw std::invalid_argument("row type name is empty");
+    std::set<std::string, std::less<>> names;
+    for (const FieldSpec& f : fields) {
+        if (f.name.empty()) throw std::invalid_argument("row type " + name + ": empty field name");
+        if (!names.insert(f.name).second) throw std::invalid_argument("row type " + name + ": duplicate field " + f.name);
+    }
+    std::set<std::string, std::less<>> keys;
+    for (const std::string& k : keyFields) {
+        if (names.count(k) == 0) throw std::invalid_argument("row type " + name + ": key field " + k + " is no field");
+        if (!keys.insert(k).second) throw std::invalid_argument("row type " + name + ": key field " + k + " twice");
+    }
+    auto& r = internal::registry();
+    std::lock_guard lock(r.mutex);
+    if (auto it = r.byName.find(name); it != r.byName.end()) {
+        if (!internal::sameDefinition(*it->second, fields, keyFields))
+            throw std::invalid_argument("row type " + name + " is already defined differently");
+        return *it->second;
+    }
+    if (r.byId.size() + 1 >= internal::kUnknownTypeId) throw std::invalid_argument("too many row types");
+    return r.add(name, fields, keyFields);
+}
+
+const RowType* findRowType(const std::string& name) {
+    auto& r = internal::registry();
+    std::lock_guard lock(r.mutex);
+    auto it = r.byName.find(name);
+    return it == r.byName.end() ? nullptr : it->second.get();
+}
+
+std::optional<FieldKind> parseFieldKind(const std::string& text) {
+    static const std::pair<const char*, FieldKind> kinds[] = {
+        {"u16", FieldKind::u16},       {"u32", FieldKind::u32},       {"u64", FieldKind::u64},
+        {"bool", FieldKind::boolean},  {"string", FieldKind::string}, {"strings", FieldKind::strings},
+    };
+    for (const auto& [n, k] : kinds) {
+        if (text == n) return k;
+    }
+    return std::nullopt;
+}
+
+}  // namespace Velta::Host
+
+namespace Velta {
+
+const RowType& builtinRowType(BuiltinRow which) {
+    const RowType* t = Host::internal::typeById(static_cast<unsigned>(which) + 1);
+    KESTO_ASSERT(t != nullptr, __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    return *t;
+}
+
+bool keyLess(const BaseRow& a, const BaseRow& b) noexcept { return Host::internal::compareRows(a, b, 0) < 0; }
+
+BaseRow VeltaDB::veClass(const std::string& name) {
+    const RowType* t = Host::findRowType(name);
+    if (t == nullptr) return BaseRow();
+    veMetadata::veClass row;
+    row.nameIs(t->name());
+    row.typeIdIs(t->id());
+    std::vector<std::string> fields;
+    fields.reserve(t->fields().size());
+    for (const RowType::Field& f : t->fields()) fields.push_back(f.name + ":" + fieldKindName(f.kind));
+    row.fieldsIs(fields);
+    return row;
+}
+
+namespace External {
+bool operator<(const Subscription& a, const Subscription& b) noexcept { return keyLess(a, b); }
+std::ostream& operator<<(std::ostream& os, const Subscription& row) { return os << row.toString(); }
+bool operator<(const Publication& a, const Publication& b) noexcept { return keyLess(a, b); }
+std::ostream& operator<<(std::ostream& os, const Publication& row) { return os << row.toString(); }
+}  // namespace External
+
+namespace veCtrl {
+bool operator<(const subscription& a, const subscription& b) noexcept { return keyLess(a, b); }
+std::ostream& operator<<(std::ostream& os, const subscription& row) { return os << row.toString(); }
+bool operator<(const publication& a, const publication& b) noexcept { return keyLess(a, b); }
+std::ostream& operator<<(std::ostream& os, const publication& row) { return os << row.toString(); }
+}  // namespace veCtrl
+
+namespace veMetadata {
+bool operator<(const veTable& a, const veTable& b) noexcept { return keyLess(a, b); }
+std::ostream& operator<<(std::ostream& os, const veTable& row) { return os << row.toString(); }
+bool operator<(const SystemDescription& a, const SystemDescription& b) noexcept { return keyLess(a, b); }
+std::ostream& operator<<(std::ostream& os, const SystemDescription& row) { return os << row.toString(); }
+}  // namespace veMetadata
+
+}  // namespace Velta

@@ -1,0 +1,395 @@
+// Helpers shared by the tests: building rows from field/value pairs, listing tables and host
+// calls as lines, finding captured traces, scoped debug masks, and a fixture with one database.
+//
+// Everything here goes through the embedding API (Velta/Host/*.h) and the host interface only.
+#pragma once
+
+#include <Velta/BaseRow.h>
+#include <Velta/Host/Database.h>
+#include <Velta/Host/Debug.h>
+#include <Velta/Records.h>
+#include <Velta/VeltaDB.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace Velta::Test {
+
+// One field value for makeRow: a number (any integer or bool), a string or a list of strings.
+struct FieldValue {
+    std::variant<std::uint64_t, std::string, std::vector<std::string>> value;
+
+    FieldValue(bool v) : value(static_cast<std::uint64_t>(v)) {}                   // NOLINT
+    FieldValue(int v) : value(static_cast<std::uint64_t>(v)) {}                    // NOLINT
+    FieldValue(unsigned v) : value(static_cast<std::uint64_t>(v)) {}               // NOLINT
+    FieldValue(long v) : value(static_cast<std::uint64_t>(v)) {}                   // NOLINT
+    FieldValue(unsigned long v) : value(static_cast<std::uint64_t>(v)) {}          // NOLINT
+    FieldValue(long long v) : value(static_cast<std::uint64_t>(v)) {}              // NOLINT
+    FieldValue(unsigned long long v) : value(static_cast<std::uint64_t>(v)) {}     // NOLINT
+    FieldValue(const char* v) : value(std::string(v)) {}                           // NOLINT
+    FieldValue(std::string v) : value(std::move(v)) {}                             // NOLINT
+    FieldValue(std::vector<std::string> v) : value(std::move(v)) {}                // NOLINT
+    FieldValue(std::initializer_list<const char*> v)                               // NOLINT
+        : value(std::vector<std::string>(v.begin(), v.end())) {}
+};
+
+using FieldValues = std::vector<std::pair<std::string, FieldValue>>;
+
+// A row of `type` with the given fields set (others zero, false or empty). Throws
+// std::invalid_argument for an unknown field or a value of the wrong kind.
+inline BaseRow makeRow(const RowType& type, const FieldValues& values) {
+    BaseRow row(type);
+    for (const auto& [name, fv] : values) {
+        const int index = type.fieldIndex(name);
+        if (index < 0) throw std::invalid_argument("no field " + name + " in " + type.name());
+        const auto field = static_cast<std::size_t>(index);
+        const FieldKind kind = type.fields()[field].kind;
+        if (isNumberKind(kind)) {
+            if (!std::holds_alternative<std::uint64_t>(fv.value)) throw std::invalid_argument(name + ": number expected");
+            row.numberIs(field, std::get<std::uint64_t>(fv.value));
+        } else if (kind == FieldKind::string) {
+            if (!std::holds_alternative<std::string>(fv.value)) throw std::invalid_argument(name + ": string expected");
+            row.stringIs(field, std::get<std::string>(fv.value));
+        } else {
+            if (!std::holds_alternative<std::vector<std::string>>(fv.value))
+                throw std::invalid_argument(name + ": string list expected");
+            row.stringsIs(field, std::get<std::vector<std::string>>(fv.value));
+        }
+    }
+    return row;
+}
+
+// The same, by type name (built-in or user type). Throws std::invalid_argument for an unknown type.
+inline BaseRow makeRow(const std::string& typeName, const FieldValues& values) {
+    const RowType* type = Host::findRowType(typeName);
+    if (type == nullptr) throw std::invalid_argument("no row type " + typeName);
+    return makeRow(*type, values);
+}
+
+// A typed record built from field/value pairs, e.g. makeRecord<External::Publication>({...}).
+template <class RecordT>
+RecordT makeRecord(const FieldValues& values) {
+    return RecordT(makeRow(RecordT::type(), values));
+}
+
+// toString() of every row, in order.
+inline std::vector<std::string> rowLines(const std::vector<BaseRow>& rows) {
+    std::vector<std::string> lines;
+    lines.reserve(rows.size());
+    for (const BaseRow& row : rows) lines.push_back(row.toString());
+    return lines;
+}
+
+// Every row of the table at `path`, as toString() lines in primary-key order.
+inline std::vector<std::string> tableLines(const Host::Database& db, const std::string& path) {
+    return rowLines(db.rows(path));
+}
+
+// Every row of an interface's table in the order of `index`, as toString() lines.
+inline std::vector<std::string> interfaceLines(const VeTableInterface& iface, unsigned char index = 0) {
+    std::vector<std::string> lines;
+    for (VeRowIterator it = iface.begin(index); it != iface.end(index); ++it) lines.push_back((*it).toString());
+    return lines;
+}
+
+// The host-call log as lines (Host::toString of each call).
+inline std::vector<std::string> callLines(const Host::Database& db) {
+    std::vector<std::string> lines;
+    for (const Host::HostCall& call : db.calls()) lines.push_back(Host::toString(call));
+    return lines;
+}
+
+// Captured traces matching `channel` (empty: any), `level` (nullopt: any) and containing `text`.
+inline std::vector<Host::TraceRecord> findTraces(const Host::TraceCapture& capture, const std::string& channel,
+                                                 std::optional<unsigned> level, const std::string& text = "") {
+    std::vector<Host::TraceRecord> found;
+    for (const Host::TraceRecord& r : capture.records()) {
+        if (!channel.empty() && r.channel != channel) continue;
+        if (level && r.level != *level) continue;
+        if (r.message.find(text) == std::string::npos) continue;
+        found.push_back(r);
+    }
+    return found;
+}
+
+inline bool hasTrace(const Host::TraceCapture& capture, const std::string& channel, unsigned level,
+                     const std::string& text) {
+    return !findTraces(capture, channel, level, text).empty();
+}
+
+// Captured traces as "Channel[level] file:line function: message" lines.
+inline std::vector<std::string> traceLines(const Host::TraceCapture& capture) {
+    std::vector<std::string> lines;
+    for (const Host::TraceRecord& r : capture.records()) lines.push_back(Host::toString(r));
+    return lines;
+}
+
+// Sets a channel's mask for the lifetime of the object, then restores the previous one.
+class ScopedDebugMask {
+public:
+    ScopedDebugMask(std::string channel, std::uint32_t mask)
+        : channel_(std::move(channel)), previous_(Host::debugMask(channel_)) {
+        Host::debugMaskIs(channel_, mask);
+    }
+    ~ScopedDebugMask() { Host::debugMaskIs(channel_, previous_); }
+    ScopedDebugMask(const ScopedDebugMask&) = delete;
+    ScopedDebugMask& operator=(const ScopedDebugMask&) = delete;
+
+private:
+    std::string channel_;
+    std::uint32_t previous_;
+};
+
+// An interface whose callbacks append "<ifName> ready", "<ifName> row <row>" and
+// "<ifName> delete <row>" to a shared log; `onEvent` (if set) runs after each entry is logged.
+class RecordingInterface {
+public:
+    RecordingInterface(std::vector<std::string>& log, const std::string& ifName, const std::string& rowTypeName,
+                       unsigned char mode = kModeRead | kModeObserve)
+        : log_(&log),
+          iface(ifName, rowTypeName, mode, [this] { record("ready", BaseRow()); },
+                [this](const BaseRow& r) { record("row", r); }, [this](const BaseRow& r) { record("delete", r); },
+                VeTableInterface::FlagCallback()) {}
+    RecordingInterface(const RecordingInterface&) = delete;
+    RecordingInterface& operator=(const RecordingInterface&) = delete;
+
+    std::function<void(const std::string& what, const BaseRow& row)> onEvent;
+
+private:
+    void record(const std::string& what, const BaseRow& row) {
+        log_->push_back(iface.ifName() + " " + what + (row.empty() ? "" : " " + row.toString()));
+        if (onEvent) onEvent(what, row);
+    }
+    std::vector<std::string>* log_;
+
+public:
+    VeTableInterface iface;
+};
+
+// A fixture with one database (default options unless the test sets options_ and calls
+// reset()) and helpers to connect agents.
+class HostTest : public ::testing::Test {
+protected:
+    HostTest() : db_(Host::Database::create(options_)) {}
+
+    // Replaces the database with a fresh one made with `options`. Earlier handles stay valid
+    // (they keep their own database alive) but no longer reach db_.
+    void reset(const Host::Database::Options& options) {
+        options_ = options;
+        db_ = Host::Database::create(options_);
+    }
+
+    VeltaDB::p_t connect(const std::string& agentName, bool serverAgent = false, bool external = false,
+                         bool standalone = true, const std::string& systemName = "") {
+        Host::AgentOptions o;
+        o.agentName = agentName;
+        o.systemName = systemName.empty() ? agentName : systemName;
+        o.serverAgent = serverAgent;
+        o.external = external;
+        o.standalone = standalone;
+        return db_->connect(o);
+    }
+    VeltaDB::p_t connectServer(const std::string& agentName = "server") { return connect(agentName, true, false, true); }
+
+    // Delivers everything queued and checks that the loop settled.
+    std::size_t run() {
+        const std::size_t n = db_->runUntilIdle();
+        EXPECT_TRUE(db_->settled());
+        return n;
+    }
+
+    std::vector<std::string> lines(const std::string& path) const { return tableLines(*db_, path); }
+
+    Host::Database::Options options_{};
+    std::shared_ptr<Host::Database> db_;
+};
+
+}  // namespace Velta::Test
+
+// ---- Helpers for the SubscriptionTranslator tests ----
+
+#include <Velta/Agent/SubscriptionTranslator.h>
+
+#include <sstream>
+
+namespace Velta::Test {
+
+// Every write and delete the host makes, by whoever: "+path row" and "-path row" lines.
+class ChangeLog : public Host::EventListener {
+public:
+    void onDeliveryBegin(Delivery, const VeTableInterface*, const BaseRow&, const std::string&) override {}
+    void onDeliveryEnd() override {}
+    void onWrite(const std::string& path, const BaseRow& row) override { lines.push_back("+" + path + " " + row.toString()); }
+    void onDelete(const std::string& path, const BaseRow& row) override { lines.push_back("-" + path + " " + row.toString()); }
+    void onHostCall(const Host::HostCall&) override {}
+    void onTableCreated(const std::string&) override {}
+    void onTableDropped(const std::string&) override {}
+
+    // The lines about `path`, in order, without the path.
+    std::vector<std::string> linesFor(const std::string& path) const {
+        std::vector<std::string> found;
+        for (const std::string& line : lines) {
+            if (line.compare(1, path.size() + 1, path + " ") == 0) found.push_back(line.substr(0, 1) + line.substr(path.size() + 2));
+        }
+        return found;
+    }
+    std::vector<std::string> lines;
+};
+
+// A record's streamed form, for building expected trace messages.
+template <class T>
+std::string streamed(const T& value) {
+    std::ostringstream out;
+    out << value;
+    return out.str();
+}
+
+// A fixture with one translator in an agent of a chosen kind, the user row type "Test::Item" and
+// a change log. The translator holds the only reference to its handle, so destroying it also
+// drops the host's pending query completions for it.
+class TranslatorTest : public HostTest {
+protected:
+    enum class Kind { server, standalone, perAgent };
+
+    TranslatorTest() { Host::Database::serverProcessIs(false); }
+    ~TranslatorTest() override {
+        translator_.reset();
+        db_->listenerIs(nullptr);
+        Host::Database::serverProcessIs(false);
+    }
+
+    static const RowType& itemType() {
+        return Host::defineRowType("Test::Item", {{"key", FieldKind::string}, {"value", FieldKind::u32}}, {"key"});
+    }
+
+    static Host::AgentOptions agentOptions(Kind kind, const std::string& agentName, const std::string& systemName) {
+        Host::AgentOptions o;
+        o.agentName = agentName;
+        o.systemName = systemName;
+        o.serverAgent = kind == Kind::server;
+        o.external = kind != Kind::server;
+        o.standalone = kind != Kind::perAgent;
+        return o;
+    }
+
+    // Builds a translator in a new agent of `kind` (after the database's change log is attached)
+    // and runs the loop, so its ready pass is done.
+    Agent::SubscriptionTranslator& start(Kind kind, const std::string& agentName = "A",
+                                         const std::string& systemName = "sysA") {
+        itemType();
+        db_->listenerIs(&log_);
+        translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(kind, agentName, systemName)));
+        run();
+        return *translator_;
+    }
+
+    void writeSystem(unsigned oid, const std::string& sysName, const std::string& agentName, unsigned properties = 1) {
+        db_->write("velta/metadata/SystemDescription",
+                   makeRecord<veMetadata::SystemDescription>(
+                       {{"oid", oid}, {"sysName", sysName}, {"agentName", agentName}, {"properties", properties}}));
+    }
+
+    // Writes an external subscription (typeName defaults to "Test::Item") and returns it as stored.
+    External::Subscription writeSubscription(FieldValues values, const std::string& path = "velta/External/Subscription") {
+        itemType();
+        bool typed = false;
+        for (const auto& [name, value] : values) typed = typed || name == "typeName";
+        if (!typed) values.emplace_back("typeName", "Test::Item");
+        return External::Subscription(db_->write(path, makeRecord<External::Subscription>(values)));
+    }
+
+    veMetadata::veTable tableRow(const std::string& path) const {
+        return veMetadata::veTable(db_->read("velta/metadata/veTable", makeRecord<veMetadata::veTable>({{"tablePath", path}})));
+    }
+
+    // The id the host gives "Test::Item".
+    unsigned itemTypeId() {
+        itemType();
+        return db_->connect(agentOptions(Kind::standalone, "probe", "probe"))->tableTypeId("Test::Item", false);
+    }
+
+    // The host-call log, one line per call with the fields that matter for its kind.
+    std::vector<std::string> calls() const {
+        std::vector<std::string> lines;
+        for (const Host::HostCall& c : db_->calls()) {
+            std::ostringstream out;
+            switch (c.kind) {
+                case Host::HostCall::Kind::registerTable:
+                    out << "registerTable " << c.path << " " << c.typeName << " type=" << static_cast<int>(c.tableType)
+                        << " desired=" << c.desiredFlags << " flags=" << c.flags << " owner=" << c.owner;
+                    break;
+                case Host::HostCall::Kind::defineQuery:
+                    out << "defineQuery " << c.text << " typeId=" << c.typeId << " params={";
+                    for (const auto& [name, value] : c.params) out << name << "=" << value << ";";
+                    out << "} standing=" << c.standing << " name=" << c.name;
+                    break;
+                case Host::HostCall::Kind::removeQuery:
+                    out << "removeQuery " << c.name;
+                    break;
+            }
+            lines.push_back(out.str());
+        }
+        return lines;
+    }
+
+    // The translator's captured traces as "L<level> <file>:<line> <function> | <message>".
+    static std::vector<std::string> traces(const Host::TraceCapture& capture) {
+        std::vector<std::string> lines;
+        for (const Host::TraceRecord& r : capture.records()) {
+            if (r.channel != "SubscriptionTranslator") continue;
+            lines.push_back("L" + std::to_string(r.level) + " " + r.file + ":" + std::to_string(r.line) + " " + r.function +
+                            " | " + r.message);
+        }
+        return lines;
+    }
+
+    inline static const std::string kExtSubs = "velta/External/Subscription";
+    inline static const std::string kExtPub = "velta/External/Publication";
+    inline static const std::string kCtrlSubs = "velta/veCtrl/subscription";
+    inline static const std::string kCtrlPub = "velta/veCtrl/publication";
+
+    // The control subscription with that connection_id (an external subscription's oid), or empty.
+    veCtrl::subscription ctrlFor(std::uint32_t connectionId, const std::string& path = kCtrlSubs) const {
+        for (const BaseRow& row : db_->rows(path)) {
+            const veCtrl::subscription c(row);
+            if (c.connection_id() == connectionId) return c;
+        }
+        return veCtrl::subscription();
+    }
+    // The client's publication row for an external subscription oid, or empty.
+    External::Publication extPubFor(std::uint32_t subscriptionId) const {
+        return External::Publication(
+            db_->read(kExtPub, makeRecord<External::Publication>({{"subscription_id", subscriptionId}})));
+    }
+
+    // The registry entry of `sub`: a test failure, and an entry with every field set, when missing.
+    static const Agent::SubscriptionEntry& entryOf(const Agent::SubscriptionTranslator& t,
+                                                   const External::Subscription& sub) {
+        static const Agent::SubscriptionEntry missing = [] {
+            Agent::SubscriptionEntry e(true, true, ~0u, ~0u, ~0u);
+            e.sid = ~0u;
+            return e;
+        }();
+        const std::shared_ptr<Agent::SubscriptionEntry> entry = t.subscription(sub);
+        if (!entry) {
+            ADD_FAILURE() << "no registry entry for " << sub;
+            return missing;
+        }
+        return *entry;  // kept alive by the registry
+    }
+
+    std::unique_ptr<Agent::SubscriptionTranslator> translator_;
+    ChangeLog log_;
+};
+
+}  // namespace Velta::Test

@@ -1,0 +1,442 @@
+// SubscriptionTranslator: construction, readiness, teardown and tracing, and one walk-through per
+// kind of agent from construction to teardown, on the in-memory host.
+#include "TestSupport.h"
+
+#include <Velta/Agent/SubscriptionTranslator.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Velta::Test {
+namespace {
+
+const std::string kChannel = "SubscriptionTranslator";
+const std::string kCompleteSignature =
+    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, Velta::Agent::TableRow, "
+    "bool, bool, bool, Velta::oid_t, Velta::oid_t, const string&)";
+const std::string kCommonSignature =
+    "void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon(const Velta::BaseRow&, bool)";
+
+Host::Database::Options autoPublishing() {
+    Host::Database::Options o;
+    o.autoPublish = true;
+    return o;
+}
+
+class LifecycleTest : public TranslatorTest {
+protected:
+    // Every row of every table, as "path row" lines.
+    std::vector<std::string> snapshot() const {
+        std::vector<std::string> out;
+        for (const std::string& path : db_->tablePaths()) {
+            for (const std::string& l : lines(path)) out.push_back(path + " " + l);
+        }
+        return out;
+    }
+};
+
+// ---------------------------------------------------------------------------------------------
+// Construction, readiness and teardown
+
+TEST_F(LifecycleTest, ConstructorRequiresServerOrExternalAgent) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Host::AgentOptions plain;
+    plain.agentName = "plain";
+    plain.systemName = "sys";
+    VeltaDB::p_t handle = db_->connect(plain);
+    EXPECT_DEATH({ Agent::SubscriptionTranslator t(handle); },
+                 "SubscriptionTranslator:327: Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::"
+                 "VeltaDB::p_t\\): Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed");
+    // The start-up notice comes first.
+    ScopedDebugMask mask(kChannel, 1);
+    EXPECT_DEATH({ Agent::SubscriptionTranslator t(handle); }, "SubscriptionTranslator starting for plain:sys");
+}
+
+// Construction traces, then an onTableReady with nothing ready names only the first interface of
+// the list; the ready pass runs once all are ready.
+TEST_F(LifecycleTest, ConstructionAndReadinessTraces) {
+    ScopedDebugMask mask(kChannel, 0x3ff);
+    Host::TraceCapture capture;
+    itemType();
+    translator_ = std::make_unique<Agent::SubscriptionTranslator>(
+        db_->connect(agentOptions(Kind::server, "server", "serverSys")));
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L0 SubscriptionTranslator:326 SubscriptionTranslator | SubscriptionTranslator starting for "
+                  "server:serverSys",
+                  "L8 SubscriptionTranslator:347 SubscriptionTranslator | "
+                  "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator(Velta::VeltaDB::p_t)",
+              }));
+    EXPECT_FALSE(translator_->debugChannel().ownsHandler());
+    EXPECT_EQ(translator_->debugChannel().handler(), Kesto::Platform::getDebugHandler("SubscriptionTranslator"));
+
+    capture.clear();
+    translator_->onTableReady();
+    EXPECT_EQ(traces(capture), std::vector<std::string>{
+                                   "L9 SubscriptionTranslator:394 onTableReady | extSubsObserver_ not ready"});
+
+    capture.clear();
+    run();
+    const auto passes = findTraces(capture, kChannel, 8, "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()");
+    ASSERT_EQ(passes.size(), 1u);
+    EXPECT_EQ(passes[0].line, 417u);
+    EXPECT_EQ(passes[0].function, "extSubsOnReady");
+    EXPECT_EQ(passes[0].file, "SubscriptionTranslator");
+    for (const auto& r : findTraces(capture, kChannel, 9, " not ready")) {
+        EXPECT_EQ(r.line, 394u);
+        EXPECT_EQ(r.function, "onTableReady");
+    }
+    for (VeTableInterface* iface : translator_->requiredInterfaces()) EXPECT_TRUE(iface->ready()) << iface->ifName();
+}
+
+// The shared debug handler outlives every translator: objects never own it.
+TEST_F(LifecycleTest, TeardownKeepsTheSharedHandler) {
+    Kesto::Platform::DebugHandler* handler = Agent::SubscriptionTranslator::__kestoDebug::getHandler();
+    ASSERT_NE(handler, nullptr);
+    start(Kind::server, "s1", "sys");
+    start(Kind::standalone, "s2", "sys");
+    translator_.reset();
+    EXPECT_EQ(Agent::SubscriptionTranslator::__kestoDebug::getHandler(), handler);
+    EXPECT_EQ(Kesto::Platform::getDebugHandler("SubscriptionTranslator"), handler);
+    ScopedDebugMask mask(kChannel, 1);
+    Host::TraceCapture capture;
+    start(Kind::server, "s3", "sys");
+    EXPECT_EQ(traces(capture), std::vector<std::string>{"L0 SubscriptionTranslator:326 SubscriptionTranslator | "
+                                                        "SubscriptionTranslator starting for s3:sys"});
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tracing
+
+// Exact text, line and function of the traces along a non-server agent's intake, a late table,
+// and the carry-over of a publication.
+TEST_F(LifecycleTest, TraceTextsOfANonServerFlow) {
+    writeSystem(20, "sysA", "A");
+    start(Kind::standalone, "A", "sysA");
+    ScopedDebugMask mask(kChannel, 0x3ff);
+    Host::TraceCapture capture;
+    const External::Subscription sub = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/tt"},
+                                                          {"queryText", "SELECT * FROM velta/out/tt"},
+                                                          {"standing", true}});
+    run();
+    const veMetadata::veTable table = tableRow("velta/out/tt");
+    const std::uint32_t sid = ctrlFor(sub.oid()).oid();
+    ASSERT_NE(sid, 0u);
+    const std::string s = streamed(sub);
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L8 SubscriptionTranslator:477 extSubsOnRowCommon | " + kCommonSignature + " (perClient:0): " + s,
+                  "L4 SubscriptionTranslator:556 extSubsOnRowCommon | Table row not ready for velta/out/tt",
+                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature + "( ok:0, sid:0,tr?0): " +
+                      s + "[Table row not ready for velta/out/tt]",
+                  "L8 SubscriptionTranslator:641 onTableRow | "
+                  "void Velta::Agent::SubscriptionTranslator::onTableRow(const Velta::BaseRow&): ",
+                  "L9 SubscriptionTranslator:642 onTableRow |   table row: " + streamed(table),
+                  "L8 SubscriptionTranslator:477 extSubsOnRowCommon | " + kCommonSignature + " (perClient:0): " + s,
+                  "L4 SubscriptionTranslator:593 extSubsOnRowCommon | [sysA:20] subscribe r velta/out/tt",
+                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature + "( ok:1, sid:" +
+                      std::to_string(sid) + ",tr?1): " + s + "[]",
+                  "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/tt, 0=>" +
+                      std::to_string(sid),
+              }));
+
+    capture.clear();
+    const BaseRow pub = db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", sub.oid()}}));
+    run();
+    ASSERT_TRUE(db_->erase(kExtPub, pub));
+    run();
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L8 SubscriptionTranslator:889 extPubOnRow | "
+                  "void Velta::Agent::SubscriptionTranslator::extPubOnRow(const Velta::BaseRow&)",
+                  "L9 SubscriptionTranslator:891 extPubOnRow |  External publication: " +
+                      streamed(External::Publication(pub)),
+                  "L8 SubscriptionTranslator:950 extPubOnDelete | "
+                  "void Velta::Agent::SubscriptionTranslator::extPubOnDelete(const Velta::BaseRow&)",
+              }));
+}
+
+// Exact traces of the server's publication handlers.
+TEST_F(LifecycleTest, TraceTextsOfServerPublications) {
+    itemType();
+    writeSystem(10, "clientSys", "client");
+    db_->createTable("velta/in/items", "Test::Item");
+    start(Kind::server, "server", "serverSys");
+    const External::Subscription sub = writeSubscription(
+        {{"system_description", 10}, {"outputPath", "velta/out/ts"}, {"queryText", "SELECT key FROM velta/in/items"}});
+    run();
+    const std::uint32_t sid = ctrlFor(sub.oid()).oid();
+    const veCtrl::publication internal = makeRecord<veCtrl::publication>(
+        {{"subscription_id", sid}, {"tableId", tableRow("velta/out/ts").oid()}, {"typeId", itemTypeId()}, {"status", true}});
+
+    ScopedDebugMask mask(kChannel, 0x3ff);
+    Host::TraceCapture capture;
+    db_->write(kCtrlPub, internal);
+    run();
+    ASSERT_TRUE(db_->erase(kCtrlPub, internal));
+    run();
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L8 SubscriptionTranslator:760 pubOnRow | "
+                  "void Velta::Agent::SubscriptionTranslator::pubOnRow(const Velta::BaseRow&): " + streamed(internal),
+                  "L4 SubscriptionTranslator:822 pubOnRow | [serverSys:10] defineQuery (velta/out/ts) SELECT key FROM "
+                  "velta/in/items",
+                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature + "( ok:1, sid:" +
+                      std::to_string(sid) + ",tr?1): " + streamed(sub) + "[]",
+                  "L8 SubscriptionTranslator:846 pubOnDelete | "
+                  "void Velta::Agent::SubscriptionTranslator::pubOnDelete(const Velta::BaseRow&)",
+              }));
+}
+
+// Every trace is emitted at its own level only when that level is on, and tracing changes nothing
+// else: for each single level the traces are exactly the full run's traces of that level, and with
+// the mask 0 there are none while the tables end up the same.
+TEST_F(LifecycleTest, TracesFollowTheMaskLevelByLevel) {
+    auto scenario = [this](std::uint32_t mask) {
+        translator_.reset();
+        reset(autoPublishing());
+        ScopedDebugMask scoped(kChannel, mask);
+        Host::TraceCapture capture;
+        itemType();
+        writeSystem(10, "clientSys", "client");
+        writeSystem(11, "internalSys", "member", 0);
+        db_->createTable("velta/in/items", "Test::Item");
+        start(Kind::server, "server", "serverSys");
+        const External::Subscription query = writeSubscription(
+            {{"system_description", 10}, {"outputPath", "velta/out/q"}, {"queryText", "SELECT key FROM velta/in/items"},
+             {"paramName", {"p"}}, {"paramValue", {"v"}}});
+        const External::Subscription reader = writeSubscription(
+            {{"system_description", 10}, {"outputPath", "velta/out/r"}, {"queryText", "SELECT * FROM velta/out/r"},
+             {"standing", true}});
+        writeSubscription({{"system_description", 11}, {"outputPath", "velta/out/m"}, {"queryText", "SELECT 1"}});
+        writeSubscription({{"system_description", 99}, {"outputPath", "velta/out/x"}});
+        run();
+        db_->erase(kExtSubs, query);
+        db_->erase(kExtSubs, reader);
+        run();
+        translator_.reset();
+        // A non-server agent: unrelated subscriptions, a late table and publications.
+        writeSystem(20, "sysA", "A");
+        start(Kind::standalone, "A", "sysA");
+        const External::Subscription own = writeSubscription(
+            {{"system_description", 20}, {"outputPath", "velta/out/a"}, {"queryText", "SELECT 1"}});
+        writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/b"}, {"queryText", "SELECT 1"}});
+        run();
+        db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", own.oid()}}));
+        db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", 4242}}));
+        run();
+        translator_.reset();
+        std::vector<std::pair<unsigned, std::string>> recorded;
+        for (const auto& r : capture.records()) {
+            if (r.channel == kChannel) recorded.emplace_back(r.level, toString(r));
+        }
+        return std::make_pair(recorded, snapshot());
+    };
+
+    const auto full = scenario(0xffffffffu);
+    const auto silent = scenario(0);
+    EXPECT_TRUE(silent.first.empty());
+    EXPECT_EQ(silent.second, full.second);
+    for (unsigned level : {0u, 1u, 2u, 4u, 6u, 8u, 9u}) {
+        SCOPED_TRACE(level);
+        std::vector<std::pair<unsigned, std::string>> expected;
+        for (const auto& r : full.first) {
+            if (r.first == level) expected.push_back(r);
+        }
+        if (level == 0 || level == 2 || level == 4 || level == 8 || level == 9) {
+            EXPECT_FALSE(expected.empty());
+        }
+        EXPECT_EQ(scenario(1u << level).first, expected);
+    }
+    for (const auto& r : full.first) {
+        EXPECT_TRUE(r.first == 0 || r.first == 2 || r.first == 4 || r.first == 8 || r.first == 9) << r.second;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Walk-throughs, one per kind of agent
+
+// Server agent: intake, mirrored publications and the query, a changed publication, withdrawal,
+// teardown.
+TEST_F(LifecycleTest, WalkThroughServerAgent) {
+    reset(autoPublishing());
+    itemType();
+    writeSystem(10, "clientSys", "client");
+    db_->createTable("velta/in/items", "Test::Item");
+    Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
+    const unsigned typeId = itemTypeId();
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
+    EXPECT_EQ(db_->rowCount(kExtPub), 0u);
+    EXPECT_TRUE(calls().empty());
+
+    // Intake and publication.
+    const External::Subscription query = writeSubscription({{"system_description", 10},
+                                                            {"outputPath", "velta/out/wq"},
+                                                            {"queryText", "SELECT key FROM velta/in/items"},
+                                                            {"standing", true}});
+    const External::Subscription reader = writeSubscription({{"system_description", 10},
+                                                             {"outputPath", "velta/out/wr"},
+                                                             {"queryText", "SELECT * FROM velta/out/wr"},
+                                                             {"standing", true}});
+    run();
+    const std::uint32_t querySid = ctrlFor(query.oid()).oid();
+    const std::uint32_t readerSid = ctrlFor(reader.oid()).oid();
+    ASSERT_NE(querySid, 0u);
+    ASSERT_NE(readerSid, 0u);
+    const std::uint32_t queryTable = tableRow("velta/out/wq").oid();
+    const std::uint32_t readerTable = tableRow("velta/out/wr").oid();
+    auto extPub = [&](const External::Subscription& s, std::uint32_t sid, std::uint32_t table, bool status,
+                      const std::string& error) {
+        return makeRecord<External::Publication>({{"subscription_id", s.oid()}, {"publication_id", sid},
+                                                  {"tableId", table}, {"typeId", typeId}, {"status", status},
+                                                  {"error", error}}).toString();
+    };
+    EXPECT_EQ(lines(kExtPub), (std::vector<std::string>{extPub(query, querySid, queryTable, true, ""),
+                                                        extPub(reader, readerSid, readerTable, true, "")}));
+    EXPECT_EQ(db_->rowCount(kCtrlPub), 2u);
+    EXPECT_EQ(calls(), (std::vector<std::string>{
+                           "registerTable velta/out/wq Test::Item type=0 desired=0 flags=0 owner=",
+                           "registerTable velta/out/wr Test::Item type=0 desired=0 flags=0 owner=",
+                           "defineQuery SELECT key FROM velta/in/items typeId=" + std::to_string(typeId) +
+                               " params={} standing=1 name=",
+                       }));
+    EXPECT_EQ(t.publications().size(), 2u);
+
+    // The host reports a problem with the query's publication: the client sees it.
+    db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", querySid}, {"tableId", queryTable},
+                                                          {"typeId", typeId}, {"system_id", 10}, {"status", false},
+                                                          {"error", "lost"}}));
+    run();
+    EXPECT_EQ(lines(kExtPub), (std::vector<std::string>{extPub(query, querySid, queryTable, false, "lost"),
+                                                        extPub(reader, readerSid, readerTable, true, "")}));
+
+    // Withdrawal of both: rows go, the query is removed, the host's publications follow.
+    db_->callsClear();
+    ASSERT_TRUE(db_->erase(kExtSubs, query));
+    ASSERT_TRUE(db_->erase(kExtSubs, reader));
+    run();
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
+    EXPECT_EQ(db_->rowCount(kExtPub), 0u);
+    EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
+    EXPECT_EQ(calls(), std::vector<std::string>{"removeQuery velta/out/wq"});
+    EXPECT_EQ(t.subscriptionCount(), 0u);
+    EXPECT_TRUE(t.publications().empty());
+    EXPECT_EQ(t.externalSubscriptionId(querySid), 0u);
+
+    // Teardown removes nothing.
+    const std::vector<std::string> before = snapshot();
+    translator_.reset();
+    run();
+    EXPECT_EQ(snapshot(), before);
+    EXPECT_EQ(calls().size(), 1u);
+}
+
+// Standalone non-server agent: a late table, publications carried to the control side, withdrawal,
+// teardown.
+TEST_F(LifecycleTest, WalkThroughStandaloneNonServerAgent) {
+    writeSystem(20, "sysA", "A");
+    Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
+
+    const External::Subscription sub = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/sa"},
+                                                          {"queryText", "SELECT * INTO velta/out/sa"},
+                                                          {"standing", true}});
+    run();
+    const veCtrl::subscription ctrl = ctrlFor(sub.oid());
+    ASSERT_FALSE(ctrl.empty());
+    EXPECT_TRUE(ctrl.writer());
+    EXPECT_EQ(ctrl.tableId(), tableRow("velta/out/sa").oid());
+    EXPECT_EQ(tableRow("velta/out/sa").owner(), "A");
+    EXPECT_EQ(db_->rowCount(kExtPub), 0u);
+    EXPECT_EQ(calls(), std::vector<std::string>{"registerTable velta/out/sa Test::Item type=0 desired=0 flags=0 owner=A"});
+    EXPECT_TRUE(t.pendingTableSubscriptions().empty());
+
+    // The client publishes, then changes its publication.
+    auto clientPub = [&](bool status, const std::string& error) {
+        return makeRecord<External::Publication>({{"subscription_id", sub.oid()}, {"tableId", ctrl.tableId()},
+                                                  {"typeId", 9}, {"ptime", 5}, {"status", status}, {"error", error}});
+    };
+    auto carried = [&](bool status, const std::string& error) {
+        return makeRecord<veCtrl::publication>({{"subscription_id", ctrl.oid()}, {"tableId", ctrl.tableId()},
+                                                {"typeId", 9}, {"ptime", 5}, {"system_id", 20}, {"status", status},
+                                                {"error", error}}).toString();
+    };
+    db_->write(kExtPub, clientPub(true, ""));
+    run();
+    EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{carried(true, "")});
+    db_->write(kExtPub, clientPub(false, "full"));
+    run();
+    EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{carried(false, "full")});
+
+    // Withdrawal: only the registry and the control row.
+    ASSERT_TRUE(db_->erase(kExtSubs, sub));
+    run();
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
+    EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{carried(false, "full")});
+    EXPECT_EQ(db_->rowCount(kExtPub), 1u);
+    EXPECT_EQ(t.subscriptionCount(), 0u);
+    EXPECT_EQ(calls().size(), 1u);
+
+    const std::vector<std::string> before = snapshot();
+    translator_.reset();
+    run();
+    EXPECT_EQ(snapshot(), before);
+}
+
+// Per-agent non-server agent: shared and per-client rows, a publication, withdrawal of both kinds
+// of row, a second ready pass, teardown.
+TEST_F(LifecycleTest, WalkThroughPerAgentNonServerAgent) {
+    itemType();
+    writeSystem(20, "sysA", "A");
+    db_->createTable("velta/out/pa", "Test::Item");
+    db_->createTable("velta/out/pc", "Test::Item");
+    Agent::SubscriptionTranslator& t = start(Kind::perAgent, "A", "sysA");
+    const std::string clientTable = "velta/External/input/A/Subscription";
+    ASSERT_TRUE(db_->hasTable(clientTable));
+
+    const External::Subscription shared = writeSubscription(
+        {{"system_description", 20}, {"outputPath", "velta/out/pa"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription perClient = writeSubscription(
+        {{"oid", 7}, {"system_description", 20}, {"outputPath", "velta/out/pc"}, {"queryText", "SELECT 2"}, {"standing", true}},
+        clientTable);
+    run();
+    const veCtrl::subscription sharedCtrl = ctrlFor(shared.oid());
+    const veCtrl::subscription clientCtrl = ctrlFor(0);
+    ASSERT_FALSE(sharedCtrl.empty());
+    ASSERT_FALSE(clientCtrl.empty());
+    EXPECT_EQ(clientCtrl.tableId(), tableRow("velta/out/pc").oid());
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 2u);
+    EXPECT_EQ(t.subscriptionCount(), 2u);
+    EXPECT_TRUE(calls().empty());
+
+    db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", shared.oid()}, {"status", true}}));
+    run();
+    EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{makeRecord<veCtrl::publication>(
+                                   {{"subscription_id", sharedCtrl.oid()}, {"system_id", 20}, {"status", true}}).toString()});
+
+    // A per-client row has no withdrawal of its own; the shared one does.
+    ASSERT_TRUE(db_->erase(clientTable, perClient));
+    ASSERT_TRUE(db_->erase(kExtSubs, shared));
+    run();
+    EXPECT_EQ(lines(kCtrlSubs), std::vector<std::string>{clientCtrl.toString()});
+    EXPECT_EQ(t.subscriptionCount(), 1u);
+
+    // The next ready pass finds no external subscription behind the per-client control row.
+    t.onTableReady();
+    run();
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
+    EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
+
+    const std::vector<std::string> before = snapshot();
+    translator_.reset();
+    run();
+    EXPECT_EQ(snapshot(), before);
+}
+
+}  // namespace
+}  // namespace Velta::Test
