@@ -1,0 +1,287 @@
+// velta-bench: Google Benchmark functions for each measured thing, and two modes of its own.
+//
+//   velta-bench [benchmark options]   the BM_ functions, as Google Benchmark runs them
+//   velta-bench --ratios [--reps=N]   each comparison in one process, interleaved repetitions,
+//                                     medians; one "ratio <name> <value> goal <op> <limit>" line
+//                                     each and a "bytes_per_row <value>" line on standard output,
+//                                     the absolute times as "#" lines on standard error
+//   velta-bench --curve [--reps=N]    "<keys> <aggregator ns/event> <forwarder ns/event>" lines
+//                                     for 1k to 1M keys (the data of docs/performance.png)
+//   velta-bench --profile=NAME [--keys=N] [--units=N]
+//                                     builds one workload (aggregator, forwarder, sqlite, hostwrite,
+//                                     map, intake, resync, lookups, memory) and runs it once, for a
+//                                     profiler such as valgrind --tool=callgrind
+#include "BenchSupport.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <string>
+
+namespace Velta::Bench {
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Google Benchmark mode. Worlds are expensive to build (up to a million keys), so the last one
+// built is kept for the next run of the same benchmark and dropped when another one is needed.
+
+Workload& cachedWorkload(const std::string& id, const std::function<std::unique_ptr<Workload>()>& make) {
+    static std::string currentId;
+    static std::unique_ptr<Workload> current;
+    if (id != currentId || !current) {
+        current.reset();
+        current = make();
+        currentId = id;
+    }
+    return *current;
+}
+
+constexpr std::size_t kUnitsPerIteration = 4096;
+
+// `units` per iteration: workloads that always do a whole pass (resync) use the pass's size.
+void runWorkload(benchmark::State& state, Workload& workload, std::size_t units = kUnitsPerIteration) {
+    double totalNs = 0;
+    for (auto _ : state) {
+        const double ns = workload.nsPerUnit(units);
+        totalNs += ns;
+        state.SetIterationTime(ns * static_cast<double>(units) * 1e-9);
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * units));
+    state.counters["ns_per_unit"] = totalNs / static_cast<double>(state.iterations());
+}
+
+MergeShape shapeWithKeys(std::int64_t keys) {
+    MergeShape shape;
+    shape.keys = static_cast<std::size_t>(keys);
+    return shape;
+}
+
+void BM_AggregatorEvent(benchmark::State& state) {
+    const MergeShape shape = shapeWithKeys(state.range(0));
+    runWorkload(state, cachedWorkload("aggregator/" + std::to_string(shape.keys),
+                                      [&] { return makeAggregatorWorkload(shape); }));
+}
+BENCHMARK(BM_AggregatorEvent)->Arg(1'000)->Arg(100'000)->Arg(1'000'000)->UseManualTime();
+
+void BM_ForwarderEvent(benchmark::State& state) {
+    const MergeShape shape = shapeWithKeys(state.range(0));
+    runWorkload(state, cachedWorkload("forwarder/" + std::to_string(shape.keys),
+                                      [&] { return makeForwarderWorkload(shape); }));
+}
+BENCHMARK(BM_ForwarderEvent)->Arg(1'000)->Arg(100'000)->Arg(1'000'000)->UseManualTime();
+
+void BM_SqliteMergeEvent(benchmark::State& state) {
+    const MergeShape shape = shapeWithKeys(state.range(0));
+    runWorkload(state,
+                cachedWorkload("sqlite/" + std::to_string(shape.keys), [&] { return makeSqliteWorkload(shape); }));
+}
+BENCHMARK(BM_SqliteMergeEvent)->Arg(100'000)->UseManualTime();
+
+void BM_HostWriteDelivered(benchmark::State& state) {
+    const auto keys = static_cast<std::size_t>(state.range(0));
+    runWorkload(state, cachedWorkload("hostwrite/" + std::to_string(keys), [&] { return makeHostWriteWorkload(keys); }));
+}
+BENCHMARK(BM_HostWriteDelivered)->Arg(100'000)->UseManualTime();
+
+void BM_MapInsertOrAssign(benchmark::State& state) {
+    const auto keys = static_cast<std::size_t>(state.range(0));
+    runWorkload(state, cachedWorkload("map/" + std::to_string(keys), [&] { return makeMapWorkload(keys); }));
+}
+BENCHMARK(BM_MapInsertOrAssign)->Arg(100'000)->UseManualTime();
+
+void BM_TranslatorIntake(benchmark::State& state) {
+    runWorkload(state, cachedWorkload("intake", [] { return makeIntakeWorkload(); }));
+}
+BENCHMARK(BM_TranslatorIntake)->UseManualTime();
+
+void BM_Resync(benchmark::State& state) {
+    const auto keys = static_cast<std::size_t>(state.range(0));
+    runWorkload(state, cachedWorkload("resync/" + std::to_string(keys),
+                                      [&] { return std::move(makeResyncWorkloads(keys).resync); }),
+                keys);
+}
+BENCHMARK(BM_Resync)->Arg(100'000)->UseManualTime();
+
+void BM_ResyncLookups(benchmark::State& state) {
+    const auto keys = static_cast<std::size_t>(state.range(0));
+    runWorkload(state, cachedWorkload("lookups/" + std::to_string(keys),
+                                      [&] { return std::move(makeResyncWorkloads(keys).lookups); }),
+                keys);
+}
+BENCHMARK(BM_ResyncLookups)->Arg(100'000)->UseManualTime();
+
+void BM_BytesPerRow(benchmark::State& state) {
+    double bytes = 0;
+    for (auto _ : state) bytes = measureBytesPerRow(static_cast<std::size_t>(state.range(0)));
+    state.counters["bytes_per_row"] = bytes;
+}
+BENCHMARK(BM_BytesPerRow)->Arg(100'000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// ---------------------------------------------------------------------------------------------
+// --ratios and --curve.
+
+struct Goal {
+    const char* name;
+    const char* op;  // "<=" or ">="
+    double limit;
+};
+
+void printRatio(const Goal& goal, double value) {
+    std::printf("ratio %s %.3g goal %s %g\n", goal.name, value, goal.op, goal.limit);
+    std::fflush(stdout);
+}
+
+void note(const char* what, double aNs, double bNs) {
+    std::fprintf(stderr, "# %s: %.1f ns / %.1f ns\n", what, aNs, bNs);
+}
+
+// Median ratio, with the medians of both sides noted on standard error.
+double compare(const char* what, Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits, int reps) {
+    const RatioResult result = medianRatio(a, aUnits, b, bUnits, reps);
+    note(what, result.aNs, result.bNs);
+    return result.ratio;
+}
+
+int runRatios(int reps) {
+    constexpr std::size_t kEvents = 50'000;
+    MergeShape shape100k;
+    shape100k.keys = 100'000;
+    {
+        auto aggregator = makeAggregatorWorkload(shape100k);
+        {
+            auto forwarder = makeForwarderWorkload(shape100k);
+            printRatio({"aggregator_vs_forwarder", "<=", 1.3},
+                       compare("aggregator/forwarder ns per event, 100k keys", *aggregator, kEvents, *forwarder,
+                               kEvents, reps));
+        }
+        {
+            auto write = makeHostWriteWorkload(100'000);
+            auto map = makeMapWorkload(100'000);
+            printRatio({"host_write_vs_map", "<=", 3},
+                       compare("host write+delivery/map insert-or-assign ns, 100k keys", *write, kEvents, *map,
+                               kEvents, reps));
+        }
+        {
+            auto sqlite = makeSqliteWorkload(shape100k);
+            printRatio({"sqlite_vs_aggregator", ">=", 10},
+                       compare("sqlite/aggregator ns per event, 100k keys", *sqlite, kEvents / 5, *aggregator,
+                               kEvents, reps));
+        }
+    }
+    {
+        MergeShape small = shape100k;
+        small.keys = 1'000;
+        MergeShape large = shape100k;
+        large.keys = 1'000'000;
+        auto big = makeAggregatorWorkload(large);
+        auto little = makeAggregatorWorkload(small);
+        printRatio({"scaling_1m_vs_1k", "<=", 3},
+                   compare("aggregator ns per event, 1M/1k keys", *big, kEvents, *little, kEvents, reps));
+    }
+    {
+        auto intake = makeIntakeWorkload();
+        auto write = makeHostWriteWorkload(100'000);
+        printRatio({"translator_intake_vs_write", "<=", 10},
+                   compare("intake/host write ns", *intake, kEvents / 5, *write, kEvents, reps));
+    }
+    {
+        ResyncPair resync = makeResyncWorkloads(100'000);
+        printRatio({"resync_vs_lookup", "<=", 1.5},
+                   compare("resync/4 lookups ns per output row, 100k rows", *resync.resync, 100'000,
+                           *resync.lookups, 100'000, reps));
+    }
+    std::printf("bytes_per_row %.0f\n", measureBytesPerRow(100'000));
+    return 0;
+}
+
+int runCurve(int reps) {
+    constexpr std::size_t kEvents = 40'000;
+    std::printf("# keys aggregator_ns_per_event forwarder_ns_per_event\n");
+    for (std::size_t keys : {1'000, 3'000, 10'000, 30'000, 100'000, 300'000, 1'000'000}) {
+        MergeShape shape;
+        shape.keys = keys;
+        double aggregatorNs = 0;
+        double forwarderNs = 0;
+        {
+            auto aggregator = makeAggregatorWorkload(shape);
+            aggregatorNs = medianNs(*aggregator, kEvents, reps);
+        }
+        {
+            auto forwarder = makeForwarderWorkload(shape);
+            forwarderNs = medianNs(*forwarder, kEvents, reps);
+        }
+        std::printf("%zu %.1f %.1f\n", keys, aggregatorNs, forwarderNs);
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
+// Builds one workload and runs it, for a profiler: --profile=NAME [--keys=N] [--units=N].
+int runProfile(const std::string& name, std::size_t keys, std::size_t units) {
+    MergeShape shape;
+    shape.keys = keys;
+    std::unique_ptr<Workload> workload;
+    ResyncPair resync;
+    if (name == "aggregator") workload = makeAggregatorWorkload(shape);
+    else if (name == "forwarder") workload = makeForwarderWorkload(shape);
+    else if (name == "sqlite") workload = makeSqliteWorkload(shape);
+    else if (name == "hostwrite") workload = makeHostWriteWorkload(keys);
+    else if (name == "map") workload = makeMapWorkload(keys);
+    else if (name == "intake") workload = makeIntakeWorkload();
+    else if (name == "resync" || name == "lookups") {
+        resync = makeResyncWorkloads(keys);
+        workload = std::move(name == "resync" ? resync.resync : resync.lookups);
+    } else if (name == "memory") {
+        std::printf("bytes_per_row %.0f\n", measureBytesPerRow(keys));
+        return 0;
+    } else {
+        std::fprintf(stderr, "velta-bench: unknown workload %s\n", name.c_str());
+        return 2;
+    }
+    std::printf("%s %zu keys: %.1f ns per unit\n", name.c_str(), keys, workload->nsPerUnit(units));
+    return 0;
+}
+
+}  // namespace
+}  // namespace Velta::Bench
+
+int main(int argc, char** argv) {
+    bool ratios = false;
+    bool curve = false;
+    int reps = 7;
+    std::string profile;
+    std::size_t keys = 100'000;
+    std::size_t units = 100'000;
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--ratios") == 0) {
+            ratios = true;
+        } else if (std::strcmp(argv[i], "--curve") == 0) {
+            curve = true;
+        } else if (std::strncmp(argv[i], "--profile=", 10) == 0) {
+            profile = argv[i] + 10;
+        } else if (std::strncmp(argv[i], "--keys=", 7) == 0) {
+            keys = std::strtoull(argv[i] + 7, nullptr, 10);
+        } else if (std::strncmp(argv[i], "--units=", 8) == 0) {
+            units = std::strtoull(argv[i] + 8, nullptr, 10);
+        } else if (std::strncmp(argv[i], "--reps=", 7) == 0) {
+            reps = std::max(1, std::atoi(argv[i] + 7));
+        } else {
+            argv[kept++] = argv[i];
+        }
+    }
+    if (ratios) return Velta::Bench::runRatios(reps);
+    if (curve) return Velta::Bench::runCurve(reps);
+    if (!profile.empty()) return Velta::Bench::runProfile(profile, keys, units);
+    argc = kept;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,274 @@
+#include "Format.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace VeltaSim {
+
+using Velta::BaseRow;
+using Velta::FieldKind;
+using Velta::RowType;
+
+namespace {
+
+bool isDefault(const BaseRow& row, std::size_t field) {
+    switch (row.rowType()->fields()[field].kind) {
+        case FieldKind::string: return row.string(field).empty();
+        case FieldKind::strings: return row.strings(field).empty();
+        default: return row.number(field) == 0;
+    }
+}
+
+std::string formatSpecValue(const RowSpec& spec, const FieldValue& value) {
+    const FieldKind kind = spec.type->fields()[value.field].kind;
+    if (const auto* n = std::get_if<std::uint64_t>(&value.value))
+        return kind == FieldKind::boolean ? (*n != 0 ? "true" : "false") : std::to_string(*n);
+    if (const auto* s = std::get_if<std::string>(&value.value)) return yamlText(*s);
+    std::string out = "[";
+    for (const std::string& item : std::get<std::vector<std::string>>(value.value)) {
+        if (out.size() > 1) out += ", ";
+        out += yamlText(item);
+    }
+    return out + "]";
+}
+
+std::string tableTypeText(Velta::TableType type) { return std::to_string(static_cast<unsigned>(type)); }
+
+}  // namespace
+
+std::string yamlText(const std::string& text) {
+    bool plain = !text.empty() && text.front() != ' ' && text.back() != ' ';
+    if (plain && std::string_view("-?:,[]{}#&*!|>'\"%@`~").find(text.front()) != std::string_view::npos) plain = false;
+    for (std::size_t i = 0; plain && i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7f || c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' || c == '\\')
+            plain = false;
+        else if (c == ':' && (i + 1 == text.size() || text[i + 1] == ' '))
+            plain = false;
+        else if (c == '#' && i > 0 && text[i - 1] == ' ')
+            plain = false;
+    }
+    if (plain) return text;
+    std::string out = "\"";
+    for (const char ch : text) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\n': out += "\\n"; break;
+            case '\t': out += "\\t"; break;
+            case '\r': out += "\\r"; break;
+            default:
+                if (c < 0x20 || c == 0x7f) {
+                    char buffer[8];
+                    std::snprintf(buffer, sizeof buffer, "\\x%02x", c);
+                    out += buffer;
+                } else {
+                    out += ch;
+                }
+        }
+    }
+    return out + "\"";
+}
+
+std::string formatValue(const BaseRow& row, std::size_t field) {
+    switch (row.rowType()->fields()[field].kind) {
+        case FieldKind::boolean: return row.number(field) != 0 ? "true" : "false";
+        case FieldKind::string: return yamlText(row.string(field));
+        case FieldKind::strings: {
+            std::string out = "[";
+            for (const std::string& item : row.strings(field)) {
+                if (out.size() > 1) out += ", ";
+                out += yamlText(item);
+            }
+            return out + "]";
+        }
+        default: return std::to_string(row.number(field));
+    }
+}
+
+std::string formatFields(const BaseRow& row, const std::vector<std::size_t>& fields) {
+    if (row.empty()) return "(no row)";
+    std::string out = "{";
+    for (const std::size_t field : fields) {
+        if (out.size() > 1) out += ", ";
+        out += row.rowType()->fields()[field].name + ": " + formatValue(row, field);
+    }
+    return out + "}";
+}
+
+std::vector<std::size_t> keyAndSetFields(const BaseRow& row) {
+    std::vector<std::size_t> fields;
+    if (row.empty()) return fields;
+    const RowType& type = *row.rowType();
+    for (const auto key : type.keyFields()) fields.push_back(key);
+    for (std::size_t i = 0; i < type.fields().size(); ++i)
+        if (std::find(fields.begin(), fields.end(), i) == fields.end() && !isDefault(row, i)) fields.push_back(i);
+    return fields;
+}
+
+std::vector<std::size_t> fieldsNamed(const BaseRow& row, const std::vector<const RowSpec*>& specs) {
+    std::vector<std::size_t> fields;
+    if (row.empty()) return fields;
+    const RowType& type = *row.rowType();
+    for (std::size_t i = 0; i < type.fields().size(); ++i) {
+        bool wanted = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
+        for (const RowSpec* spec : specs)
+            for (const FieldValue& v : spec->values)
+                if (spec->type->fields()[v.field].name == type.fields()[i].name) wanted = true;
+        if (wanted) fields.push_back(i);
+    }
+    return fields;
+}
+
+std::string formatSpec(const RowSpec& spec) {
+    std::string out = "{";
+    for (const FieldValue& v : spec.values) {
+        if (out.size() > 1) out += ", ";
+        out += spec.type->fields()[v.field].name + ": " + formatSpecValue(spec, v);
+    }
+    return out + "}";
+}
+
+BaseRow buildRow(const RowSpec& spec) {
+    // The registered type of that name: a file's own types are registered when its run starts.
+    const RowType* registered = Velta::Host::findRowType(spec.type->name());
+    BaseRow row(registered != nullptr ? *registered : *spec.type);
+    for (const FieldValue& v : spec.values) {
+        if (const auto* n = std::get_if<std::uint64_t>(&v.value)) row.numberIs(v.field, *n);
+        else if (const auto* s = std::get_if<std::string>(&v.value)) row.stringIs(v.field, *s);
+        else row.stringsIs(v.field, std::get<std::vector<std::string>>(v.value));
+    }
+    return row;
+}
+
+bool matches(const BaseRow& row, const RowSpec& spec) {
+    if (row.empty()) return false;
+    const RowType& type = *row.rowType();
+    for (const FieldValue& v : spec.values) {
+        const int index = type.fieldIndex(spec.type->fields()[v.field].name);
+        if (index < 0) return false;
+        const auto field = static_cast<std::size_t>(index);
+        const FieldKind kind = type.fields()[field].kind;
+        if (const auto* n = std::get_if<std::uint64_t>(&v.value)) {
+            if (!Velta::isNumberKind(kind) || row.number(field) != *n) return false;
+        } else if (const auto* s = std::get_if<std::string>(&v.value)) {
+            if (kind != FieldKind::string || row.string(field) != *s) return false;
+        } else {
+            if (kind != FieldKind::strings || row.strings(field) != std::get<std::vector<std::string>>(v.value))
+                return false;
+        }
+    }
+    return true;
+}
+
+std::string formatCall(const Velta::Host::HostCall& call) {
+    using Kind = Velta::Host::HostCall::Kind;
+    switch (call.kind) {
+        case Kind::registerTable:
+            return "registerTable: {path: " + yamlText(call.path) + ", typeName: " + yamlText(call.typeName) +
+                   ", tableType: " + tableTypeText(call.tableType) + ", desiredFlags: " + std::to_string(call.desiredFlags) +
+                   ", flags: " + std::to_string(call.flags) + ", owner: " + yamlText(call.owner) + "}";
+        case Kind::defineQuery: {
+            std::string params = "{";
+            for (const auto& [name, value] : call.params) {
+                if (params.size() > 1) params += ", ";
+                params += yamlText(name) + ": " + yamlText(value);
+            }
+            params += "}";
+            return "defineQuery: {text: " + yamlText(call.text) + ", typeId: " + std::to_string(call.typeId) +
+                   ", params: " + params + ", standing: " + (call.standing ? "true" : "false") +
+                   ", name: " + yamlText(call.name) + "}";
+        }
+        case Kind::removeQuery: return "removeQuery: {name: " + yamlText(call.name) + "}";
+    }
+    return "?";
+}
+
+std::string formatExpectedCall(const ExpectedCall& call) {
+    using Kind = Velta::Host::HostCall::Kind;
+    std::string out;
+    auto add = [&out](const char* name, const std::string& value) {
+        if (!out.empty()) out += ", ";
+        out += std::string(name) + ": " + value;
+    };
+    if (call.path) add("path", yamlText(*call.path));
+    if (call.typeName) add("typeName", yamlText(*call.typeName));
+    if (call.tableType) add("tableType", std::to_string(*call.tableType));
+    if (call.desiredFlags) add("desiredFlags", std::to_string(*call.desiredFlags));
+    if (call.flags) add("flags", std::to_string(*call.flags));
+    if (call.owner) add("owner", yamlText(*call.owner));
+    if (call.text) add("text", yamlText(*call.text));
+    if (call.typeId) add("typeId", std::to_string(*call.typeId));
+    if (call.params) {
+        std::string params = "{";
+        for (const auto& [name, value] : *call.params) {
+            if (params.size() > 1) params += ", ";
+            params += yamlText(name) + ": " + yamlText(value);
+        }
+        add("params", params + "}");
+    }
+    if (call.standing) add("standing", *call.standing ? "true" : "false");
+    if (call.name) add("name", yamlText(*call.name));
+    const char* kind = call.kind == Kind::registerTable ? "registerTable"
+                       : call.kind == Kind::defineQuery ? "defineQuery"
+                                                        : "removeQuery";
+    return std::string(kind) + ": {" + out + "}";
+}
+
+bool matches(const Velta::Host::HostCall& call, const ExpectedCall& expected) {
+    if (call.kind != expected.kind) return false;
+    if (expected.path && *expected.path != call.path) return false;
+    if (expected.typeName && *expected.typeName != call.typeName) return false;
+    if (expected.tableType && *expected.tableType != static_cast<unsigned>(call.tableType)) return false;
+    if (expected.desiredFlags && *expected.desiredFlags != call.desiredFlags) return false;
+    if (expected.flags && *expected.flags != call.flags) return false;
+    if (expected.owner && *expected.owner != call.owner) return false;
+    if (expected.text && *expected.text != call.text) return false;
+    if (expected.typeId && *expected.typeId != call.typeId) return false;
+    if (expected.params && *expected.params != call.params) return false;
+    if (expected.standing && *expected.standing != call.standing) return false;
+    if (expected.name && *expected.name != call.name) return false;
+    return true;
+}
+
+std::vector<std::string> formatTable(const RowType& type, const std::vector<BaseRow>& rows, const ExtraColumn& extra) {
+    std::vector<std::size_t> columns;
+    for (std::size_t i = 0; i < type.fields().size(); ++i) {
+        bool keep = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
+        for (const BaseRow& row : rows) keep = keep || !isDefault(row, i);
+        if (keep) columns.push_back(i);
+    }
+    std::vector<std::vector<std::string>> cells;
+    std::vector<std::string> header;
+    for (const std::size_t c : columns) header.push_back(type.fields()[c].name);
+    if (!extra.header.empty()) header.push_back(extra.header);
+    cells.push_back(header);
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        std::vector<std::string> line;
+        for (const std::size_t c : columns) line.push_back(formatValue(rows[r], c));
+        if (!extra.header.empty()) line.push_back(r < extra.cells.size() ? extra.cells[r] : "");
+        cells.push_back(std::move(line));
+    }
+    std::vector<std::size_t> widths(header.size(), 0);
+    for (const auto& line : cells)
+        for (std::size_t c = 0; c < line.size(); ++c) widths[c] = std::max(widths[c], line[c].size());
+    std::vector<std::string> out;
+    auto render = [&](const std::vector<std::string>& line) {
+        std::string text;
+        for (std::size_t c = 0; c < line.size(); ++c) {
+            if (c > 0) text += "  ";
+            text += line[c];
+            if (c + 1 < line.size()) text.append(widths[c] - line[c].size(), ' ');
+        }
+        return text;
+    };
+    out.push_back(render(cells.front()));
+    std::vector<std::string> rule;
+    for (const std::size_t w : widths) rule.emplace_back(w, '-');
+    out.push_back(render(rule));
+    for (std::size_t r = 1; r < cells.size(); ++r) out.push_back(render(cells[r]));
+    return out;
+}
+
+}  // namespace VeltaSim

@@ -1,0 +1,615 @@
+// Running a scenario: a fresh database, one handle per started agent object, each step carried out
+// in order, each expectation checked after the queued callbacks have been delivered.
+#include "Runner.h"
+
+#include "Format.h"
+
+#include <Velta/Agent/Aggregator.h>
+#include <Velta/Agent/SubscriptionTranslator.h>
+#include <Velta/Host/Debug.h>
+
+#include <map>
+#include <memory>
+#include <unordered_map>
+
+namespace VeltaSim {
+
+using Velta::BaseRow;
+using Velta::VeltaDB;
+using Velta::VeTableInterface;
+using Velta::Agent::Aggregator;
+using Velta::Agent::SubscriptionTranslator;
+using Velta::Host::Database;
+
+namespace {
+
+// Which agent object bound each interface, for the timeline. Filled as interfaces are bound; an
+// address reused by a later interface is relabelled when that interface is bound.
+using InterfaceLabels = std::unordered_map<const VeTableInterface*, std::string>;
+
+// The handle an agent object receives: the host's own handle for that agent, which it alone
+// references, seen through a layer that notes which object binds which interface.
+class LabelledHandle final : public VeltaDB {
+public:
+    LabelledHandle(VeltaDB::p_t inner, std::string label, InterfaceLabels* labels)
+        : inner_(std::move(inner)), label_(std::move(label)), labels_(labels) {}
+
+    std::string agentName() const override { return inner_->agentName(); }
+    std::string systemName() const override { return inner_->systemName(); }
+    bool isServerAgent() const override { return inner_->isServerAgent(); }
+    bool external() const override { return inner_->external(); }
+    bool standalone() const override { return inner_->standalone(); }
+    void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
+        if (labels_ != nullptr) (*labels_)[&iface] = label_;
+        inner_->bindInterface(iface, path, flag);
+    }
+    void registerTable(const std::string& path, const std::string& typeName, Velta::TableType type,
+                       unsigned short desiredFlags, unsigned short flags, const std::string& owner) override {
+        inner_->registerTable(path, typeName, type, desiredFlags, flags, owner);
+    }
+    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
+                     bool standing, const std::string& name) override {
+        inner_->defineQuery(text, typeId, params, std::move(done), standing, name);
+    }
+    void removeQuery(const std::string& name) override { inner_->removeQuery(name); }
+    Velta::veMetadata::veTable tableInfo(const std::string& path) const override { return inner_->tableInfo(path); }
+    Velta::veMetadata::veTable tableInfo(unsigned oid) const override { return inner_->tableInfo(oid); }
+    unsigned tableTypeId(const std::string& typeName, bool flag) const override {
+        return inner_->tableTypeId(typeName, flag);
+    }
+    std::shared_ptr<const Velta::RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
+        return inner_->getRowOps(typeName, index);
+    }
+
+private:
+    VeltaDB::p_t inner_;
+    std::string label_;
+    InterfaceLabels* labels_;
+};
+
+std::string keyText(const BaseRow& row) {
+    if (row.empty()) return "";
+    const auto& keys = row.rowType()->keyFields();
+    return formatFields(row, std::vector<std::size_t>(keys.begin(), keys.end()));
+}
+
+// The timeline view: every delivery, and under it the changes and host calls it made.
+class Timeline final : public Velta::Host::EventListener {
+public:
+    Timeline(const InterfaceLabels& labels, std::function<void(const std::string&)> out)
+        : labels_(labels), out_(std::move(out)) {}
+
+    void onDeliveryBegin(Delivery delivery, const VeTableInterface* iface, const BaseRow& row,
+                         const std::string& what) override {
+        std::string line = "  #" + std::to_string(++count_) + " ";
+        if (iface == nullptr) {
+            line += "host " + what;
+        } else {
+            const auto it = labels_.find(iface);
+            line += (it != labels_.end() ? it->second : std::string("?")) + " " + iface->ifName() + " [" +
+                    iface->tablePath() + "] ";
+            switch (delivery) {
+                case Delivery::ready: line += "ready"; break;
+                case Delivery::row: line += "row " + keyText(row); break;
+                case Delivery::rowDelete: line += "delete " + keyText(row); break;
+                case Delivery::hostTask: line += "task " + what; break;
+            }
+        }
+        out_(line + "\n");
+        ++depth_;
+    }
+    void onDeliveryEnd() override {
+        if (depth_ > 0) --depth_;
+    }
+    void onWrite(const std::string& path, const BaseRow& row) override {
+        change("write " + path + " " + formatFields(row, keyAndSetFields(row)));
+    }
+    void onDelete(const std::string& path, const BaseRow& row) override { change("delete " + path + " " + keyText(row)); }
+    void onHostCall(const Velta::Host::HostCall& call) override { change("call " + formatCall(call)); }
+    void onTableCreated(const std::string& path) override { change("create table " + path); }
+    void onTableDropped(const std::string& path) override { change("drop table " + path); }
+
+private:
+    // Changes made by a delivery sit under it; those the step made directly sit under the step.
+    void change(const std::string& text) { out_((depth_ > 0 ? "      " : "  ") + text + "\n"); }
+
+    const InterfaceLabels& labels_;
+    std::function<void(const std::string&)> out_;
+    std::size_t count_ = 0;
+    int depth_ = 0;
+};
+
+std::string entryText(const Velta::Agent::SubscriptionEntry& e) {
+    return "{writer: " + std::string(e.writer ? "true" : "false") + ", reader: " + (e.reader ? "true" : "false") +
+           ", externalOid: " + std::to_string(e.externalOid) + ", tableOid: " + std::to_string(e.tableOid) +
+           ", typeId: " + std::to_string(e.typeId) + ", sid: " + std::to_string(e.sid) + "}";
+}
+
+std::string expectedEntryText(const ExpectRegistry& x) {
+    std::string out;
+    auto add = [&out](const char* name, const std::string& value) {
+        if (!out.empty()) out += ", ";
+        out += std::string(name) + ": " + value;
+    };
+    if (x.writer) add("writer", *x.writer ? "true" : "false");
+    if (x.reader) add("reader", *x.reader ? "true" : "false");
+    if (x.externalOid) add("externalOid", std::to_string(*x.externalOid));
+    if (x.tableOid) add("tableOid", std::to_string(*x.tableOid));
+    if (x.typeId) add("typeId", std::to_string(*x.typeId));
+    if (x.sid) add("sid", std::to_string(*x.sid));
+    return "{" + out + "}";
+}
+
+std::string traceText(const Velta::Host::TraceRecord& r) { return Velta::Host::toString(r); }
+
+std::string describe(const Step& step) {
+    struct Describer {
+        std::string operator()(const StartTranslator& s) const { return "start translator on " + s.agent; }
+        std::string operator()(const StartAggregator& s) const {
+            return "start aggregator " + s.id + " on " + s.agent + " (" + s.inputPrefix + "*" + s.inputSuffix + " -> " +
+                   s.output + ")";
+        }
+        std::string operator()(const StopTranslator& s) const { return "stop translator on " + s.agent; }
+        std::string operator()(const StopAggregator& s) const { return "stop aggregator " + s.id + " on " + s.agent; }
+        std::string operator()(const CallTranslator& s) const { return "call clean on translator of " + s.agent; }
+        std::string operator()(const CallAggregator& s) const {
+            static const char* const names[] = {"enableIs", "suppressResyncIs", "scheduledIs", "outputBlocked"};
+            return std::string("call ") + names[static_cast<int>(s.op)] + "(" + (s.value ? "true" : "false") + ")" +
+                   (s.input.empty() ? "" : " on input " + s.input) + " of aggregator " + s.id + " on " + s.agent;
+        }
+        std::string operator()(const CreateTable& s) const { return "create_table " + s.path + " (" + s.type + ")"; }
+        std::string operator()(const DropTable& s) const { return "drop_table " + s.path; }
+        std::string operator()(const Write& s) const { return "write " + s.path; }
+        std::string operator()(const Delete& s) const { return "delete " + s.path + " " + formatSpec(s.key); }
+        std::string operator()(const Run&) const { return "run"; }
+        std::string operator()(const Clock& s) const { return "clock advance " + std::to_string(s.advance); }
+        std::string operator()(const CompleteQuery& s) const { return "complete_query " + yamlText(s.text); }
+        std::string operator()(const ClearTraces&) const { return "clear_traces"; }
+        std::string operator()(const Dump& s) const { return "dump " + s.path; }
+        std::string operator()(const ExpectRows& s) const { return "expect_rows " + s.path; }
+        std::string operator()(const ExpectRow& s) const { return "expect_row " + s.path + " " + formatSpec(s.key); }
+        std::string operator()(const ExpectCalls&) const { return "expect_calls"; }
+        std::string operator()(const ExpectTrace& s) const {
+            return std::string(s.negated ? "expect_no_trace " : "expect_trace ") + s.channel + "[" +
+                   std::to_string(s.level) + "]";
+        }
+        std::string operator()(const ExpectRegistry& s) const { return "expect_registry on " + s.agent; }
+        std::string operator()(const ExpectExternalId& s) const { return "expect_external_id on " + s.agent; }
+    };
+    return std::visit(Describer{}, step.action);
+}
+
+class Runner {
+public:
+    Runner(const Scenario& scenario, const RunOptions& options) : scenario_(scenario), options_(options) {}
+
+    RunResult run() {
+        Velta::Host::debugMasksClear();
+        for (const auto& [channel, mask] : scenario_.traceMasks) Velta::Host::debugMaskIs(channel, mask);
+        Database::serverProcessIs(scenario_.serverProcess);
+        capture_ = std::make_unique<Velta::Host::TraceCapture>();
+        bool stopped = false;
+        try {
+            for (const RowTypeDef& def : scenario_.rowTypes) Velta::Host::defineRowType(def.name, def.fields, def.key);
+            Database::Options dbOptions;
+            dbOptions.autoPublish = scenario_.autoPublish;
+            dbOptions.manualQueries = scenario_.manualQueries;
+            dbOptions.shuffleSeed = options_.shuffleSeed;
+            if (options_.deliveryBound != 0) dbOptions.deliveryBound = options_.deliveryBound;
+            db_ = Database::create(dbOptions);
+            if (options_.timeline) {
+                timeline_ = std::make_unique<Timeline>(labels_, [this](const std::string& text) { view(text); });
+                db_->listenerIs(timeline_.get());
+            }
+            for (const Step& step : scenario_.steps) {
+                current_ = &step;
+                headerShown_ = false;
+                if (options_.onStep) options_.onStep(step);
+                if (options_.timeline) stepHeader();
+                bool goOn = true;
+                try {
+                    goOn = perform(step);
+                } catch (const std::exception& e) {
+                    fail(step, std::string("the host refused: ") + e.what());
+                    goOn = false;
+                }
+                showTraces();
+                if (!goOn) {
+                    stopped = true;
+                    break;
+                }
+            }
+            current_ = nullptr;
+            if (options_.dump) dumpAll();
+        } catch (const std::exception& e) {
+            Failure failure;
+            failure.message = std::string("the run could not go on: ") + e.what();
+            record(std::move(failure));
+            stopped = true;
+        }
+        teardown();
+        result_.completed = !stopped;
+        return std::move(result_);
+    }
+
+private:
+    struct AgentObjects {
+        std::unique_ptr<SubscriptionTranslator> translator;
+        std::map<std::string, std::unique_ptr<Aggregator>> aggregators;
+    };
+
+    const Scenario& scenario_;
+    const RunOptions& options_;
+    RunResult result_;
+    std::shared_ptr<Database> db_;
+    std::unique_ptr<Velta::Host::TraceCapture> capture_;
+    InterfaceLabels labels_;
+    std::unique_ptr<Timeline> timeline_;
+    std::map<std::string, AgentObjects> agents_;
+    std::size_t callsSeen_ = 0;
+    std::size_t tracesShown_ = 0;
+    const Step* current_ = nullptr;
+    bool headerShown_ = false;
+
+    void teardown() {
+        try {
+            if (db_) db_->listenerIs(nullptr);
+            for (auto& [name, objects] : agents_) {
+                objects.aggregators.clear();
+                objects.translator.reset();
+            }
+            agents_.clear();
+            db_.reset();
+        } catch (const std::exception& e) {
+            Failure failure;
+            failure.message = std::string("tearing the agents down failed: ") + e.what();
+            record(std::move(failure));
+        }
+        timeline_.reset();
+        capture_.reset();
+        Velta::Host::debugMasksClear();
+        Database::serverProcessIs(false);
+    }
+
+    void view(const std::string& text) {
+        if (options_.onView) options_.onView(text);
+        else result_.views += text;
+    }
+
+    void stepHeader() {
+        if (headerShown_ || current_ == nullptr) return;
+        headerShown_ = true;
+        view("step " + std::to_string(current_->number) + " (line " + std::to_string(current_->mark.line) +
+             "): " + describe(*current_) + "\n");
+    }
+
+    void record(Failure failure) {
+        if (options_.onFailure) options_.onFailure(failure);
+        result_.failures.push_back(std::move(failure));
+    }
+
+    void fail(const Step& step, std::string message, std::vector<std::string> details = {}) {
+        Failure failure;
+        failure.step = step.number;
+        failure.line = step.mark.line;
+        failure.keyword = step.keyword;
+        failure.message = std::move(message);
+        failure.details = std::move(details);
+        record(std::move(failure));
+    }
+
+    void showTraces() {
+        if (!options_.trace || !capture_) return;
+        const auto& records = capture_->records();
+        if (tracesShown_ >= records.size()) return;
+        stepHeader();
+        for (; tracesShown_ < records.size(); ++tracesShown_) view("  trace " + traceText(records[tracesShown_]) + "\n");
+    }
+
+    VeltaDB::p_t handleFor(const std::string& agent, const std::string& label) {
+        const AgentDecl& decl = *scenario_.agent(agent);
+        Velta::Host::AgentOptions options;
+        options.agentName = decl.name;
+        options.systemName = decl.system;
+        options.serverAgent = decl.serverAgent;
+        options.external = decl.external;
+        options.standalone = decl.standalone;
+        return std::make_shared<LabelledHandle>(db_->connect(options), label, &labels_);
+    }
+
+    // Delivers queued callbacks; false (after recording the failure) when they do not settle.
+    bool deliver(const Step& step) {
+        const std::size_t delivered = db_->runUntilIdle();
+        if (db_->settled()) return true;
+        fail(step, "did not settle after " + std::to_string(delivered) + " callbacks");
+        return false;
+    }
+
+    // Carries out one step; false when the run cannot go on.
+    bool perform(const Step& step) {
+        if (step.isExpectation() && !deliver(step)) return false;
+        return std::visit([&](const auto& action) { return perform(step, action); }, step.action);
+    }
+
+    bool perform(const Step&, const StartTranslator& s) {
+        agents_[s.agent].translator = std::make_unique<SubscriptionTranslator>(handleFor(s.agent, s.agent));
+        return true;
+    }
+    bool perform(const Step&, const StartAggregator& s) {
+        agents_[s.agent].aggregators[s.id] =
+            std::make_unique<Aggregator>(handleFor(s.agent, s.agent + "/" + s.id), s.inputPrefix, s.inputSuffix,
+                                         s.output, s.rowType, s.deleteWithoutReplacement, s.enabled, s.bindFlag);
+        return true;
+    }
+    bool perform(const Step&, const StopTranslator& s) {
+        agents_[s.agent].translator.reset();
+        return true;
+    }
+    bool perform(const Step&, const StopAggregator& s) {
+        agents_[s.agent].aggregators.erase(s.id);
+        return true;
+    }
+    bool perform(const Step&, const CallTranslator& s) {
+        agents_[s.agent].translator->clean();
+        return true;
+    }
+    bool perform(const Step& step, const CallAggregator& s) {
+        Aggregator& aggregator = *agents_[s.agent].aggregators.at(s.id);
+        switch (s.op) {
+            case CallAggregator::Op::enableIs: aggregator.enableIs(s.value); break;
+            case CallAggregator::Op::suppressResyncIs: aggregator.suppressResyncIs(s.value); break;
+            case CallAggregator::Op::scheduledIs: aggregator.scheduledIs(s.value); break;
+            case CallAggregator::Op::outputBlocked: {
+                const auto input = aggregator.inputTable(s.input);
+                if (!input) {
+                    std::vector<std::string> details;
+                    for (const std::string& path : aggregator.inputPaths()) details.push_back("  input " + path);
+                    fail(step, "aggregator " + s.id + " has no input table " + s.input, std::move(details));
+                    break;
+                }
+                input->outputBlocked(s.value);
+                break;
+            }
+        }
+        return true;
+    }
+    bool perform(const Step&, const CreateTable& s) {
+        db_->createTable(s.path, s.type, s.owner, s.oid);
+        return true;
+    }
+    bool perform(const Step& step, const DropTable& s) {
+        if (!db_->dropTable(s.path)) fail(step, "there is no table " + s.path + " to drop");
+        return true;
+    }
+    bool perform(const Step&, const Write& s) {
+        for (const RowSpec& row : s.rows) db_->write(s.path, buildRow(row));
+        return true;
+    }
+    bool perform(const Step&, const Delete& s) {
+        db_->erase(s.path, buildRow(s.key));
+        return true;
+    }
+    bool perform(const Step& step, const Run&) { return deliver(step); }
+    bool perform(const Step&, const Clock& s) {
+        db_->clockAdvance(s.advance);
+        return true;
+    }
+    bool perform(const Step& step, const CompleteQuery& s) {
+        if (db_->completeQuery(s.text, s.ok, s.error)) return true;
+        std::vector<std::string> details;
+        for (const auto& q : db_->queries())
+            if (q.state == Velta::Host::QueryInfo::State::pending) details.push_back("+ pending: " + yamlText(q.text));
+        if (details.empty()) details.push_back("+ no query is pending");
+        fail(step, "no pending query with text " + yamlText(s.text), std::move(details));
+        return true;
+    }
+    bool perform(const Step&, const ClearTraces&) {
+        showTraces();
+        capture_->clear();
+        tracesShown_ = 0;
+        return true;
+    }
+    bool perform(const Step&, const Dump& s) {
+        stepHeader();
+        dumpTable(s.path, true);
+        return true;
+    }
+
+    bool perform(const Step& step, const ExpectRows& s) {
+        const std::vector<BaseRow> found = db_->rows(s.path);
+        bool same = found.size() == s.rows.size();
+        for (std::size_t i = 0; same && i < found.size(); ++i) same = matches(found[i], s.rows[i]);
+        if (same) return true;
+        std::vector<const RowSpec*> specs;
+        for (const RowSpec& spec : s.rows) specs.push_back(&spec);
+        auto showFound = [&](const BaseRow& row) {
+            return formatFields(row, specs.empty() ? keyAndSetFields(row) : fieldsNamed(row, specs));
+        };
+        auto diff = diffLines(
+            s.rows, found, [](const RowSpec& spec, const BaseRow& row) { return matches(row, spec); },
+            [](const RowSpec& spec) { return formatSpec(spec); }, showFound);
+        const std::string message =
+            found.size() == s.rows.size()
+                ? s.path + ": the rows differ"
+                : s.path + ": " + std::to_string(s.rows.size()) + (s.rows.size() == 1 ? " row" : " rows") +
+                      " expected, " + std::to_string(found.size()) + " found";
+        fail(step, message, std::move(diff));
+        return true;
+    }
+
+    bool perform(const Step& step, const ExpectRow& s) {
+        const BaseRow found = db_->read(s.path, buildRow(s.key), 0);
+        const std::string key = formatSpec(s.key);
+        if (!s.row) {
+            if (!found.empty())
+                fail(step, s.path + ": the row with key " + key + " was expected absent",
+                     {"+ " + formatFields(found, keyAndSetFields(found))});
+            return true;
+        }
+        if (found.empty()) {
+            fail(step, s.path + ": no row with key " + key, {"- " + formatSpec(*s.row), "+ (no row)"});
+        } else if (!matches(found, *s.row)) {
+            fail(step, s.path + ": the row with key " + key + " differs",
+                 {"- " + formatSpec(*s.row), "+ " + formatFields(found, fieldsNamed(found, {&*s.row}))});
+        }
+        return true;
+    }
+
+    bool perform(const Step& step, const ExpectCalls& s) {
+        const auto& all = db_->calls();
+        const std::vector<Velta::Host::HostCall> found(all.begin() + static_cast<std::ptrdiff_t>(std::min(callsSeen_, all.size())),
+                                                       all.end());
+        callsSeen_ = all.size();
+        const std::size_t sinceStep = callsSeenStep_;
+        callsSeenStep_ = step.number;
+        bool same = found.size() == s.calls.size();
+        for (std::size_t i = 0; same && i < found.size(); ++i) same = matches(found[i], s.calls[i]);
+        if (same) return true;
+        auto diff = diffLines(
+            s.calls, found, [](const ExpectedCall& e, const Velta::Host::HostCall& c) { return matches(c, e); },
+            [](const ExpectedCall& e) { return formatExpectedCall(e); },
+            [](const Velta::Host::HostCall& c) { return formatCall(c) + "   (by " + c.agent + ")"; });
+        const std::string message =
+            found.size() == s.calls.size()
+                ? std::string("the host calls differ")
+                : std::to_string(s.calls.size()) + " host call" + (s.calls.size() == 1 ? "" : "s") + " expected, " +
+                      std::to_string(found.size()) + " made";
+        fail(step, message + " since " + (sinceStep == 0 ? std::string("the start") : "step " + std::to_string(sinceStep)),
+             std::move(diff));
+        return true;
+    }
+    std::size_t callsSeenStep_ = 0;
+
+    static bool traceMatches(const Velta::Host::TraceRecord& r, const ExpectTrace& s) {
+        if (r.channel != s.channel || r.level != s.level) return false;
+        if (s.text && r.message != *s.text) return false;
+        if (s.contains && r.message.find(*s.contains) == std::string::npos) return false;
+        if (s.line && r.line != *s.line) return false;
+        if (s.function && r.function != *s.function) return false;
+        return true;
+    }
+
+    bool perform(const Step& step, const ExpectTrace& s) {
+        const auto& records = capture_->records();
+        std::string wanted = s.channel + "[" + std::to_string(s.level) + "] " +
+                             (s.text ? yamlText(*s.text) : "containing " + yamlText(*s.contains));
+        if (s.line) wanted += " at line " + std::to_string(*s.line);
+        if (s.function) wanted += " in " + *s.function;
+        if (s.negated) {
+            std::vector<std::string> details;
+            for (const auto& r : records)
+                if (traceMatches(r, s)) details.push_back("+ " + traceText(r));
+            if (!details.empty()) fail(step, "unexpected trace " + wanted, std::move(details));
+            return true;
+        }
+        for (const auto& r : records)
+            if (traceMatches(r, s)) return true;
+        // Show what was captured instead: of the same level if any, else of the channel; the
+        // latest ones, which are the likeliest to be the one meant.
+        std::vector<const Velta::Host::TraceRecord*> candidates;
+        for (const auto& r : records)
+            if (r.channel == s.channel && r.level == s.level) candidates.push_back(&r);
+        if (candidates.empty())
+            for (const auto& r : records)
+                if (r.channel == s.channel) candidates.push_back(&r);
+        std::vector<std::string> details{"- " + wanted};
+        const std::size_t limit = 12;
+        if (candidates.size() > limit) {
+            details.push_back("+ (" + std::to_string(candidates.size() - limit) + " earlier traces not shown)");
+            candidates.erase(candidates.begin(), candidates.end() - static_cast<std::ptrdiff_t>(limit));
+        }
+        for (const auto* r : candidates) details.push_back("+ " + traceText(*r));
+        if (candidates.empty()) details.push_back("+ (no trace of channel " + s.channel + " captured)");
+        fail(step, "no trace " + wanted, std::move(details));
+        return true;
+    }
+
+    bool perform(const Step& step, const ExpectRegistry& s) {
+        Velta::External::Subscription key;
+        key.system_descriptionIs(s.systemDescription);
+        key.outputPathIs(s.outputPath);
+        const auto entry = agents_[s.agent].translator->subscription(key);
+        const std::string keyText =
+            "{system_description: " + std::to_string(s.systemDescription) + ", outputPath: " + yamlText(s.outputPath) + "}";
+        if (s.absent) {
+            if (entry) fail(step, "the registry of " + s.agent + " has an entry for " + keyText, {"+ " + entryText(*entry)});
+            return true;
+        }
+        if (!entry) {
+            fail(step, "the registry of " + s.agent + " has no entry for " + keyText,
+                 {"- " + expectedEntryText(s), "+ (no entry)"});
+            return true;
+        }
+        const bool same = (!s.writer || *s.writer == entry->writer) && (!s.reader || *s.reader == entry->reader) &&
+                          (!s.externalOid || *s.externalOid == entry->externalOid) &&
+                          (!s.tableOid || *s.tableOid == entry->tableOid) && (!s.typeId || *s.typeId == entry->typeId) &&
+                          (!s.sid || *s.sid == entry->sid);
+        if (!same)
+            fail(step, "the registry entry of " + s.agent + " for " + keyText + " differs",
+                 {"- " + expectedEntryText(s), "+ " + entryText(*entry)});
+        return true;
+    }
+
+    bool perform(const Step& step, const ExpectExternalId& s) {
+        const std::uint32_t found = agents_[s.agent].translator->externalSubscriptionId(s.sid);
+        if (found != s.oid)
+            fail(step, "externalSubscriptionId(" + std::to_string(s.sid) + ") of " + s.agent + " is " +
+                           std::to_string(found) + ", expected " + std::to_string(s.oid));
+        return true;
+    }
+
+    // Provenance: the aggregators writing `path`, for the column that names each row's input.
+    std::vector<const Aggregator*> aggregatorsOf(const std::string& path) const {
+        std::vector<const Aggregator*> out;
+        for (const auto& [name, objects] : agents_)
+            for (const auto& [id, aggregator] : objects.aggregators)
+                if (aggregator->outputPath() == path) out.push_back(aggregator.get());
+        return out;
+    }
+
+    void dumpTable(const std::string& path, bool evenEmpty) {
+        const Velta::RowType* type = db_->tableType(path);
+        if (type == nullptr) {
+            view("  table " + path + ": does not exist\n");
+            return;
+        }
+        const std::vector<BaseRow> rows = db_->rows(path);
+        if (rows.empty() && !evenEmpty) return;
+        view("  table " + path + " (" + type->name() + ", " + std::to_string(rows.size()) +
+             (rows.size() == 1 ? " row)\n" : " rows)\n"));
+        if (rows.empty()) return;
+        ExtraColumn provenance;
+        const auto aggregators = aggregatorsOf(path);
+        if (!aggregators.empty()) {
+            provenance.header = "<- input";
+            for (const BaseRow& row : rows) {
+                std::string source;
+                for (const Aggregator* aggregator : aggregators)
+                    if (source.empty()) source = aggregator->outputRowSource(row);
+                provenance.cells.push_back(source.empty() ? "(none)" : source);
+            }
+        }
+        for (const std::string& line : formatTable(*type, rows, provenance)) view("    " + line + "\n");
+    }
+
+    void dumpAll() {
+        view("tables at the end:\n");
+        for (const std::string& path : db_->tablePaths()) dumpTable(path, false);
+    }
+};
+
+}  // namespace
+
+RunResult runScenario(const Scenario& scenario, const RunOptions& options) {
+    try {
+        return Runner(scenario, options).run();
+    } catch (const std::exception& e) {
+        RunResult result;
+        Failure failure;
+        failure.message = std::string("the run failed: ") + e.what();
+        result.failures.push_back(std::move(failure));
+        return result;
+    }
+}
+
+}  // namespace VeltaSim

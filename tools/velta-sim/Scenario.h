@@ -1,0 +1,213 @@
+// A scenario file as velta-sim understands it: the parsed, validated model of one YAML file.
+//
+// Invariants:
+// - A Scenario returned by parseScenario is complete and consistent: every agent, row type, table
+//   and field it names exists (tables as far as the file itself creates or implies them), every
+//   value has the kind of its field, and start/stop/call steps pair up. Running it can still fail
+//   an expectation, never because the file was unusable.
+// - Marks are 1-based line and column numbers in the file, pointing at the node that matters.
+#pragma once
+
+#include <Velta/BaseRow.h>
+#include <Velta/Host/Database.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace VeltaSim {
+
+struct Mark {
+    int line = 0;
+    int column = 0;
+};
+
+// One field value of a row written or expected in a step.
+struct FieldValue {
+    std::size_t field = 0;  // index in the row type
+    std::variant<std::uint64_t, std::string, std::vector<std::string>> value;
+    Mark mark;
+};
+
+// The fields a row in a step names; the others are zero, false or empty.
+struct RowSpec {
+    const Velta::RowType* type = nullptr;  // a built-in record type or a RowTypeDef's private copy
+    std::vector<FieldValue> values;
+    Mark mark;
+};
+
+// A user row type of the file. It is checked against a private copy while parsing and defined in
+// the host's process-wide registry only when the scenario runs, so files that give one name
+// different definitions can be used in one invocation (each run has a process of its own).
+struct RowTypeDef {
+    std::string name;
+    std::vector<Velta::Host::FieldSpec> fields;
+    std::vector<std::string> key;
+    Mark mark;
+    std::shared_ptr<const Velta::RowType> local;  // the private copy the file's rows are checked with
+};
+
+struct AgentDecl {
+    std::string name;
+    std::string system;
+    bool serverAgent = false;
+    bool external = false;
+    bool standalone = true;
+    Mark mark;
+};
+
+// Steps. Agent objects are addressed by agent name plus, for aggregators, their id.
+struct StartTranslator {
+    std::string agent;
+};
+struct StartAggregator {
+    std::string agent;
+    std::string id;
+    std::string inputPrefix;
+    std::string inputSuffix;
+    std::string output;
+    std::string rowType;
+    bool deleteWithoutReplacement = false;
+    bool enabled = true;
+    bool bindFlag = false;
+};
+struct StopTranslator {
+    std::string agent;
+};
+struct StopAggregator {
+    std::string agent;
+    std::string id;
+};
+struct CallTranslator {  // the only operation is clean()
+    std::string agent;
+};
+struct CallAggregator {
+    enum class Op { enableIs, suppressResyncIs, scheduledIs, outputBlocked };
+    std::string agent;
+    std::string id;
+    Op op = Op::enableIs;
+    bool value = false;
+    std::string input;  // outputBlocked only
+};
+struct CreateTable {
+    std::string path;
+    std::string type;
+    std::string owner;
+    unsigned oid = 0;
+};
+struct DropTable {
+    std::string path;
+};
+struct Write {
+    std::string path;
+    std::vector<RowSpec> rows;
+};
+struct Delete {
+    std::string path;
+    RowSpec key;
+};
+struct Run {};
+struct Clock {
+    std::uint64_t advance = 0;
+};
+struct CompleteQuery {
+    std::string text;
+    bool ok = true;
+    std::string error;
+};
+struct ClearTraces {};
+struct Dump {
+    std::string path;
+};
+struct ExpectRows {
+    std::string path;
+    std::vector<RowSpec> rows;
+};
+struct ExpectRow {
+    std::string path;
+    RowSpec key;
+    std::optional<RowSpec> row;  // empty: the row must be absent
+};
+// One expected host call: its kind and the arguments it names.
+struct ExpectedCall {
+    Velta::Host::HostCall::Kind kind = Velta::Host::HostCall::Kind::registerTable;
+    std::optional<std::string> path, typeName, owner, text, name;
+    std::optional<unsigned> tableType, desiredFlags, flags, typeId;
+    std::optional<std::map<std::string, std::string>> params;
+    std::optional<bool> standing;
+    Mark mark;
+};
+struct ExpectCalls {
+    std::vector<ExpectedCall> calls;
+};
+struct ExpectTrace {
+    bool negated = false;  // expect_no_trace
+    std::string channel;
+    unsigned level = 0;
+    std::optional<std::string> text;      // the whole message
+    std::optional<std::string> contains;  // a part of it
+    std::optional<unsigned> line;
+    std::optional<std::string> function;
+};
+struct ExpectRegistry {
+    std::string agent;
+    std::uint32_t systemDescription = 0;
+    std::string outputPath;
+    bool absent = false;
+    std::optional<bool> writer, reader;
+    std::optional<std::uint32_t> externalOid, tableOid, typeId, sid;
+};
+struct ExpectExternalId {
+    std::string agent;
+    std::uint32_t sid = 0;
+    std::uint32_t oid = 0;
+};
+
+using Action = std::variant<StartTranslator, StartAggregator, StopTranslator, StopAggregator, CallTranslator,
+                            CallAggregator, CreateTable, DropTable, Write, Delete, Run, Clock, CompleteQuery,
+                            ClearTraces, Dump, ExpectRows, ExpectRow, ExpectCalls, ExpectTrace, ExpectRegistry,
+                            ExpectExternalId>;
+
+struct Step {
+    std::size_t number = 0;  // 1-based position in `steps`
+    std::string keyword;     // the step's key as written, e.g. "expect_rows"
+    Mark mark;
+    Action action;
+
+    // True for the expect_* steps, which deliver queued callbacks before checking.
+    bool isExpectation() const noexcept;
+};
+
+struct Scenario {
+    std::string file;
+    std::string name;
+    bool serverProcess = false;
+    bool autoPublish = false;
+    bool manualQueries = false;
+    std::vector<std::pair<std::string, std::uint32_t>> traceMasks;
+    std::vector<RowTypeDef> rowTypes;
+    std::vector<AgentDecl> agents;
+    std::vector<Step> steps;
+    std::optional<std::string> expectAbort;
+    bool orderIndependent = false;
+
+    const AgentDecl* agent(const std::string& name) const;
+};
+
+// What parsing produced: a scenario, or one message "file:line:column: what was expected".
+struct ParseResult {
+    std::optional<Scenario> scenario;
+    std::string error;
+};
+
+// Parses and validates `text` as the scenario file `file`. Never throws and registers nothing.
+ParseResult parseScenario(const std::string& file, const std::string& text);
+// Reads `file` and parses it; an unreadable file gives "file: cannot read: reason".
+ParseResult loadScenario(const std::string& file);
+
+}  // namespace VeltaSim
