@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -144,6 +145,8 @@ TEST_F(IntakeTest, RefusalsAreReportedInTheClientsPublication) {
     const External::Subscription noPath = writeSubscription({{"system_description", 10}, {"outputPath", ""}});
     const External::Subscription noType =
         writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/t"}, {"typeName", "No::Such"}});
+    // The missing system description is reported without a table, although the table exists.
+    db_->createTable("velta/out/s", "Test::Item");
     const External::Subscription noSystem = writeSubscription({{"system_description", 99}, {"outputPath", "velta/out/s"}});
     const External::Subscription oneShot = writeSubscription({{"system_description", 10},
                                                               {"outputPath", "velta/out/oneshot"},
@@ -186,6 +189,74 @@ TEST_F(IntakeTest, RefusalsAreReportedInTheClientsPublication) {
     EXPECT_TRUE(entryOf(t, oneShot).reader);
     EXPECT_TRUE(entryOf(t, owned).writer);
     EXPECT_EQ(entryOf(t, noType).typeId, 0u);
+}
+
+// A host publication that is already there when the intake runs is mirrored by the intake itself,
+// and a placeholder (publication_id 0) does not stop it. The check that follows re-reads with the
+// key as the first read left it: when the client had no row at all, that key is empty, this host
+// finds nothing for it, and the placeholder is written over the row just mirrored.
+TEST_F(IntakeTest, IntakeMirrorsAnInternalPublicationThatIsAlreadyThere) {
+    itemType();
+    writeSystem(10, "clientSys", "client");
+    db_->createTable("velta/in/items", "Test::Item");
+    Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
+    const unsigned typeId = itemTypeId();
+    const FieldValues values = {{"system_description", 10}, {"outputPath", "velta/out/mi"},
+                                {"queryText", "SELECT key FROM velta/in/items"}, {"standing", true}};
+    const External::Subscription sub = writeSubscription(values);
+    run();
+    const std::uint32_t sid = ctrlFor(sub.oid()).oid();
+    const std::uint32_t tableId = tableRow("velta/out/mi").oid();
+    ASSERT_NE(sid, 0u);
+    ASSERT_EQ(extPubFor(sub.oid()).publication_id(), 0u);
+    const External::Publication mirrored = makeRecord<External::Publication>(
+        {{"subscription_id", sub.oid()}, {"publication_id", sid}, {"tableId", tableId}, {"typeId", typeId},
+         {"status", true}, {"ptime", 7}});
+    auto extPubChangesSince = [this](std::size_t mark) {
+        const std::vector<std::string> all = log_.linesFor(kExtPub);
+        return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(mark), all.end());
+    };
+
+    // The client rewrites its row, then the host publishes; the intake is delivered first.
+    writeSubscription(values);
+    db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", sid}, {"tableId", tableId},
+                                                          {"typeId", typeId}, {"status", true}, {"ptime", 7}}));
+    std::size_t mark = log_.linesFor(kExtPub).size();
+    ASSERT_TRUE(db_->runOne());
+    EXPECT_EQ(extPubChangesSince(mark), std::vector<std::string>{"+" + mirrored.toString()});
+    EXPECT_EQ(t.publications().size(), 1u);
+    run();
+
+    // The client's row is gone: mirrored, then overwritten by the placeholder.
+    ASSERT_TRUE(db_->erase(kExtPub, mirrored));
+    writeSubscription(values);
+    mark = log_.linesFor(kExtPub).size();
+    run();
+    const External::Publication placeholder = makeRecord<External::Publication>(
+        {{"subscription_id", sub.oid()}, {"status", true}, {"tableId", tableId}, {"typeId", typeId}});
+    EXPECT_EQ(extPubChangesSince(mark),
+              (std::vector<std::string>{"+" + mirrored.toString(), "+" + placeholder.toString()}));
+}
+
+// A parked subscription is examined afresh when its table arrives: the parked entry goes before
+// the refusals are tested, so a pass that refuses leaves nothing parked.
+TEST_F(IntakeTest, ArrivingTableClearsTheParkedEntryEvenWhenRefused) {
+    writeSystem(20, "sysA", "A");
+    Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
+    const External::Subscription sub = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/pr"},
+                                                          {"queryText", "SELECT * FROM velta/out/pr"},
+                                                          {"standing", false},
+                                                          {"desiredFlags", 0x40},
+                                                          {"flags", 0x40}});
+    ASSERT_TRUE(db_->runOne());
+    ASSERT_EQ(t.pendingTableSubscriptions().count("velta/out/pr"), 1u);
+    run();
+    EXPECT_TRUE(t.pendingTableSubscriptions().empty());
+    EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
+    EXPECT_TRUE(entryOf(t, sub).reader);
+    EXPECT_EQ(entryOf(t, sub).sid, 0u);
+    EXPECT_EQ(entryOf(t, sub).tableOid, tableRow("velta/out/pr").oid());
 }
 
 // A refusal of a subscription that was established withdraws its control row; the client's
@@ -364,6 +435,21 @@ TEST_F(IntakeTest, BindingsPerKindOfAgent) {
     EXPECT_EQ(t->tableInterface("extSubsPerClientObserver_")->tablePath(), "velta/External/input/D/Subscription");
     EXPECT_TRUE(db_->hasTable("velta/veCtrl/input/D/subscription"));
     EXPECT_TRUE(db_->hasTable("velta/External/input/D/Subscription"));
+}
+
+// The server agent relies on registered tables being visible at once: a table whose metadata row
+// is missing breaks that contract and ends the process with the assertion report.
+TEST_F(IntakeTest, ServerWithoutTheTablesMetadataRowEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    itemType();
+    writeSystem(10, "clientSys", "client");
+    db_->createTable("velta/out/nometa", "Test::Item");
+    ASSERT_TRUE(db_->erase("velta/metadata/veTable", tableRow("velta/out/nometa")));
+    start(Kind::server, "server", "serverSys");
+    writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/nometa"}, {"queryText", "SELECT 1"}});
+    EXPECT_DEATH(db_->runUntilIdle(),
+                 "SubscriptionTranslator:547: void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon\\(const "
+                 "Velta::BaseRow&, bool\\): Assertion `!vdb_->isServerAgent\\(\\)' failed");
 }
 
 // A per-client row is handled with oid 0: control row, registry entry and its id mapping carry 0.

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -90,6 +91,140 @@ TEST_F(LifecycleTest, ConstructionAndReadinessTraces) {
         EXPECT_EQ(r.function, "onTableReady");
     }
     for (VeTableInterface* iface : translator_->requiredInterfaces()) EXPECT_TRUE(iface->ready()) << iface->ifName();
+}
+
+// Observers are declared client-ready in a fixed order, so the host reports readers and modifiers
+// ready in bind order and observers in that order; each report before the last names the first
+// interface of the readiness list still waiting. The ready pass replays the existing subscription
+// before its own entry trace.
+TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
+    struct ReadyLog : ChangeLog {
+        void onDeliveryBegin(Delivery d, const VeTableInterface* iface, const BaseRow&, const std::string&) override {
+            if (d == Delivery::ready && iface != nullptr) lines.push_back(iface->ifName());
+        }
+        void onWrite(const std::string&, const BaseRow&) override {}
+        void onDelete(const std::string&, const BaseRow&) override {}
+    };
+    struct Observed {
+        std::vector<std::string> clientReady;  // Schedulable's clientReadyIs traces
+        std::vector<std::string> ready;        // ready deliveries
+        std::vector<std::string> translator;   // entry traces (function) and readiness traces
+    };
+    auto observe = [this](Kind kind) {
+        translator_.reset();
+        reset(Host::Database::Options{});
+        itemType();
+        writeSystem(10, "clientSys", "client");
+        writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/ro"}, {"queryText", "SELECT 1"}});
+        ScopedDebugMask translatorMask(kChannel, (1u << 8) | (1u << 9));
+        ScopedDebugMask schedulableMask("Schedulable", 1u << 8);
+        Host::TraceCapture capture;
+        ReadyLog readyLog;
+        db_->listenerIs(&readyLog);
+        translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(kind, "A", "sysA")));
+        run();
+        db_->listenerIs(nullptr);
+        Observed o;
+        o.ready = readyLog.lines;
+        const std::string prefix = "virtual void Velta::Schedulable::clientReadyIs(bool) ";
+        for (const Host::TraceRecord& r : capture.records()) {
+            if (r.channel == "Schedulable") {
+                o.clientReady.push_back(r.message.substr(prefix.size()));
+            } else if (r.channel == kChannel && r.level == 8) {
+                o.translator.push_back(r.function);
+            } else if (r.channel == kChannel && r.function == "onTableReady") {
+                o.translator.push_back(r.message);
+            }
+        }
+        return o;
+    };
+    const std::vector<std::string> waitingForExtSubs(4, "extSubsObserver_ not ready");
+    auto concat = [](std::vector<std::string> a, const std::vector<std::string>& b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+
+    Observed o = observe(Kind::server);
+    EXPECT_EQ(o.clientReady, (std::vector<std::string>{"extSubsObserver_ ready: 1", "pubObserver_ ready: 1"}));
+    EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader", "extPubModifier",
+                                                 "extSubsObserver_", "pubObserver_"}));
+    EXPECT_EQ(o.translator,
+              concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
+                     {"pubObserver_ not ready", "extSubsOnRowCommon", "subscriptionComplete", "extSubsOnReady"}));
+
+    o = observe(Kind::standalone);
+    EXPECT_EQ(o.clientReady, (std::vector<std::string>{"extSubsObserver_ ready: 1", "veTableObserver ready: 1",
+                                                       "extPubObserver_ ready: 1"}));
+    EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader", "pubModifier",
+                                                 "extSubsObserver_", "veTableObserver", "extPubObserver_"}));
+    EXPECT_EQ(o.translator,
+              concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
+                     {"extPubObserver_ not ready", "extPubObserver_ not ready", "extSubsOnRowCommon", "extSubsOnReady"}));
+
+    o = observe(Kind::perAgent);
+    EXPECT_EQ(o.clientReady, (std::vector<std::string>{"extSubsObserver_ ready: 1", "extSubsPerClientObserver_ ready: 1",
+                                                       "veTableObserver ready: 1", "extPubObserver_ ready: 1"}));
+    EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader", "pubModifier",
+                                                 "extSubsObserver_", "extSubsPerClientObserver_", "veTableObserver",
+                                                 "extPubObserver_"}));
+    EXPECT_EQ(o.translator, concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
+                                   {"extPubObserver_ not ready", "extPubObserver_ not ready", "extPubObserver_ not ready",
+                                    "extSubsOnRowCommon", "extSubsOnReady"}));
+}
+
+// Each ready pass walks its table with the walked observer activated and deactivates it after:
+// every change the passes make is made while exactly that observer is active.
+TEST_F(LifecycleTest, ReadyPassesWalkWithTheirObserverActivated) {
+    struct ActiveLog : ChangeLog {
+        explicit ActiveLog(const std::unique_ptr<Agent::SubscriptionTranslator>& t) : translator(t) {}
+        void onWrite(const std::string& path, const BaseRow&) override { lines.push_back("+" + path + active()); }
+        void onDelete(const std::string& path, const BaseRow&) override { lines.push_back("-" + path + active()); }
+        std::string active() const {
+            std::string out;
+            for (const char* name : {"extSubsObserver_", "pubObserver_", "extPubObserver_"}) {
+                if (translator->tableInterface(name)->activated()) out += std::string(" ") + name;
+            }
+            return out;
+        }
+        const std::unique_ptr<Agent::SubscriptionTranslator>& translator;
+    };
+
+    // Server: the replay writes the control row; the publication check fails an orphaned client row.
+    itemType();
+    writeSystem(10, "clientSys", "client");
+    db_->createTable("velta/out/act", "Test::Item");
+    const External::Subscription sub = writeSubscription(
+        {{"system_description", 10}, {"outputPath", "velta/out/act"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    db_->write(kExtPub, makeRecord<External::Publication>(
+                            {{"subscription_id", sub.oid()}, {"publication_id", 777}, {"status", true}}));
+    ActiveLog serverLog(translator_);
+    db_->listenerIs(&serverLog);
+    translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(Kind::server, "server", "s")));
+    run();
+    EXPECT_EQ(serverLog.lines,
+              (std::vector<std::string>{"+" + kCtrlSubs + " extSubsObserver_", "+" + kExtPub + " pubObserver_"}));
+    EXPECT_EQ(serverLog.active(), "");
+    db_->listenerIs(nullptr);
+
+    // Non-server: the replay writes the control row; the carry-over writes the internal
+    // publication, which the stale sweep then deletes.
+    translator_.reset();
+    reset(Host::Database::Options{});
+    itemType();
+    writeSystem(20, "sysA", "A");
+    db_->createTable("velta/out/act", "Test::Item");
+    const External::Subscription own = writeSubscription(
+        {{"system_description", 20}, {"outputPath", "velta/out/act"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", own.oid()}, {"status", true}}));
+    ActiveLog agentLog(translator_);
+    db_->listenerIs(&agentLog);
+    translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(Kind::standalone, "A", "sysA")));
+    run();
+    EXPECT_EQ(agentLog.lines, (std::vector<std::string>{"+" + kCtrlSubs + " extSubsObserver_",
+                                                        "+" + kCtrlPub + " extPubObserver_",
+                                                        "-" + kCtrlPub + " extPubObserver_"}));
+    EXPECT_EQ(agentLog.active(), "");
+    db_->listenerIs(nullptr);
 }
 
 // The shared debug handler outlives every translator: objects never own it.
