@@ -7,6 +7,8 @@
 // - An entry's key object is a copy of the first row inserted under that key; only its key
 //   fields are used.
 // - Trace text is built only when its level is on (KESTO_TRACE tests the level first).
+// - outputRowOwners_'s nodes live in a NodePool shared by the map's allocator copies, so the pool
+//   outlives every node whatever the order of destruction.
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Records.h>
 #include <Velta/VeRT.h>
@@ -22,6 +24,9 @@ constexpr const char* kMetadataPath = "velta/metadata/veTable";
 constexpr unsigned char kModifierMode = 3;
 constexpr unsigned char kObserverMode = 5;
 }  // namespace
+
+static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <= NodePool::kSlot,
+              "an owner entry's tree node must fit a pool slot");
 
 // ---------------------------------------------------------------------------------------------
 // Debug channels
@@ -141,7 +146,7 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
       rowOps_(vdb_->getRowOps(rowTypeName, 0)),
       keyLess_(rowOps_),
       inputTables_(),
-      outputRowOwners_(keyLess_),
+      outputRowOwners_(keyLess_, OutputRowOwners::allocator_type(std::make_shared<NodePool>())),
       inputPathPrefix_(inputPathPrefix),
       inputPathSuffix_(inputPathSuffix),
       outputPath_(outputPath),
@@ -250,8 +255,9 @@ void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
     if (entry == outputRowOwners_.end() || keyLess_(row, entry->first)) {
         outputRowOwners_.emplace_hint(entry, row, owner);
     } else {
-        // No precedence between inputs: the latest delivery wins and takes the key over.
-        entry->second = owner;
+        // No precedence between inputs: the latest delivery wins and takes the key over. (The
+        // test only spares the reference count when the owner stays.)
+        if (entry->second != owner) entry->second = owner;
     }
     outputModifier.rowIs(row);
 }

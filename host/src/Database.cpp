@@ -249,7 +249,10 @@ void Database::Impl::considerReady(Attachment& att) {
 }
 
 void Database::Impl::notify(Slot& slot, QueuedEvent::Kind kind, const BaseRow& row) {
-    for (Attachment* att : slot.observers) push(QueuedEvent{att, kind, row, nullptr});
+    for (Attachment* att : slot.observers) {
+        ++att->queued;
+        queue.pushRow(att, kind, row);
+    }
 }
 
 void Database::Impl::push(QueuedEvent&& e) {

@@ -4,8 +4,10 @@
 // Invariants:
 // - Every row stored in a table has the table's row type.
 // - Index 0 holds the nodes (ordered by primary key); index 1 holds pointers to the same nodes
-//   (ordered by oid, then primary key). Each node knows its index-1 position, so a write touches
-//   each index at most once. A replace that keeps the oid assigns the node's row in place.
+//   (ordered by oid, read from the node's row, then primary key). A replace that keeps the oid
+//   assigns the node's row in place and leaves index 1 alone.
+// - Index nodes live in the table's NodePool: one cache line per node, so a lookup touches one
+//   line per tree level (nodes carry only the row and its key prefix for that reason).
 // - A table's version counter of an index changes on every structural change of that index
 //   (insert, erase, clear); an iterator whose saved version differs re-seeks by its row's key.
 // - A queued event names a live attachment: detaching removes the attachment's events first.
@@ -15,6 +17,7 @@
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
+#include <Velta/NodePool.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
@@ -81,6 +84,8 @@ struct OidLess {
     using is_transparent = void;
     const RowType* type;
     bool prefixIsKey;
+    std::uint16_t oidSlot;  // of the type's oid field (unused for types without one)
+    std::uint64_t oidOf(const TableNode* n) const noexcept;
     bool less(std::uint64_t oa, std::uint64_t pa, const RowData& a, std::uint64_t ob, std::uint64_t pb,
               const RowData& b) const noexcept {
         if (oa != ob) return oa < ob;
@@ -94,18 +99,15 @@ struct OidLess {
     inline bool operator()(OidProbe a, const TableNode* b) const noexcept;
 };
 
-using OidIndex = std::set<const TableNode*, OidLess>;
+using OidIndex = std::set<const TableNode*, OidLess, NodeAllocator<const TableNode*>>;
 
 struct TableNode {
-    TableNode(BaseRow r, std::uint64_t keyPrefix, std::uint64_t rowOid)
-        : row(std::move(r)), prefix(keyPrefix), oid(rowOid) {}
+    TableNode(BaseRow r, std::uint64_t keyPrefix) : row(std::move(r)), prefix(keyPrefix) {}
     mutable BaseRow row;
     std::uint64_t prefix;  // the key never changes while the node lives
-    mutable std::uint64_t oid;
-    mutable OidIndex::const_iterator oidPos;
 };
 
-using PrimaryIndex = std::set<TableNode, PrimaryLess>;
+using PrimaryIndex = std::set<TableNode, PrimaryLess, NodeAllocator<TableNode>>;
 
 inline bool PrimaryLess::operator()(const TableNode& a, const TableNode& b) const noexcept {
     return less(a.prefix, *a.row.data(), b.prefix, *b.row.data());
@@ -116,17 +118,20 @@ inline bool PrimaryLess::operator()(const TableNode& a, const KeyProbe& b) const
 inline bool PrimaryLess::operator()(const KeyProbe& a, const TableNode& b) const noexcept {
     return less(a.prefix, *a.data, b.prefix, *b.row.data());
 }
+inline std::uint64_t OidLess::oidOf(const TableNode* n) const noexcept { return n->row.data()->numbers[oidSlot]; }
 inline bool OidLess::operator()(const TableNode* a, const TableNode* b) const noexcept {
-    return less(a->oid, a->prefix, *a->row.data(), b->oid, b->prefix, *b->row.data());
+    return less(oidOf(a), a->prefix, *a->row.data(), oidOf(b), b->prefix, *b->row.data());
 }
 inline bool OidLess::operator()(const TableNode* a, const KeyProbe& b) const noexcept {
-    return less(a->oid, a->prefix, *a->row.data(), b.oid, b.prefix, *b.data);
+    return less(oidOf(a), a->prefix, *a->row.data(), b.oid, b.prefix, *b.data);
 }
 inline bool OidLess::operator()(const KeyProbe& a, const TableNode* b) const noexcept {
-    return less(a.oid, a.prefix, *a.data, b->oid, b->prefix, *b->row.data());
+    return less(a.oid, a.prefix, *a.data, oidOf(b), b->prefix, *b->row.data());
 }
-inline bool OidLess::operator()(const TableNode* a, OidProbe b) const noexcept { return a->oid < b.oid; }
-inline bool OidLess::operator()(OidProbe a, const TableNode* b) const noexcept { return a.oid < b->oid; }
+inline bool OidLess::operator()(const TableNode* a, OidProbe b) const noexcept { return oidOf(a) < b.oid; }
+inline bool OidLess::operator()(OidProbe a, const TableNode* b) const noexcept { return a.oid < oidOf(b); }
+
+static_assert(sizeof(TableNode) + 4 * sizeof(void*) <= NodePool::kSlot, "an index-0 node must fit a pool slot");
 
 static_assert(sizeof(PrimaryIndex::const_iterator) <= sizeof(void*) &&
                   std::is_trivially_copyable_v<PrimaryIndex::const_iterator>,
@@ -159,6 +164,8 @@ public:
     const TableNode* findPrimary(const BaseRow& key) const;
     // The first row whose key in `index` equals `key`'s (index 1: the first with its oid).
     const TableNode* findIn(const BaseRow& key, unsigned char index) const;
+    // Index 1's first entry with `key`'s oid, or its end (tables with an oid only).
+    OidIndex::const_iterator findOid(const BaseRow& key) const;
     // Where `key` (of the table's type) is or would go in index 0.
     struct Spot {
         PrimaryIndex::const_iterator pos;
@@ -180,6 +187,7 @@ public:
 private:
     const RowType* type_;
     std::string path_;
+    std::shared_ptr<NodePool> nodes_;  // declared before the indexes, which hold it too
     PrimaryIndex primary_;
     OidIndex byOid_;
     std::uint64_t version_[2] = {1, 1};
@@ -260,12 +268,20 @@ struct QueuedEvent {
     std::unique_ptr<HostTask> task;
 };
 
-// FIFO ring buffer of events; no allocation once it has grown to the working size.
+// FIFO ring buffer of events; no allocation once it has grown to the working size. Entries outside
+// the live range are empty (no row, no task), so appending only fills in fields.
 class EventQueue {
 public:
     bool empty() const noexcept { return size_ == 0; }
     std::size_t size() const noexcept { return size_; }
     void push(QueuedEvent&& e);
+    // Appends a row delivery in place (no temporary event to move).
+    void pushRow(Velta::detail::Attachment* att, QueuedEvent::Kind kind, const BaseRow& row) {
+        QueuedEvent& e = append();
+        e.att = att;
+        e.kind = kind;
+        e.row = row;
+    }
     QueuedEvent& at(std::size_t i) noexcept { return buf_[(head_ + i) & (buf_.size() - 1)]; }
     // Removes and returns the entry at position i (0 = oldest), keeping the order of the rest.
     QueuedEvent take(std::size_t i);
@@ -275,6 +291,13 @@ public:
     void clear();
 
 private:
+    // The new last entry, empty (every entry past the live ones is empty).
+    QueuedEvent& append() {
+        if (size_ == buf_.size()) grow();
+        return buf_[(head_ + size_++) & (buf_.size() - 1)];
+    }
+    void grow();
+
     std::vector<QueuedEvent> buf_;
     std::size_t head_ = 0;
     std::size_t size_ = 0;

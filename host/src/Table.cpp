@@ -28,13 +28,18 @@ bool prefixIsKey(const RowType& type) noexcept {
     return type.keyFields().size() == 1 && isNumberKind(type.fields()[type.keyFields().front()].kind);
 }
 
+std::uint16_t oidSlotOf(const RowType& type) noexcept {
+    return type.oidField() >= 0 ? type.fields()[static_cast<std::size_t>(type.oidField())].slot : 0;
+}
+
 }  // namespace
 
 TableState::TableState(const RowType& type, std::string path)
     : type_(&type),
       path_(std::move(path)),
-      primary_(PrimaryLess{&type, prefixIsKey(type)}),
-      byOid_(OidLess{&type, prefixIsKey(type)}) {
+      nodes_(std::make_shared<NodePool>()),
+      primary_(PrimaryLess{&type, prefixIsKey(type)}, NodeAllocator<TableNode>(nodes_)),
+      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, NodeAllocator<const TableNode*>(nodes_)) {
     const auto& fields = type.fields();
     if (type.oidField() >= 0) {
         hasOid_ = true;
@@ -74,9 +79,14 @@ const TableNode* TableState::findPrimary(const BaseRow& key) const {
 
 const TableNode* TableState::findIn(const BaseRow& key, unsigned char index) const {
     if (effectiveIndex(index) == 0) return findPrimary(key);
+    const auto it = findOid(key);
+    return it == byOid_.end() ? nullptr : *it;
+}
+
+OidIndex::const_iterator TableState::findOid(const BaseRow& key) const {
     const std::uint64_t oid = key.data()->numbers[oidSlot_];
     auto it = byOid_.lower_bound(OidProbe{oid});
-    return it == byOid_.end() || (*it)->oid != oid ? nullptr : *it;
+    return it == byOid_.end() || byOid_.key_comp().oidOf(*it) != oid ? byOid_.end() : it;
 }
 
 TableState::Spot TableState::locate(const BaseRow& key) const {
@@ -88,23 +98,22 @@ TableState::Spot TableState::locate(const BaseRow& key) const {
 const TableNode& TableState::put(Spot spot, BaseRow row) {
     if (spot.exists) {
         const TableNode& node = *spot.pos;
-        const std::uint64_t oid = hasOid_ ? row.data()->numbers[oidSlot_] : 0;
-        if (node.oid != oid) {
-            byOid_.erase(node.oidPos);
+        if (hasOid_ && row.data()->numbers[oidSlot_] != node.row.data()->numbers[oidSlot_]) {
+            // Out of index 1 while the node still shows the old oid, back in with the new one.
+            byOid_.erase(byOid_.find(&node));
             node.row = std::move(row);
-            node.oid = oid;
-            node.oidPos = byOid_.insert(&node).first;
+            byOid_.insert(&node);
             ++version_[1];
         } else {
             node.row = std::move(row);
         }
         return node;
     }
-    const KeyProbe p = probe(row);
-    auto it = primary_.emplace_hint(spot.pos, std::move(row), p.prefix, p.oid);
+    const std::uint64_t prefix = probe(row).prefix;
+    auto it = primary_.emplace_hint(spot.pos, std::move(row), prefix);
     ++version_[0];
     if (hasOid_) {
-        it->oidPos = byOid_.insert(&*it).first;
+        byOid_.insert(&*it);
         ++version_[1];
     }
     return *it;
@@ -114,7 +123,7 @@ BaseRow TableState::remove(const BaseRow& key) {
     auto it = primary_.find(probe(key));
     if (it == primary_.end()) return BaseRow();
     if (hasOid_) {
-        byOid_.erase(it->oidPos);
+        byOid_.erase(byOid_.find(&*it));
         ++version_[1];
     }
     BaseRow row = std::move(it->row);
@@ -290,8 +299,8 @@ VeRowIterator VeTableInterface::find(const BaseRow& key, unsigned char index) co
     const TableState& t = **table;
     const BaseRow k = keyFor(t, key);
     if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.primary().find(t.probe(k)));
-    const detail::TableNode* node = t.findIn(k, 1);
-    return node == nullptr ? VeRowIterator() : detail::HostAccess::oidAt(*table, node->oidPos);
+    const auto pos = t.findOid(k);
+    return pos == t.byOid().end() ? VeRowIterator() : detail::HostAccess::oidAt(*table, pos);
 }
 
 VeRowIterator VeTableInterface::lower_bound(const BaseRow& key, unsigned char index) const {
@@ -352,16 +361,14 @@ void VeTableInterface::_considerRunnability() {
 
 namespace Velta::Host {
 
-void EventQueue::push(QueuedEvent&& e) {
-    if (size_ == buf_.size()) {
-        std::vector<QueuedEvent> bigger(buf_.empty() ? 64 : buf_.size() * 2);
-        for (std::size_t i = 0; i < size_; ++i) bigger[i] = std::move(at(i));
-        buf_.swap(bigger);
-        head_ = 0;
-    }
-    buf_[(head_ + size_) & (buf_.size() - 1)] = std::move(e);
-    ++size_;
+void EventQueue::grow() {
+    std::vector<QueuedEvent> bigger(buf_.empty() ? 64 : buf_.size() * 2);
+    for (std::size_t i = 0; i < size_; ++i) bigger[i] = std::move(at(i));
+    buf_.swap(bigger);
+    head_ = 0;
 }
+
+void EventQueue::push(QueuedEvent&& e) { append() = std::move(e); }
 
 QueuedEvent EventQueue::take(std::size_t i) {
     QueuedEvent e = std::move(at(i));

@@ -25,7 +25,10 @@ public:
         // aggregator's owner map, where this comparison runs on every row event.
         if (type_ != nullptr && index_ == 0 && type_->keyFields().size() == 1) {
             const RowType::Field& field = type_->fields()[type_->keyFields()[0]];
-            if (isNumberKind(field.kind)) numberKeySlot_ = field.slot;
+            if (isNumberKind(field.kind)) {
+                numberKeySlot_ = field.slot;
+                numberKeyIs(type_, field.slot);
+            }
         }
     }
     bool keyLess(const BaseRow& a, const BaseRow& b) const override {

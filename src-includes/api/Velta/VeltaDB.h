@@ -5,6 +5,7 @@
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,17 +27,48 @@ public:
     virtual ~RowOps() = default;
     // True when `a`'s key in this index is ordered before `b`'s.
     virtual bool keyLess(const BaseRow& a, const BaseRow& b) const = 0;
+
+    // Inline shortcut of keyLess for a key of one number field: when not null, two rows whose data
+    // are both of this type are ordered by their number in slot numberKeySlot() alone, exactly as
+    // keyLess orders them. Null when the operations declare no such shortcut.
+    const RowType* numberKeyType() const noexcept { return numberKeyType_; }
+    std::size_t numberKeySlot() const noexcept { return numberKeySlot_; }
+
+protected:
+    // Declares the shortcut; only for operations whose keyLess orders rows of `type` that way.
+    void numberKeyIs(const RowType* type, std::size_t slot) noexcept {
+        numberKeyType_ = type;
+        numberKeySlot_ = slot;
+    }
+
+private:
+    const RowType* numberKeyType_ = nullptr;
+    std::size_t numberKeySlot_ = 0;
 };
 
 // Orders rows by the key of the index its RowOps were made for.
 class RowOpsKeyLess {
 public:
-    explicit RowOpsKeyLess(std::shared_ptr<const RowOps> ops) noexcept : ops_(std::move(ops)) {}
-    bool operator()(const BaseRow& a, const BaseRow& b) const { return ops_->keyLess(a, b); }
+    explicit RowOpsKeyLess(std::shared_ptr<const RowOps> ops) noexcept
+        : ops_(std::move(ops)),
+          numberKeyType_(ops_ ? ops_->numberKeyType() : nullptr),
+          numberKeySlot_(ops_ ? ops_->numberKeySlot() : 0) {}
+    bool operator()(const BaseRow& a, const BaseRow& b) const {
+        // Ordered maps compare on every tree level: skip the virtual call where the operations
+        // allow it.
+        const RowData* x = a.data();
+        const RowData* y = b.data();
+        if (numberKeyType_ != nullptr && x != nullptr && y != nullptr && x->type == numberKeyType_ &&
+            y->type == numberKeyType_)
+            return x->numbers[numberKeySlot_] < y->numbers[numberKeySlot_];
+        return ops_->keyLess(a, b);
+    }
     const std::shared_ptr<const RowOps>& ops() const noexcept { return ops_; }
 
 private:
     std::shared_ptr<const RowOps> ops_;
+    const RowType* numberKeyType_;
+    std::size_t numberKeySlot_;
 };
 
 class VeltaDB {
