@@ -98,6 +98,39 @@ TEST_F(HostMetadata, RegisterTableVisibilityDependsOnTheKindOfAgent) {
     EXPECT_TRUE(db_->calls().empty());
 }
 
+TEST_F(HostMetadata, ServerRegistrationIsVisibleWhateverElseIsUnderWay) {
+    auto server = connectServer("srv");
+    auto other = connect("ext", false, true);
+
+    // Another agent's registration of the same path is still travelling: the server's one wins at
+    // once, and the travelling one then finds the table and changes nothing.
+    other->registerTable("out/race", resultType().name(), TableType::oneShot, 0, 0, "ownerE");
+    server->registerTable("out/race", resultType().name(), TableType::standing, 0, 0, "ownerS");
+    EXPECT_EQ(server->tableInfo("out/race").owner(), "ownerS");
+    run();
+    EXPECT_EQ(server->tableInfo("out/race").owner(), "ownerS");
+
+    // A client deleted an existing table's metadata row: the server's registration writes it again.
+    db_->createTable("out/known", resultType().name(), "first");
+    veMetadata::veTable key;
+    key.tablePathIs("out/known");
+    ASSERT_TRUE(db_->erase(kVeTable, key));
+    EXPECT_TRUE(server->tableInfo("out/known").empty());
+    other->registerTable("out/known", resultType().name(), TableType::standing, 0, 0, "ext");  // not the server: nothing
+    run();
+    EXPECT_TRUE(server->tableInfo("out/known").empty());
+    server->registerTable("out/known", resultType().name(), TableType::standing, 0, 0, "again");
+    EXPECT_EQ(server->tableInfo("out/known").typeName(), resultType().name());
+    EXPECT_EQ(server->tableInfo("out/known").owner(), "again");
+
+    // The whole metadata table was dropped: it comes back with the registered table's row.
+    ASSERT_TRUE(db_->dropTable(kVeTable));
+    server->registerTable("out/fresh", resultType().name(), TableType::standing, 0, 0, "o");
+    EXPECT_EQ(server->tableInfo("out/fresh").tablePath(), "out/fresh");
+    EXPECT_EQ(server->tableInfo("out/fresh").owner(), "o");
+    EXPECT_FALSE(server->tableInfo(kVeTable).empty());
+}
+
 TEST_F(HostMetadata, ControlPublicationsAnswerControlSubscriptions) {
     Host::Database::Options options;
     options.autoPublish = true;

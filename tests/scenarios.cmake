@@ -56,6 +56,14 @@ foreach(example ${velta_examples})
   endif()
 endforeach()
 
+# Behaviour once broken (most found by fuzzing), pinned as scenarios.
+file(GLOB velta_regressions CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/scenarios/regressions/*.yaml)
+foreach(regression ${velta_regressions})
+  get_filename_component(velta_scenario ${regression} NAME_WE)
+  add_test(NAME scenario.regression.${velta_scenario} COMMAND velta-sim run ${regression})
+  set_tests_properties(scenario.regression.${velta_scenario} PROPERTIES TIMEOUT 60 LABELS scenario)
+endforeach()
+
 file(GLOB velta_malformed CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/scenarios/malformed/*.yaml)
 foreach(malformed ${velta_malformed})
   get_filename_component(velta_scenario ${malformed} NAME_WE)

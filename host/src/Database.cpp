@@ -118,6 +118,19 @@ bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::str
     return true;
 }
 
+void Database::Impl::restoreMetadataRow(Slot& slot, const std::string& ownerName) {
+    Slot& meta = slotFor(kVeTablePath);
+    if (!meta.table) createTable(meta, veMetadata::veTable::type(), "", 0);
+    veMetadata::veTable key;
+    key.tablePathIs(slot.path);
+    if (meta.table->findPrimary(key) != nullptr) return;
+    veMetadata::veTable row;
+    row.tablePathIs(slot.path);
+    row.typeNameIs(slot.table->type().name());
+    row.ownerIs(ownerName);
+    writeRow(meta, row);
+}
+
 bool Database::Impl::dropTable(const std::string& path) {
     Slot* slot = findSlot(path);
     if (slot == nullptr || !slot->table) return false;
@@ -343,14 +356,21 @@ void Database::Impl::registerTable(const AgentHandle& handle, const std::string&
     call.owner = ownerName;
     logCall(std::move(call));
 
-    const Slot* existing = findSlot(path);
-    if ((existing != nullptr && existing->table) || inFlight_.count(path) != 0) return;
+    Slot* existing = findSlot(path);
+    const bool exists = existing != nullptr && existing->table;
     const RowType* rowType = findRowType(typeName);
-    if (rowType == nullptr) return;  // no table can be made of an unknown type
     if (handle.isServerAgent()) {
-        createTable(slotFor(path), *rowType, ownerName, 0);
+        // The server's registration is visible at once whatever else is under way: another agent's
+        // registration of the same path still travelling, or a metadata row (or the whole metadata
+        // table) that a client removed. The server agent relies on finding the row right after.
+        if (!exists && rowType == nullptr) return;  // no table can be made of an unknown type
+        Slot& slot = exists ? *existing : slotFor(path);
+        if (!exists) createTable(slot, *rowType, ownerName, 0);
+        restoreMetadataRow(slot, ownerName);
         return;
     }
+    if (exists || inFlight_.count(path) != 0) return;
+    if (rowType == nullptr) return;  // no table can be made of an unknown type
     inFlight_.insert(path);
     queueTask("registerTable " + path, [this, path, rowType, ownerName] {
         inFlight_.erase(path);

@@ -332,6 +332,9 @@ public:
     const Velta::detail::Slot* findSlot(const std::string& path) const noexcept;
     // Creates the table and its metadata row; returns false when it exists already.
     bool createTable(Velta::detail::Slot& slot, const RowType& type, const std::string& owner, unsigned oid);
+    // Writes the metadata row of an existing table again when a client removed it (or the whole
+    // metadata table), so a server agent's registration always leaves the row visible.
+    void restoreMetadataRow(Velta::detail::Slot& slot, const std::string& owner);
     bool dropTable(const std::string& path);
     void eraseSlotIfUnused(Velta::detail::Slot& slot);
     // Inserts or replaces `row` (oid written back into it) in the slot's table; returns the

@@ -1,0 +1,405 @@
+// Fuzz target: bytes become client and host operations on in-memory databases that run a server
+// translator, an external non-server translator (standalone or per-agent) and an aggregator. Rows of any type
+// go into any table (the host converts them by field name), metadata rows are written by hand, tables come
+// and go, queries are completed by hand or fail, agents are destroyed and rebuilt, ready passes and clean()
+// are forced, and traces are on or off. Whatever happens, nothing may crash, leak or loop: a run that does
+// not settle within the delivery bound is fine, a fault is not.
+//
+// Left out on purpose, because they stop the process by contract: a translator in an agent that is
+// neither the server agent nor external, and parameter lists of unequal length.
+//
+// Aborts once found here, all at the server agent's assertion "!vdb_->isServerAgent()" when an
+// output table it registers still had no metadata row, were settled in the host (regression
+// scenarios in tests/scenarios/regressions/); the exclusions made for them are still in place:
+//   - another agent's registration of the same path is still on its way (two translators in one
+//     database): the two translators get a database each unless kOneDatabase is set;
+//   - a client deleted the table's metadata row, or dropped "velta/metadata/veTable" itself: in
+//     the server agent's database the metadata table is not damaged. The aggregator lives in the
+//     other database, where metadata rows do come and go by hand.
+// And a use after free in the translator: a query completion that arrives after its translator
+// was destroyed calls into it when the handle outlives the translator
+// (tests/scenarios/regressions/query-completion-after-stop.yaml), so a translator is destroyed
+// only when none of its queries is pending.
+#include <Velta/Agent/Aggregator.h>
+#include <Velta/Agent/SubscriptionTranslator.h>
+#include <Velta/Host/Database.h>
+#include <Velta/Host/Debug.h>
+#include <Velta/Records.h>
+
+#include "ByteReader.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr bool kOneDatabase = false;
+
+using Velta::BaseRow;
+using Velta::FieldKind;
+using Velta::RowType;
+namespace Host = Velta::Host;
+using Velta::Agent::Aggregator;
+using Velta::Agent::SubscriptionTranslator;
+
+const RowType& fuzzRowType() {
+    static const RowType& t = Host::defineRowType("Fuzz::Row",
+                                                  {{"key", FieldKind::string},
+                                                   {"oid", FieldKind::u32},
+                                                   {"val", FieldKind::u64},
+                                                   {"tags", FieldKind::strings}},
+                                                  {"key"});
+    return t;
+}
+
+constexpr std::array<const char*, 16> kPaths = {
+    "velta/External/Subscription",
+    "velta/External/Publication",
+    "velta/veCtrl/subscription",
+    "velta/veCtrl/publication",
+    "velta/metadata/veTable",
+    "velta/metadata/SystemDescription",
+    "velta/External/input/edge/Subscription",
+    "velta/veCtrl/input/edge/subscription",
+    "velta/in/a/rows",
+    "velta/in/b/rows",
+    "velta/in/a/b/rows",
+    "velta/in//rows",
+    "velta/agg/out",
+    "velta/out/q",
+    "velta/out/r",
+    "",
+};
+constexpr std::array<const char*, 9> kTypes = {
+    "External::Subscription",
+    "External::Publication",
+    "veCtrl::subscription",
+    "veCtrl::publication",
+    "veMetadata::veTable",
+    "veMetadata::SystemDescription",
+    "Fuzz::Row",
+    "veMetadata::veClass",
+    "No::Such",
+};
+constexpr std::array<const char*, 8> kTexts = {
+    "SELECT * FROM velta/out/q",
+    "SELECT * INTO velta/out/q",
+    "SELECT tablePath FROM velta/metadata/veTable",
+    "SELECT x FROM velta/nowhere",
+    "SELECT * FROM ",
+    "SELECT * INTO ",
+    "",
+    "FROM",
+};
+
+// Every byte is consumed in a statement of its own, never two within one argument list, whose
+// order of evaluation differs between compilers: a saved input must decode to the same program in
+// the libFuzzer build (clang) and in the replay tests (any compiler).
+class Harness {
+public:
+    explicit Harness(VeltaFuzz::ByteReader& in) : in_(in) {
+        fuzzRowType();
+        Host::Database::serverProcessIs(in_.boolean());
+        Host::Database::Options options;
+        options.autoPublish = in_.boolean();
+        options.manualQueries = in_.boolean();
+        options.deliveryBound = 20000;
+        if (in_.boolean()) options.shuffleSeed = in_.integral<std::uint16_t>() + 1u;
+        serverDb_ = Host::Database::create(options);
+        edgeDb_ = kOneDatabase ? serverDb_ : Host::Database::create(options);
+        Host::AgentOptions server;
+        server.agentName = "server";
+        server.systemName = "sysA";
+        server.serverAgent = true;
+        serverHandle_ = serverDb_->connect(server);
+        Host::AgentOptions edge;
+        edge.agentName = "edge";
+        edge.systemName = "sysA";
+        edge.external = true;
+        edge.standalone = in_.boolean();
+        edgeHandle_ = edgeDb_->connect(edge);
+        const std::uint32_t mask = in_.boolean() ? 0xffffffffu : 0u;
+        Host::debugMaskIs("SubscriptionTranslator", mask);
+        Host::debugMaskIs("Aggregator", mask);
+        Host::debugMaskIs("Schedulable", mask);
+        serverTranslator_ = std::make_unique<SubscriptionTranslator>(serverHandle_);
+        edgeTranslator_ = std::make_unique<SubscriptionTranslator>(edgeHandle_);
+        buildAggregator();
+    }
+    ~Harness() {
+        aggregator_.reset();
+        edgeTranslator_.reset();
+        serverTranslator_.reset();
+        Host::debugMasksClear();
+    }
+
+    void run() {
+        for (int ops = 0; ops < 256 && in_.remaining() > 0; ++ops) {
+            // Each step acts on one database: the server agent's or the edge agent's (with the aggregator).
+            db_ = kOneDatabase || in_.inRange<int>(0, 2) != 0 ? serverDb_.get() : edgeDb_.get();
+            step();
+        }
+        serverDb_->runUntilIdle();
+        edgeDb_->runUntilIdle();
+    }
+
+private:
+    std::string path() {
+        if (in_.inRange<int>(0, 7) == 0) return in_.string(64);
+        return kPaths[in_.inRange<std::size_t>(0, kPaths.size() - 1)];
+    }
+    std::string typeName() {
+        if (in_.inRange<int>(0, 15) == 0) return in_.string(32);
+        return kTypes[in_.inRange<std::size_t>(0, kTypes.size() - 1)];
+    }
+    std::string text() {
+        switch (in_.inRange<int>(0, 3)) {
+            case 0:
+                return in_.string(300);
+            case 1:
+                return std::string(in_.inRange<std::size_t>(0, 5000), 'x');
+            default:
+                return kTexts[in_.inRange<std::size_t>(0, kTexts.size() - 1)];
+        }
+    }
+    const RowType* rowType() {
+        const RowType* t = Host::findRowType(kTypes[in_.inRange<std::size_t>(0, 6)]);
+        return t;
+    }
+
+    // A row of `type` with fields filled from the input; string lists of equal length wherever
+    // a type has two of them (parameter names and values).
+    BaseRow row(const RowType& type) {
+        BaseRow r(type);
+        const std::size_t listLength = in_.inRange<std::size_t>(0, 3);
+        for (std::size_t f = 0; f < type.fields().size(); ++f) {
+            const FieldKind kind = type.fields()[f].kind;
+            if (kind != FieldKind::strings && !in_.boolean()) continue;
+            const std::string& name = type.fields()[f].name;
+            if (isNumberKind(kind)) {
+                r.numberIs(f, in_.inRange<int>(0, 3) == 0 ? in_.integral<std::uint64_t>()
+                                                          : in_.inRange<std::uint64_t>(0, 12));
+            } else if (kind == FieldKind::string) {
+                if (name == "queryText")
+                    r.stringIs(f, text());
+                else if (name == "outputPath" || name == "tablePath")
+                    r.stringIs(f, path());
+                else if (name == "typeName")
+                    r.stringIs(f, typeName());
+                else if (name == "sysName")
+                    r.stringIs(f, in_.boolean() ? "sysA" : in_.string(16));
+                else if (name == "agentName")
+                    r.stringIs(f, in_.boolean() ? "edge" : in_.string(16));
+                else
+                    r.stringIs(f, in_.string(24));
+            } else {
+                std::vector<std::string> list;
+                for (std::size_t i = 0; i < listLength; ++i) list.push_back(in_.string(12));
+                r.stringsIs(f, std::move(list));
+            }
+        }
+        return r;
+    }
+
+    // The metadata table of the server agent's database is left whole (see the known aborts above).
+    bool protectedMetadata(const std::string& p) const {
+        return db_ == serverDb_.get() && p == "velta/metadata/veTable";
+    }
+
+    // A translator is destroyed only once none of its queries is pending: a completion arriving
+    // later would call into the destroyed translator (known, see the top of this file). Pending
+    // queries are failed by hand and delivered; false when some are still pending.
+    static bool queriesSettled(Host::Database& db, const std::string& agent) {
+        auto pending = [&db, &agent]() -> const Host::QueryInfo* {
+            for (const Host::QueryInfo& q : db.queries())
+                if (q.agent == agent && q.state == Host::QueryInfo::State::pending) return &q;
+            return nullptr;
+        };
+        for (const Host::QueryInfo* q = pending(); q != nullptr; q = pending()) {
+            const std::string text = q->text;
+            if (!db.completeQuery(text, false, "translator going away")) break;
+            db.runUntilIdle();
+            if (!db.settled()) break;
+        }
+        db.runUntilIdle();
+        return pending() == nullptr;
+    }
+
+    // The n-th row of a table, if any.
+    BaseRow pickRow(const std::string& p) {
+        const std::vector<BaseRow> rows = db_->rows(p);
+        if (rows.empty()) return {};
+        return rows[in_.inRange<std::size_t>(0, rows.size() - 1)];
+    }
+
+    void buildAggregator() {
+        const bool deleteWithoutReplacement = in_.boolean();
+        const bool enabled = in_.inRange<int>(0, 3) != 0;
+        const bool bindFlag = in_.boolean();
+        aggregator_ = std::make_unique<Aggregator>(edgeHandle_, "velta/in/", "/rows", "velta/agg/out",
+                                                   "Fuzz::Row", deleteWithoutReplacement, enabled, bindFlag);
+        if (in_.boolean()) aggregator_->suppressResyncIs(true);
+    }
+
+    void step() {
+        switch (in_.inRange<int>(0, 19)) {
+            case 0:
+            case 1: {  // a row of a known type into its own kind of table or any other
+                const RowType* t = rowType();
+                if (!t) return;
+                const std::string p = path();
+                db_->write(p, row(*t));
+                break;
+            }
+            case 2: {
+                const std::string p = path();
+                const BaseRow victim = pickRow(p);
+                if (!victim.empty() && !protectedMetadata(p)) db_->erase(p, victim);
+                break;
+            }
+            case 3: {
+                const RowType* t = rowType();
+                const std::string p = path();
+                if (t && !protectedMetadata(p)) db_->erase(p, row(*t));
+                break;
+            }
+            case 4: {
+                const std::string t = typeName();
+                const std::string p = path();
+                const std::string owner = in_.string(8);
+                if (Host::findRowType(t)) db_->createTable(p, t, owner);
+                break;
+            }
+            case 5: {
+                const std::string p = path();
+                if (!protectedMetadata(p)) db_->dropTable(p);
+                break;
+            }
+            case 6:
+            case 7:
+                db_->runUntilIdle();
+                break;
+            case 8:
+                for (int n = in_.inRange<int>(0, 20); n > 0 && db_->runOne(); --n) {
+                }
+                break;
+            case 9:
+                if (!aggregator_)
+                    buildAggregator();
+                else if (in_.boolean())
+                    aggregator_.reset();
+                else
+                    aggregator_->enableIs(in_.boolean());
+                break;
+            case 10:
+                if (aggregator_) {
+                    switch (in_.inRange<int>(0, 2)) {
+                        case 0:
+                            aggregator_->suppressResyncIs(in_.boolean());
+                            break;
+                        case 1:
+                            aggregator_->scheduledIs(in_.boolean());
+                            break;
+                        default:
+                            if (auto input = aggregator_->inputTable(path()))
+                                input->outputBlocked(in_.boolean());
+                            break;
+                    }
+                }
+                break;
+            case 11: {
+                const bool server = in_.boolean();
+                auto& t = server ? serverTranslator_ : edgeTranslator_;
+                auto& h = server ? serverHandle_ : edgeHandle_;
+                const bool destroyOnly = in_.boolean();
+                if (t && !queriesSettled(server ? *serverDb_ : *edgeDb_, h->agentName())) break;
+                if (t && destroyOnly)
+                    t.reset();
+                else
+                    t = std::make_unique<SubscriptionTranslator>(h);
+                break;
+            }
+            case 12: {
+                auto& t = in_.boolean() ? serverTranslator_ : edgeTranslator_;
+                if (!t) break;
+                if (in_.inRange<int>(0, 3) == 0)
+                    t->clean();
+                else
+                    t->onTableReady();
+                break;
+            }
+            case 13:
+                for (const Host::QueryInfo& q : db_->queries())
+                    if (q.state == Host::QueryInfo::State::pending) {
+                        const bool ok = in_.boolean();
+                        const std::string error = in_.string(20);
+                        db_->completeQuery(q.text, ok, error);
+                        break;
+                    }
+                break;
+            case 14:
+                db_->clockAdvance(in_.integral<std::uint16_t>());
+                break;
+            case 15: {  // a subscription into the shared or the per-client table
+                const RowType* t = Host::findRowType("External::Subscription");
+                const char* p = in_.boolean() ? kPaths[0] : kPaths[6];
+                db_->write(p, row(*t));
+                break;
+            }
+            case 16: {  // a system description
+                const RowType* t = Host::findRowType("veMetadata::SystemDescription");
+                db_->write(kPaths[5], row(*t));
+                break;
+            }
+            case 17: {  // an input row for the aggregator
+                db_ = edgeDb_.get();
+                const std::string p = in_.boolean() ? "velta/in/a/rows" : "velta/in/b/rows";
+                if (!db_->hasTable(p)) db_->createTable(p, "Fuzz::Row");
+                if (db_->tableType(p) == &fuzzRowType()) db_->write(p, row(fuzzRowType()));
+                break;
+            }
+            case 18: {  // a publication on either side, for an existing subscription
+                const BaseRow sub = pickRow(kPaths[in_.boolean() ? 0 : 2]);
+                const bool external = in_.boolean();
+                const RowType* t =
+                    Host::findRowType(external ? "External::Publication" : "veCtrl::publication");
+                BaseRow pub = row(*t);
+                if (!sub.empty()) pub.numberIs(0, sub.number(0));  // subscription_id <- oid
+                db_->write(external ? kPaths[1] : kPaths[3], pub);
+                break;
+            }
+            default: {  // the output's view: who supplied a row
+                db_ = edgeDb_.get();
+                if (aggregator_) {
+                    const BaseRow out = pickRow("velta/agg/out");
+                    if (!out.empty()) (void)aggregator_->outputRowSource(out);
+                }
+                break;
+            }
+        }
+    }
+
+    VeltaFuzz::ByteReader& in_;
+    std::shared_ptr<Host::Database> serverDb_;
+    std::shared_ptr<Host::Database> edgeDb_;
+    Host::Database* db_ = nullptr;  // the database the current step acts on
+    Velta::VeltaDB::p_t serverHandle_;
+    Velta::VeltaDB::p_t edgeHandle_;
+    std::unique_ptr<SubscriptionTranslator> serverTranslator_;
+    std::unique_ptr<SubscriptionTranslator> edgeTranslator_;
+    std::unique_ptr<Aggregator> aggregator_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    VeltaFuzz::ByteReader in(data, size);
+    Host::TraceCapture capture;  // traces, when on, are kept in memory rather than printed
+    Harness harness(in);
+    harness.run();
+    return 0;
+}
