@@ -564,43 +564,20 @@ private:
     std::shared_ptr<const RowOps> real_;
 };
 
-class FlakyHost : public VeltaDB {
+class FlakyHost : public ForwardingHost {
 public:
-    explicit FlakyHost(VeltaDB::p_t real) : real_(std::move(real)) {}
-
-    std::string agentName() const override { return real_->agentName(); }
-    std::string systemName() const override { return real_->systemName(); }
-    bool isServerAgent() const override { return real_->isServerAgent(); }
-    bool external() const override { return real_->external(); }
-    bool standalone() const override { return real_->standalone(); }
+    using ForwardingHost::ForwardingHost;
     void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
-        if (unbound.count(path) == 0) real_->bindInterface(iface, path, flag);
-    }
-    void registerTable(const std::string& path, const std::string& typeName, TableType type,
-                       unsigned short desiredFlags, unsigned short flags, const std::string& owner) override {
-        real_->registerTable(path, typeName, type, desiredFlags, flags, owner);
-    }
-    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
-                     bool standing, const std::string& name) override {
-        real_->defineQuery(text, typeId, params, std::move(done), standing, name);
-    }
-    void removeQuery(const std::string& name) override { real_->removeQuery(name); }
-    veMetadata::veTable tableInfo(const std::string& path) const override { return real_->tableInfo(path); }
-    veMetadata::veTable tableInfo(unsigned oid) const override { return real_->tableInfo(oid); }
-    unsigned tableTypeId(const std::string& typeName, bool flag) const override {
-        return real_->tableTypeId(typeName, flag);
+        if (unbound.count(path) == 0) ForwardingHost::bindInterface(iface, path, flag);
     }
     std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
-        auto ops = std::make_shared<FlakyRowOps>(real_->getRowOps(typeName, index));
+        auto ops = std::make_shared<FlakyRowOps>(ForwardingHost::getRowOps(typeName, index));
         lastOps = ops;
         return ops;
     }
 
     std::set<std::string> unbound;
     mutable std::shared_ptr<FlakyRowOps> lastOps;
-
-private:
-    VeltaDB::p_t real_;
 };
 
 TEST_F(AggregatorTest, OutputBlockedDeactivatesAndResumesAPendingWalkFromItsBookmark) {

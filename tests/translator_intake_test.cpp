@@ -441,35 +441,11 @@ TEST_F(IntakeTest, BindingsPerKindOfAgent) {
 // is missing breaks that contract and ends the process with the assertion report.
 // A host whose registrations never become visible: everything else is the real in-memory host,
 // which (rightly) always shows a server agent's registration at once.
-class RegistrationLosingHost : public VeltaDB {
+class RegistrationLosingHost : public ForwardingHost {
 public:
-    explicit RegistrationLosingHost(VeltaDB::p_t real) : real_(std::move(real)) {}
-    std::string agentName() const override { return real_->agentName(); }
-    std::string systemName() const override { return real_->systemName(); }
-    bool isServerAgent() const override { return real_->isServerAgent(); }
-    bool external() const override { return real_->external(); }
-    bool standalone() const override { return real_->standalone(); }
-    void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
-        real_->bindInterface(iface, path, flag);
-    }
+    using ForwardingHost::ForwardingHost;
     void registerTable(const std::string&, const std::string&, TableType, unsigned short, unsigned short,
                        const std::string&) override {}
-    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
-                     bool standing, const std::string& name) override {
-        real_->defineQuery(text, typeId, params, std::move(done), standing, name);
-    }
-    void removeQuery(const std::string& name) override { real_->removeQuery(name); }
-    veMetadata::veTable tableInfo(const std::string& path) const override { return real_->tableInfo(path); }
-    veMetadata::veTable tableInfo(unsigned oid) const override { return real_->tableInfo(oid); }
-    unsigned tableTypeId(const std::string& typeName, bool flag) const override {
-        return real_->tableTypeId(typeName, flag);
-    }
-    std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
-        return real_->getRowOps(typeName, index);
-    }
-
-private:
-    VeltaDB::p_t real_;
 };
 
 TEST_F(IntakeTest, ServerWithoutTheTablesMetadataRowEndsTheProcess) {

@@ -158,10 +158,10 @@ TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {
               "{system_description: 0, outputPath: \"\", oid: 4000000000, queryText: \"SELECT * FROM a: b, c #d\", "
               "standing: true, paramName: [\"\", \"[x]\", y]}");
     const Scenario s = parsed("steps:\n  - expect_rows: {table: velta/External/Subscription, rows: [" + shown + "]}\n");
-    const auto& spec = std::get<VeltaSim::ExpectRows>(s.steps[0].action).rows.at(0);
-    EXPECT_TRUE(VeltaSim::matches(row, spec));
+    const auto& listed = std::get<VeltaSim::ExpectRows>(s.steps[0].action).rows.at(0);
+    EXPECT_TRUE(VeltaSim::matches(row, listed));
     row.numberIs(static_cast<std::size_t>(type.fieldIndex("standing")), 0);
-    EXPECT_FALSE(VeltaSim::matches(row, spec));
+    EXPECT_FALSE(VeltaSim::matches(row, listed));
 }
 
 TEST(VeltaSimRun, ReportsEachFailedExpectationAsADiff) {

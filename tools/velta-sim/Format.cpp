@@ -19,8 +19,8 @@ bool isDefault(const BaseRow& row, std::size_t field) {
     }
 }
 
-std::string formatSpecValue(const RowSpec& spec, const FieldValue& value) {
-    const FieldKind kind = spec.type->fields()[value.field].kind;
+std::string formatSpecValue(const RowSpec& listed, const FieldValue& value) {
+    const FieldKind kind = listed.type->fields()[value.field].kind;
     if (const auto* n = std::get_if<std::uint64_t>(&value.value))
         return kind == FieldKind::boolean ? (*n != 0 ? "true" : "false") : std::to_string(*n);
     if (const auto* s = std::get_if<std::string>(&value.value)) return yamlText(*s);
@@ -113,28 +113,28 @@ std::vector<std::size_t> fieldsNamed(const BaseRow& row, const std::vector<const
     const RowType& type = *row.rowType();
     for (std::size_t i = 0; i < type.fields().size(); ++i) {
         bool wanted = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
-        for (const RowSpec* spec : specs)
-            for (const FieldValue& v : spec->values)
-                if (spec->type->fields()[v.field].name == type.fields()[i].name) wanted = true;
+        for (const RowSpec* listed : specs)
+            for (const FieldValue& v : listed->values)
+                if (listed->type->fields()[v.field].name == type.fields()[i].name) wanted = true;
         if (wanted) fields.push_back(i);
     }
     return fields;
 }
 
-std::string formatSpec(const RowSpec& spec) {
+std::string formatSpec(const RowSpec& listed) {
     std::string out = "{";
-    for (const FieldValue& v : spec.values) {
+    for (const FieldValue& v : listed.values) {
         if (out.size() > 1) out += ", ";
-        out += spec.type->fields()[v.field].name + ": " + formatSpecValue(spec, v);
+        out += listed.type->fields()[v.field].name + ": " + formatSpecValue(listed, v);
     }
     return out + "}";
 }
 
-BaseRow buildRow(const RowSpec& spec) {
+BaseRow buildRow(const RowSpec& listed) {
     // The registered type of that name: a file's own types are registered when its run starts.
-    const RowType* registered = Velta::Host::findRowType(spec.type->name());
-    BaseRow row(registered != nullptr ? *registered : *spec.type);
-    for (const FieldValue& v : spec.values) {
+    const RowType* registered = Velta::Host::findRowType(listed.type->name());
+    BaseRow row(registered != nullptr ? *registered : *listed.type);
+    for (const FieldValue& v : listed.values) {
         if (const auto* n = std::get_if<std::uint64_t>(&v.value)) row.numberIs(v.field, *n);
         else if (const auto* s = std::get_if<std::string>(&v.value)) row.stringIs(v.field, *s);
         else row.stringsIs(v.field, std::get<std::vector<std::string>>(v.value));
@@ -142,11 +142,11 @@ BaseRow buildRow(const RowSpec& spec) {
     return row;
 }
 
-bool matches(const BaseRow& row, const RowSpec& spec) {
+bool matches(const BaseRow& row, const RowSpec& listed) {
     if (row.empty()) return false;
     const RowType& type = *row.rowType();
-    for (const FieldValue& v : spec.values) {
-        const int index = type.fieldIndex(spec.type->fields()[v.field].name);
+    for (const FieldValue& v : listed.values) {
+        const int index = type.fieldIndex(listed.type->fields()[v.field].name);
         if (index < 0) return false;
         const auto field = static_cast<std::size_t>(index);
         const FieldKind kind = type.fields()[field].kind;

@@ -24,12 +24,12 @@ std::vector<std::size_t> keyAndSetFields(const Velta::BaseRow& row);
 // Fields of `row`'s type named like the fields of `specs` or its key, in type order.
 std::vector<std::size_t> fieldsNamed(const Velta::BaseRow& row, const std::vector<const RowSpec*>& specs);
 // A row of a step, as written: "{name: value, ...}".
-std::string formatSpec(const RowSpec& spec);
+std::string formatSpec(const RowSpec& listed);
 
-// A fresh row of the registered type of the spec's type name, with the named fields set.
-Velta::BaseRow buildRow(const RowSpec& spec);
-// True when every field the spec names has that value in `row` (looked up by field name).
-bool matches(const Velta::BaseRow& row, const RowSpec& spec);
+// A fresh row of the registered type of the listed row's type name, with the named fields set.
+Velta::BaseRow buildRow(const RowSpec& listed);
+// True when every field the listed row names has that value in `row` (looked up by field name).
+bool matches(const Velta::BaseRow& row, const RowSpec& listed);
 
 // "registerTable: {path: ..., typeName: ..., ...}" with every argument of the call's kind.
 std::string formatCall(const Velta::Host::HostCall& call);

@@ -421,13 +421,13 @@ private:
         for (std::size_t i = 0; same && i < found.size(); ++i) same = matches(found[i], s.rows[i]);
         if (same) return true;
         std::vector<const RowSpec*> specs;
-        for (const RowSpec& spec : s.rows) specs.push_back(&spec);
+        for (const RowSpec& listed : s.rows) specs.push_back(&listed);
         auto showFound = [&](const BaseRow& row) {
             return formatFields(row, specs.empty() ? keyAndSetFields(row) : fieldsNamed(row, specs));
         };
         auto diff = diffLines(
-            s.rows, found, [](const RowSpec& spec, const BaseRow& row) { return matches(row, spec); },
-            [](const RowSpec& spec) { return formatSpec(spec); }, showFound);
+            s.rows, found, [](const RowSpec& listed, const BaseRow& row) { return matches(row, listed); },
+            [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
         const std::string message =
             found.size() == s.rows.size()
                 ? s.path + ": the rows differ"

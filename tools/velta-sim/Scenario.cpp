@@ -424,9 +424,9 @@ private:
     RowSpec rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context) {
         if (!node.IsMap())
             fail(node, "expected a map of field: value for " + context + " (a " + type.name() + " row), found " + nodeKind(node));
-        RowSpec spec;
-        spec.type = &type;
-        spec.mark = markOf(node);
+        RowSpec listed;
+        listed.type = &type;
+        listed.mark = markOf(node);
         std::set<std::string> seen;
         for (auto it = node.begin(); it != node.end(); ++it) {
             const std::string fieldName = text(it->first, "a field name");
@@ -435,9 +435,9 @@ private:
             if (index < 0)
                 fail(it->first, quoted(fieldName) + " is not a field of " + type.name() +
                                     suggestion(fieldName, fieldNames(type)) + "; fields are: " + joined(fieldNames(type)));
-            spec.values.push_back(fieldValue(type, static_cast<std::size_t>(index), it->second));
+            listed.values.push_back(fieldValue(type, static_cast<std::size_t>(index), it->second));
         }
-        return spec;
+        return listed;
     }
 
     std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type, const std::string& context) {
