@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -149,6 +151,31 @@ private:
     std::string channel_;
     std::uint32_t previous_;
 };
+
+// Shrinks a failing generated history: drops chunks of steps, then single steps, for as long as
+// `stillFails(candidate)` says the shorter history fails too.
+template <class Step, class StillFails>
+std::vector<Step> shrinkHistory(std::vector<Step> steps, StillFails stillFails) {
+    for (std::size_t chunk = std::max<std::size_t>(steps.size() / 2, 1);; chunk /= 2) {
+        bool removed = true;
+        while (removed) {
+            removed = false;
+            for (std::size_t start = 0; start < steps.size();) {
+                std::vector<Step> candidate(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(start));
+                const std::size_t end = std::min(steps.size(), start + chunk);
+                candidate.insert(candidate.end(), steps.begin() + static_cast<std::ptrdiff_t>(end), steps.end());
+                if (stillFails(candidate)) {
+                    steps = std::move(candidate);
+                    removed = true;
+                } else {
+                    start += chunk;
+                }
+            }
+        }
+        if (chunk == 1) break;
+    }
+    return steps;
+}
 
 // A database handle that forwards every call to a real one; tests derive from it to change one
 // behaviour of the host (a lost registration, an unbound path, a failing comparison).

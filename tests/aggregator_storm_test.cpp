@@ -780,27 +780,9 @@ std::pair<std::vector<Step>, std::optional<Failure>> stormHistory(std::uint64_t 
 
 // Drops steps while the history still fails (chunks first, then single steps).
 std::vector<Step> shrink(std::vector<Step> steps, std::uint64_t shuffleSeed) {
-    for (std::size_t chunk = std::max<std::size_t>(steps.size() / 2, 1);; chunk /= 2) {
-        bool removed = true;
-        while (removed) {
-            removed = false;
-            for (std::size_t start = 0; start < steps.size();) {
-                std::vector<Step> candidate(steps.begin(),
-                                            steps.begin() + static_cast<std::ptrdiff_t>(start));
-                const std::size_t end = std::min(steps.size(), start + chunk);
-                candidate.insert(candidate.end(), steps.begin() + static_cast<std::ptrdiff_t>(end),
-                                 steps.end());
-                if (replay(candidate, shuffleSeed)) {
-                    steps = std::move(candidate);
-                    removed = true;
-                } else {
-                    start += chunk;
-                }
-            }
-        }
-        if (chunk == 1) break;
-    }
-    return steps;
+    return Velta::Test::shrinkHistory(std::move(steps), [&](const std::vector<Step>& candidate) {
+        return replay(candidate, shuffleSeed).has_value();
+    });
 }
 
 std::string report(std::uint64_t seed, std::uint64_t shuffleSeed, const std::vector<Step>& steps,

@@ -646,27 +646,9 @@ std::optional<Failure> replay(const std::vector<Step>& steps, const AgentKind& k
 
 // Drops steps (chunks, then single steps) while the history still fails.
 std::vector<Step> shrink(std::vector<Step> steps, const AgentKind& kind) {
-    for (std::size_t chunk = std::max<std::size_t>(steps.size() / 2, 1);; chunk /= 2) {
-        bool removed = true;
-        while (removed) {
-            removed = false;
-            for (std::size_t start = 0; start < steps.size();) {
-                std::vector<Step> candidate(steps.begin(),
-                                            steps.begin() + static_cast<std::ptrdiff_t>(start));
-                const std::size_t end = std::min(steps.size(), start + chunk);
-                candidate.insert(candidate.end(), steps.begin() + static_cast<std::ptrdiff_t>(end),
-                                 steps.end());
-                if (replay(candidate, kind)) {
-                    steps = std::move(candidate);
-                    removed = true;
-                } else {
-                    start += chunk;
-                }
-            }
-        }
-        if (chunk == 1) break;
-    }
-    return steps;
+    return Velta::Test::shrinkHistory(std::move(steps), [&](const std::vector<Step>& candidate) {
+        return replay(candidate, kind).has_value();
+    });
 }
 
 std::size_t envCount(const char* name, std::size_t fallback) {
