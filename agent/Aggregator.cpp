@@ -251,9 +251,9 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
 
 void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
     const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
-    auto entry = outputRowOwners_.lower_bound(row);
-    if (entry == outputRowOwners_.end() || keyLess_(row, entry->first)) {
-        outputRowOwners_.emplace_hint(entry, row, owner);
+    const auto entry = outputRowOwners_.find(row);
+    if (entry == outputRowOwners_.end()) {
+        outputRowOwners_.emplace(row, owner);
     } else {
         // No precedence between inputs: the latest delivery wins and takes the key over. (The
         // test only spares the reference count when the owner stays.)
@@ -265,8 +265,8 @@ void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
 void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
     // inputTables_ does not change below, so the reference stays valid.
     const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
-    const auto entry = outputRowOwners_.lower_bound(row);
-    if (entry == outputRowOwners_.end() || keyLess_(row, entry->first)) return;
+    const auto entry = outputRowOwners_.find(row);
+    if (entry == outputRowOwners_.end()) return;
     // Another input supplied the output row: it stays.
     if (entry->second != owner) return;
     updateOutputOnDelete(entry);

@@ -6,6 +6,9 @@
 // - Index 0 holds the nodes (ordered by primary key); index 1 holds pointers to the same nodes
 //   (ordered by oid, read from the node's row, then primary key). A replace that keeps the oid
 //   assigns the node's row in place and leaves index 1 alone.
+// - byKey_ holds one entry per index-0 node, keyed by the hash of its primary key, so exact-key
+//   lookups (reads, replaces, deletions) probe it instead of walking the tree; only an insertion
+//   or an ordered walk uses the tree.
 // - Index nodes live in the table's NodePool: one cache line per node, so a lookup touches one
 //   line per tree level (nodes carry only the row and its key prefix for that reason).
 // - A table's version counter of an index changes on every structural change of that index
@@ -17,6 +20,7 @@
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
+#include <Velta/KeyHashIndex.h>
 #include <Velta/NodePool.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
@@ -162,6 +166,8 @@ public:
 
     // The row with `key`'s primary key (key of the table's type), or nullptr.
     const TableNode* findPrimary(const BaseRow& key) const;
+    // The index-0 position of `key`'s primary key (key of the table's type), or the end.
+    PrimaryIndex::const_iterator findPos(const BaseRow& key) const;
     // The first row whose key in `index` equals `key`'s (index 1: the first with its oid).
     const TableNode* findIn(const BaseRow& key, unsigned char index) const;
     // Index 1's first entry with `key`'s oid, or its end (tables with an oid only).
@@ -170,6 +176,7 @@ public:
     struct Spot {
         PrimaryIndex::const_iterator pos;
         bool exists;
+        std::uint64_t hash;  // of the key
     };
     Spot locate(const BaseRow& key) const;
     // Stores `row` (of the table's type, final oid) at a located spot: assigns in place when the
@@ -190,6 +197,8 @@ private:
     std::shared_ptr<NodePool> nodes_;  // declared before the indexes, which hold it too
     PrimaryIndex primary_;
     OidIndex byOid_;
+    KeyHashIndex<PrimaryIndex::const_iterator> byKey_;
+    bool hashExact_;
     std::uint64_t version_[2] = {1, 1};
     bool oidInKey_ = false;
     bool hasOid_ = false;

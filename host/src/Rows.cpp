@@ -5,6 +5,7 @@
 #include <Velta/BaseRow.h>
 
 #include <Kesto/DebugSupport.h>
+#include <Velta/KeyHashIndex.h>
 
 #include <algorithm>
 #include <charconv>
@@ -106,6 +107,7 @@ RowType::RowType(std::string name, unsigned id, std::vector<Field> fields, std::
             f.slot = static_cast<std::uint16_t>(listCount_++);
         }
     }
+    keyHashExact_ = keyFields_.size() == 1 && isNumberKind(fields_[keyFields_.front()].kind);
 }
 
 int RowType::fieldIndex(std::string_view name) const noexcept {
@@ -129,6 +131,44 @@ int RowType::compareKey(const RowData& a, const RowData& b) const noexcept {
         }
     }
     return 0;
+}
+
+namespace {
+
+std::uint64_t hashBytes(std::string_view s) noexcept {
+    std::uint64_t h = mixKey(s.size());
+    std::size_t i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, s.data() + i, 8);
+        h = mixInto(h, word);
+    }
+    if (i < s.size()) {
+        std::uint64_t tail = 0;
+        std::memcpy(&tail, s.data() + i, s.size() - i);
+        h = mixInto(h, tail);
+    }
+    return h;
+}
+
+}  // namespace
+
+std::uint64_t RowType::hashKey(const RowData& row) const noexcept {
+    if (keyHashExact_) return mixKey(row.numbers[fields_[keyFields_.front()].slot]);
+    std::uint64_t h = 0;
+    for (const std::uint16_t k : keyFields_) {
+        const Field& f = fields_[k];
+        if (isNumberKind(f.kind)) {
+            h = mixInto(h, row.numbers[f.slot]);
+        } else if (f.kind == FieldKind::string) {
+            h = mixInto(h, hashBytes(row.strings[f.slot]));
+        } else {
+            const std::vector<std::string>& list = row.lists[f.slot];
+            h = mixInto(h, list.size());
+            for (const std::string& s : list) h = mixInto(h, hashBytes(s));
+        }
+    }
+    return h;
 }
 
 int RowType::compareOidKey(const RowData& a, const RowData& b) const noexcept {

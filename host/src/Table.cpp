@@ -39,7 +39,8 @@ TableState::TableState(const RowType& type, std::string path)
       path_(std::move(path)),
       nodes_(std::make_shared<NodePool>()),
       primary_(PrimaryLess{&type, prefixIsKey(type)}, NodeAllocator<TableNode>(nodes_)),
-      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, NodeAllocator<const TableNode*>(nodes_)) {
+      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, NodeAllocator<const TableNode*>(nodes_)),
+      hashExact_(type.keyHashExact()) {
     const auto& fields = type.fields();
     if (type.oidField() >= 0) {
         hasOid_ = true;
@@ -72,8 +73,16 @@ KeyProbe TableState::probe(const RowData& data) const noexcept {
     return p;
 }
 
+PrimaryIndex::const_iterator TableState::findPos(const BaseRow& key) const {
+    const RowData& k = *key.data();
+    const auto* e = byKey_.find(type_->hashKey(k), hashExact_, [&](PrimaryIndex::const_iterator pos) {
+        return type_->compareKey(*pos->row.data(), k) == 0;
+    });
+    return e == nullptr ? primary_.end() : e->pos;
+}
+
 const TableNode* TableState::findPrimary(const BaseRow& key) const {
-    auto it = primary_.find(probe(key));
+    const auto it = findPos(key);
     return it == primary_.end() ? nullptr : &*it;
 }
 
@@ -90,9 +99,14 @@ OidIndex::const_iterator TableState::findOid(const BaseRow& key) const {
 }
 
 TableState::Spot TableState::locate(const BaseRow& key) const {
-    const KeyProbe p = probe(key);
-    auto pos = primary_.lower_bound(p);
-    return {pos, pos != primary_.end() && !primary_.key_comp()(p, *pos)};
+    const RowData& k = *key.data();
+    const std::uint64_t hash = type_->hashKey(k);
+    const auto* e = byKey_.find(hash, hashExact_, [&](PrimaryIndex::const_iterator pos) {
+        return type_->compareKey(*pos->row.data(), k) == 0;
+    });
+    if (e != nullptr) return {e->pos, true, hash};
+    // A new key: only now is its place in the order needed.
+    return {primary_.lower_bound(probe(k)), false, hash};
 }
 
 const TableNode& TableState::put(Spot spot, BaseRow row) {
@@ -111,6 +125,7 @@ const TableNode& TableState::put(Spot spot, BaseRow row) {
     }
     const std::uint64_t prefix = probe(row).prefix;
     auto it = primary_.emplace_hint(spot.pos, std::move(row), prefix);
+    byKey_.insert(spot.hash, it);
     ++version_[0];
     if (hasOid_) {
         byOid_.insert(&*it);
@@ -120,8 +135,13 @@ const TableNode& TableState::put(Spot spot, BaseRow row) {
 }
 
 BaseRow TableState::remove(const BaseRow& key) {
-    auto it = primary_.find(probe(key));
-    if (it == primary_.end()) return BaseRow();
+    const RowData& k = *key.data();
+    auto* e = byKey_.find(type_->hashKey(k), hashExact_, [&](PrimaryIndex::const_iterator pos) {
+        return type_->compareKey(*pos->row.data(), k) == 0;
+    });
+    if (e == nullptr) return BaseRow();
+    const auto it = e->pos;
+    byKey_.erase(e);
     if (hasOid_) {
         byOid_.erase(byOid_.find(&*it));
         ++version_[1];
@@ -133,6 +153,7 @@ BaseRow TableState::remove(const BaseRow& key) {
 }
 
 void TableState::clear() {
+    byKey_.clear();
     byOid_.clear();
     primary_.clear();
     ++version_[0];
@@ -217,7 +238,7 @@ const BaseRow& VeRowIterator::operator*() const {
                            : *detail::loadNode<OidIndex::const_iterator>(node_);
     } else if (index_ == 0) {
         // The index changed under the position: find its row again (it may be gone).
-        auto pos = t.primary().find(t.probe(row_));
+        auto pos = t.findPos(row_);
         if (pos != t.primary().end()) {
             detail::storeNode(node_, pos);
             version_ = t.version(0);
@@ -298,7 +319,7 @@ VeRowIterator VeTableInterface::find(const BaseRow& key, unsigned char index) co
     if (table == nullptr || key.empty()) return VeRowIterator();
     const TableState& t = **table;
     const BaseRow k = keyFor(t, key);
-    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.primary().find(t.probe(k)));
+    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.findPos(k));
     const auto pos = t.findOid(k);
     return pos == t.byOid().end() ? VeRowIterator() : detail::HostAccess::oidAt(*table, pos);
 }

@@ -40,6 +40,15 @@ public:
         }
         return compareRows(a, b, index_) < 0;
     }
+    std::uint64_t keyHash(const BaseRow& row) const override {
+        // Rows of different types never have equal keys, so each is hashed by its own type.
+        const RowData* x = row.data();
+        if (x == nullptr) return 0;
+        const std::uint64_t key = x->type->hashKey(*x);
+        if (index_ == 0) return key;
+        const int oid = x->type->oidField();
+        return oid < 0 ? key : mixInto(x->numbers[x->type->fields()[static_cast<std::size_t>(oid)].slot], key);
+    }
 
 private:
     const RowType* type_;

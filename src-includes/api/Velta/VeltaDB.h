@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Velta/BaseRow.h>
+#include <Velta/KeyHashIndex.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 
@@ -27,6 +28,9 @@ public:
     virtual ~RowOps() = default;
     // True when `a`'s key in this index is ordered before `b`'s.
     virtual bool keyLess(const BaseRow& a, const BaseRow& b) const = 0;
+    // A hash of `row`'s key in this index: rows with equal keys (neither ordered before the
+    // other) hash equal. A row of numberKeyType() hashes to mixKey of its key number.
+    virtual std::uint64_t keyHash(const BaseRow& row) const = 0;
 
     // Inline shortcut of keyLess for a key of one number field: when not null, two rows whose data
     // are both of this type are ordered by their number in slot numberKeySlot() alone, exactly as
@@ -62,6 +66,19 @@ public:
             y->type == numberKeyType_)
             return x->numbers[numberKeySlot_] < y->numbers[numberKeySlot_];
         return ops_->keyLess(a, b);
+    }
+    // The key hash of `row` (RowOps::keyHash), inline for a number key.
+    std::uint64_t hash(const BaseRow& row) const {
+        const RowData* x = row.data();
+        if (numberKeyType_ != nullptr && x != nullptr && x->type == numberKeyType_)
+            return mixKey(x->numbers[numberKeySlot_]);
+        return ops_->keyHash(row);
+    }
+    // True when hash(row) is a bijection of the key among rows of `row`'s type, so that two such
+    // rows with equal hashes have equal keys.
+    bool hashExact(const BaseRow& row) const noexcept {
+        const RowData* x = row.data();
+        return numberKeyType_ != nullptr && x != nullptr && x->type == numberKeyType_;
     }
     const std::shared_ptr<const RowOps>& ops() const noexcept { return ops_; }
 

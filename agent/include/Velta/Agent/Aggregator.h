@@ -19,6 +19,7 @@
 
 #include <Kesto/DebugSupport.h>
 #include <Velta/BaseRow.h>
+#include <Velta/Agent/RowKeyMap.h>
 #include <Velta/NodePool.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
@@ -101,11 +102,9 @@ public:
     };
 
     using InputTables = std::map<std::string, std::shared_ptr<AggregatorInputTable>>;
-    // Its nodes come from a pool of their own, one cache line each: the map is walked on every row
-    // event.
-    using OutputRowOwners =
-        std::map<BaseRow, std::shared_ptr<AggregatorInputTable>, RowOpsKeyLess,
-                 NodeAllocator<std::pair<const BaseRow, std::shared_ptr<AggregatorInputTable>>>>;
+    // Ordered by keyLess_; every row event looks its key up, so the map keeps a hash index of its
+    // keys beside the tree, and its nodes come from a pool of their own, one cache line each.
+    using OutputRowOwners = RowKeyMap<std::shared_ptr<AggregatorInputTable>>;
 
     // Binds the output modifier to `outputPath` and the metadata observer, both with `bindFlag`,
     // and, when `enabled`, asks the host for the metadata callbacks.

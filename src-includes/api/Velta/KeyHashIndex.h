@@ -1,0 +1,119 @@
+// A hash index beside an ordered container: from the hash of a row key to the container position
+// holding that key, so that exact-key lookups cost one probe instead of one walk down the tree.
+//
+// The ordered container stays the authority on order and on the rows; the index only answers
+// "where is this key". Its owner keeps the two in step: every key in the container has exactly one
+// entry here, whose position is that key's current position.
+//
+// Invariants:
+// - Open addressing with linear probing; an empty slot ends every probe run (erasure shifts later
+//   entries back instead of leaving markers), and at most kMaxLoadPercent of the slots are used.
+// - Growing rehashes from the stored hashes alone: rows are never read for it.
+// - Equal keys have equal hashes. When the owner declares its hashes exact (a bijection of the key,
+//   see mixKey), equal hashes are equal keys and lookups never need to compare rows.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Velta {
+
+// A bijective 64-bit mix (the finalizer of MurmurHash3): spreads keys that differ in any bit over
+// the low bits used to pick a slot, and keeps distinct keys distinct.
+constexpr std::uint64_t mixKey(std::uint64_t k) noexcept {
+    k ^= k >> 33;
+    k *= 0xff51afd7ed558ccdULL;
+    k ^= k >> 33;
+    k *= 0xc4ceb9fe1a85ec53ULL;
+    k ^= k >> 33;
+    return k;
+}
+
+// Combines the hash of one more key part into a running hash (order-sensitive).
+constexpr std::uint64_t mixInto(std::uint64_t seed, std::uint64_t part) noexcept {
+    return mixKey(seed ^ (part + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2)));
+}
+
+template <class Pos>
+class KeyHashIndex {
+public:
+    struct Entry {
+        std::uint64_t hash;
+        Pos pos;
+        bool used;
+    };
+
+    std::size_t size() const noexcept { return count_; }
+
+    // The entry with `hash` whose position `same(pos)` accepts, or null. `same` is not called
+    // when `exact` is true: the hash alone then decides. What `same` throws passes through.
+    template <class Same>
+    Entry* find(std::uint64_t hash, bool exact, Same&& same) {
+        if (count_ == 0) return nullptr;
+        for (std::size_t i = hash & mask_;; i = (i + 1) & mask_) {
+            Entry& e = slots_[i];
+            if (!e.used) return nullptr;
+            if (e.hash == hash && (exact || same(e.pos))) return &e;
+        }
+    }
+    template <class Same>
+    const Entry* find(std::uint64_t hash, bool exact, Same&& same) const {
+        return const_cast<KeyHashIndex*>(this)->find(hash, exact, same);
+    }
+
+    // Adds a key that has no entry yet.
+    void insert(std::uint64_t hash, Pos pos) {
+        if ((count_ + 1) * 100 > slots_.size() * kMaxLoadPercent) grow();
+        place(hash, pos);
+        ++count_;
+    }
+
+    // Removes an entry returned by find.
+    void erase(Entry* entry) noexcept {
+        std::size_t hole = static_cast<std::size_t>(entry - slots_.data());
+        for (std::size_t j = (hole + 1) & mask_;; j = (j + 1) & mask_) {
+            Entry& e = slots_[j];
+            if (!e.used) break;
+            const std::size_t home = e.hash & mask_;
+            // The entry may fill the hole when its home is not cyclically within (hole, j].
+            const bool stays = hole <= j ? (home > hole && home <= j) : (home > hole || home <= j);
+            if (stays) continue;
+            slots_[hole] = e;
+            hole = j;
+        }
+        slots_[hole].used = false;
+        --count_;
+    }
+
+    void clear() noexcept {
+        slots_.clear();
+        slots_.shrink_to_fit();
+        mask_ = 0;
+        count_ = 0;
+    }
+
+private:
+    static constexpr std::size_t kMaxLoadPercent = 70;
+
+    void place(std::uint64_t hash, Pos pos) noexcept {
+        std::size_t i = hash & mask_;
+        while (slots_[i].used) i = (i + 1) & mask_;
+        slots_[i] = Entry{hash, pos, true};
+    }
+
+    void grow() {
+        std::vector<Entry> old(slots_.empty() ? 16 : slots_.size() * 2, Entry{0, Pos(), false});
+        old.swap(slots_);
+        mask_ = slots_.size() - 1;
+        for (const Entry& e : old) {
+            if (e.used) place(e.hash, e.pos);
+        }
+    }
+
+    std::vector<Entry> slots_;
+    std::size_t mask_ = 0;
+    std::size_t count_ = 0;
+};
+
+}  // namespace Velta
