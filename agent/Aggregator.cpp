@@ -251,13 +251,13 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
 
 void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
     const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
-    const auto entry = outputRowOwners_.find(row);
-    if (entry == outputRowOwners_.end()) {
+    const auto entry = outputRowOwners_.locate(row);
+    if (!entry) {
         outputRowOwners_.emplace(row, owner);
-    } else {
-        // No precedence between inputs: the latest delivery wins and takes the key over. (The
-        // test only spares the reference count when the owner stays.)
-        if (entry->second != owner) entry->second = owner;
+    } else if (entry.target() != owner.get()) {
+        // No precedence between inputs: the latest delivery wins and takes the key over. (An
+        // owner that stays is left alone, which spares reading the entry at all.)
+        outputRowOwners_.assign(entry, owner);
     }
     outputModifier.rowIs(row);
 }
@@ -265,11 +265,11 @@ void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
 void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
     // inputTables_ does not change below, so the reference stays valid.
     const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
-    const auto entry = outputRowOwners_.find(row);
-    if (entry == outputRowOwners_.end()) return;
+    const auto entry = outputRowOwners_.locate(row);
+    if (!entry) return;
     // Another input supplied the output row: it stays.
-    if (entry->second != owner) return;
-    updateOutputOnDelete(entry);
+    if (entry.target() != owner.get()) return;
+    updateOutputOnDelete(entry.pos());
 }
 
 Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRowOwners::iterator entry) {

@@ -1,13 +1,18 @@
-// An ordered map keyed by rows, with a hash index of its keys beside the tree.
+// An ordered map keyed by rows, with pointer-like values (raw or smart pointers), and a hash index
+// of its keys beside the tree.
 //
 // Order, iteration, lower_bound and positional insertion are those of the underlying std::map
-// ordered by a RowOpsKeyLess; find, which a row event needs, probes the hash index instead of
-// walking the tree, so its cost does not grow with the number of keys.
+// ordered by a RowOpsKeyLess; find and locate, which a row event needs, probe the hash index
+// instead of walking the tree, so their cost does not grow with the number of keys. The index also
+// keeps the address each value points to, so that "is this key's value still x" is answered
+// without reading the element itself.
 //
 // Invariants:
 // - index_ has exactly one entry per element of map_, keyed by keyLess.hash of the element's key
-//   and holding the element's iterator (std::map iterators stay valid until their element is
-//   erased, so only insertion and erasure touch the index).
+//   and holding the element's iterator and the address its value points to (std::map iterators
+//   stay valid until their element is erased, so only insertion and erasure move entries).
+// - Values change only through emplace, emplace_hint and assign (never through an iterator), so
+//   the addresses in the index are those of the values.
 // - allExact_ is true while every key inserted since the map was empty is of a type whose hash is
 //   exact (RowOpsKeyLess::hashExact); only then may a probe trust equal hashes without comparing.
 #pragma once
@@ -19,6 +24,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <utility>
 
 namespace Velta::Agent {
@@ -32,6 +38,13 @@ public:
     using iterator = typename Map::iterator;
     using const_iterator = typename Map::const_iterator;
 
+private:
+    struct Where {
+        iterator it;
+        const void* target;
+    };
+
+public:
     RowKeyMap(const RowOpsKeyLess& less, const allocator_type& alloc) : map_(less, alloc) {}
 
     iterator begin() noexcept { return map_.begin(); }
@@ -42,10 +55,26 @@ public:
     bool empty() const noexcept { return map_.empty(); }
     const RowOpsKeyLess& key_comp() const noexcept { return map_.key_comp(); }
 
-    // The element whose key equals `key`'s (neither ordered before the other), or end().
+    // An element found by locate: false when there is none.
+    class Found {
+    public:
+        explicit operator bool() const noexcept { return entry_ != nullptr; }
+        iterator pos() const noexcept { return entry_->pos.it; }
+        // The address the element's value points to (read from the index, not the element).
+        const void* target() const noexcept { return entry_->pos.target; }
+
+    private:
+        friend class RowKeyMap;
+        explicit Found(typename KeyHashIndex<Where>::Entry* entry) noexcept : entry_(entry) {}
+        typename KeyHashIndex<Where>::Entry* entry_;
+    };
+
+    // The element whose key equals `key`'s (neither ordered before the other), if any.
+    Found locate(const BaseRow& key) { return Found(probe(key)); }
+    // The same as an iterator: the element or end().
     iterator find(const BaseRow& key) {
         auto* e = probe(key);
-        return e == nullptr ? map_.end() : e->pos;
+        return e == nullptr ? map_.end() : e->pos.it;
     }
     const_iterator find(const BaseRow& key) const { return const_cast<RowKeyMap*>(this)->find(key); }
 
@@ -59,9 +88,14 @@ public:
         if (map_.size() != before) {
             const RowOpsKeyLess& less = map_.key_comp();
             if (!less.hashExact(it->first)) allExact_ = false;
-            index_.insert(less.hash(it->first), it);
+            index_.insert(less.hash(it->first), Where{it, targetOf(it->second)});
         }
         return it;
+    }
+    // Replaces the value of a located element.
+    void assign(Found found, V value) {
+        found.entry_->pos.target = targetOf(value);
+        found.entry_->pos.it->second = std::move(value);
     }
     // Inserts `key` (not yet present) with `value` where it belongs.
     iterator emplace(BaseRow key, V value) {
@@ -72,7 +106,7 @@ public:
     // Removes the element at `pos`; returns the element after it.
     iterator erase(iterator pos) {
         auto* e = index_.find(map_.key_comp().hash(pos->first), false,
-                              [&](iterator candidate) { return candidate == pos; });
+                              [&](const Where& candidate) { return candidate.it == pos; });
         if (e != nullptr) index_.erase(e);
         const iterator next = map_.erase(pos);
         if (map_.empty()) allExact_ = true;
@@ -80,13 +114,19 @@ public:
     }
 
 private:
-    using Index = KeyHashIndex<iterator>;
+    using Index = KeyHashIndex<Where>;
+
+    static const void* targetOf(const V& value) noexcept {
+        if (!value) return nullptr;
+        return static_cast<const void*>(std::to_address(value));
+    }
 
     typename Index::Entry* probe(const BaseRow& key) {
         const RowOpsKeyLess& less = map_.key_comp();
         const bool exact = allExact_ && less.hashExact(key);
-        return index_.find(less.hash(key), exact,
-                           [&](iterator pos) { return !less(key, pos->first) && !less(pos->first, key); });
+        return index_.find(less.hash(key), exact, [&](const Where& where) {
+            return !less(key, where.it->first) && !less(where.it->first, key);
+        });
     }
 
     Map map_;
