@@ -2,13 +2,15 @@
 // forwarding their rows, and merging them into the output table.
 //
 // Invariants (besides those of the header):
-// - The output table is always changed before outputRowOwners_, so a failing host call leaves the
-//   map describing rows that really are in the output.
+// - A replacement or removal changes the output table before outputRowOwners_, so a failing host
+//   call leaves the map describing rows that really are in the output. (A new or changed row sets
+//   its owner first and then writes, in that order by design.)
 // - An entry's key object is a copy of the first row inserted under that key; only its key
 //   fields are used.
 // - Trace text is built only when its level is on (KESTO_TRACE tests the level first).
 // - outputRowOwners_'s nodes live in a NodePool shared by the map's allocator copies, so the pool
-//   outlives every node whatever the order of destruction.
+//   outlives every node whatever the order of destruction. Its values change only through
+//   emplace and assign, which keep its hash index in step (see RowKeyMap.h).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Records.h>
 #include <Velta/VeRT.h>
