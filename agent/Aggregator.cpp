@@ -85,7 +85,8 @@ void Aggregator::AggregatorInputTable::walkInputTable() {
     // Resume at the bookmarked row if it still exists, otherwise at its successor.
     VeRowIterator position =
         walkPosition_.empty() ? inputObserver.begin(0) : inputObserver.lower_bound(walkPosition_, 0);
-    while (position != inputObserver.end(0)) {
+    const VeRowIterator end = inputObserver.end(0);
+    while (position != end) {
         walkPosition_ = *position;
         // Stop before the row: the bookmark names a row that has not been forwarded yet.
         if (aggregator_->blocked()) return;
@@ -184,7 +185,8 @@ void Aggregator::enableIs(bool value) {
 
 void Aggregator::onVeTableReady() {
     veTableObserver_.activate(true);
-    for (VeRowIterator position = veTableObserver_.begin(0); position != veTableObserver_.end(0); ++position) {
+    const VeRowIterator end = veTableObserver_.end(0);
+    for (VeRowIterator position = veTableObserver_.begin(0); position != end; ++position) {
         onVeTableRow(*position);
     }
     veTableObserver_.activate(false);
@@ -236,6 +238,7 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
     // Out of inputTables_ first, so the leaving input cannot be chosen to replace its own rows.
     std::shared_ptr<AggregatorInputTable> input = found->second;
     inputTables_.erase(found);
+    pathHints_.fill(PathHint{});
 
     for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
         if (entry->second == input) {
@@ -251,8 +254,17 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
 // ---------------------------------------------------------------------------------------------
 // Aggregator: merging
 
+std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::inputFor(const std::string& path) {
+    for (const PathHint& hint : pathHints_) {
+        if (hint.path == &path && hint.entry->first == path) return hint.entry->second;
+    }
+    const auto entry = inputTables_.try_emplace(path).first;
+    pathHints_[nextPathHint_++ % pathHints_.size()] = PathHint{&path, entry};
+    return entry->second;
+}
+
 void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
-    const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
+    const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) {
         outputRowOwners_.emplace(row, owner);
@@ -266,7 +278,7 @@ void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
 
 void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
     // inputTables_ does not change below, so the reference stays valid.
-    const std::shared_ptr<AggregatorInputTable>& owner = inputTables_[path];
+    const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) return;
     // Another input supplied the output row: it stays.
@@ -305,7 +317,8 @@ void Aggregator::onReady() {
     if (!suppressResync_) {
         // Collect first, delete afterwards: the output is never changed while it is iterated.
         std::vector<BaseRow> unheld;
-        for (VeRowIterator position = outputModifier.begin(0); position != outputModifier.end(0); ++position) {
+        const VeRowIterator end = outputModifier.end(0);
+        for (VeRowIterator position = outputModifier.begin(0); position != end; ++position) {
             const BaseRow& outputRow = *position;
             bool held = false;
             for (const auto& [path, input] : inputTables_) {

@@ -24,6 +24,7 @@
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
 
+#include <array>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -168,6 +169,18 @@ private:
     RowOpsKeyLess keyLess_;
     InputTables inputTables_;
     OutputRowOwners outputRowOwners_;
+    // Row events name their input by path; each input passes the same string object (its
+    // observer's table path) every time, so the entry is remembered by that string's address and
+    // confirmed by its content, which spares walking inputTables_ by path comparisons. Emptied
+    // whenever an entry leaves inputTables_.
+    struct PathHint {
+        const std::string* path = nullptr;
+        InputTables::iterator entry;
+    };
+    std::array<PathHint, 16> pathHints_{};
+    std::size_t nextPathHint_ = 0;
+    // inputTables_[path] (insert-or-find), through pathHints_.
+    std::shared_ptr<AggregatorInputTable>& inputFor(const std::string& path);
     std::string inputPathPrefix_;
     std::string inputPathSuffix_;
     std::string outputPath_;
