@@ -99,7 +99,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kMaxLoadPercent = 87;
+    static constexpr std::size_t kMaxLoadPercent = 80;
     static constexpr std::uint8_t kEmpty = 0;
 
     // A slot's control byte: seven bits of the hash (not those that pick the slot) with the top bit
