@@ -21,7 +21,9 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <random>
 #include <string>
+#include <vector>
 
 namespace Velta::Bench {
 namespace {
@@ -121,6 +123,30 @@ void BM_BytesPerRow(benchmark::State& state) {
     state.counters["bytes_per_row"] = bytes;
 }
 BENCHMARK(BM_BytesPerRow)->Arg(100'000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The machine's memory latency, the floor under every table lookup that misses the caches: one
+// dependent load at a time around a random cycle through a buffer of state.range(0) MiB, one
+// cache line per step.
+void BM_DependentLoad(benchmark::State& state) {
+    constexpr std::size_t kLine = 64;
+    const std::size_t lines = (static_cast<std::size_t>(state.range(0)) << 20) / kLine;
+    std::vector<std::size_t> order(lines);
+    for (std::size_t i = 0; i < lines; ++i) order[i] = i;
+    std::shuffle(order.begin(), order.end(), std::mt19937_64(7));
+    std::vector<std::size_t> next(lines * (kLine / sizeof(std::size_t)));
+    const std::size_t stride = kLine / sizeof(std::size_t);
+    for (std::size_t i = 0; i < lines; ++i) next[order[i] * stride] = order[(i + 1) % lines] * stride;
+    std::size_t at = order[0] * stride;
+    constexpr std::size_t kSteps = 1 << 20;
+    for (auto _ : state) {
+        for (std::size_t i = 0; i < kSteps; ++i) at = next[at];
+        benchmark::DoNotOptimize(at);
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kSteps));
+    state.counters["ns_per_load"] = benchmark::Counter(static_cast<double>(state.iterations() * kSteps),
+                                                       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_DependentLoad)->Arg(4)->Arg(16)->Arg(64)->Arg(256)->Unit(benchmark::kMillisecond);
 
 // ---------------------------------------------------------------------------------------------
 // --ratios and --curve.
