@@ -8,6 +8,7 @@
 
 #include <Velta/Records.h>
 
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string_view>
@@ -810,10 +812,43 @@ std::string yamlProblem(const std::string& message) {
         {"illegal map value", "a ': ' where no key can start; quote a text that contains ': '"},
         {"illegal tab when looking for indentation", "a tab in the indentation; indent with spaces"},
         {"end of string not found", "expected the closing quote of the text"},
+        // yaml-cpp's only use of this text when parsing from memory: its nesting limit.
+        {"bad file", "lists and maps nested too deep (yaml-cpp stops at 2048 levels)"},
     };
     for (const auto& [raw, plain] : known)
         if (message == raw) return std::string(plain) + " (" + raw + ")";
     return message;
+}
+
+// Where a second document with any content starts, if the text has one. (The parser is asked for
+// exactly two documents: asking for all of them does not end on some malformed inputs.)
+std::optional<Mark> secondDocument(const std::string& text) {
+    struct FirstContent : YAML::EventHandler {
+        std::optional<Mark> mark;
+        void seen(const YAML::Mark& m) {
+            if (!mark) mark = m.is_null() ? Mark{} : Mark{m.line + 1, m.column + 1};
+        }
+        void OnDocumentStart(const YAML::Mark&) override {}
+        void OnDocumentEnd() override {}
+        void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+        void OnAlias(const YAML::Mark& m, YAML::anchor_t) override { seen(m); }
+        void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t, const std::string&) override { seen(m); }
+        void OnSequenceStart(const YAML::Mark& m, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {
+            seen(m);
+        }
+        void OnSequenceEnd() override {}
+        void OnMapStart(const YAML::Mark& m, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {
+            seen(m);
+        }
+        void OnMapEnd() override {}
+    };
+    std::istringstream in(text);
+    YAML::Parser parser(in);
+    FirstContent first;
+    if (!parser.HandleNextDocument(first)) return std::nullopt;
+    FirstContent second;
+    if (!parser.HandleNextDocument(second)) return std::nullopt;
+    return second.mark;
 }
 
 std::string located(const std::string& file, const Mark& mark, const std::string& message) {
@@ -827,6 +862,9 @@ ParseResult parseScenario(const std::string& file, const std::string& text) {
     ParseResult result;
     try {
         const YAML::Node root = YAML::Load(text);
+        // Everything after a '---' would otherwise be dropped without a word.
+        if (const std::optional<Mark> second = secondDocument(text))
+            throw ScenarioError{*second, "a second YAML document; a scenario file holds one"};
         result.scenario = Parser(file).parse(root);
     } catch (const ScenarioError& e) {
         result.error = located(file, e.mark, e.message);
