@@ -55,7 +55,8 @@ public:
     bool empty() const noexcept { return map_.empty(); }
     const RowOpsKeyLess& key_comp() const noexcept { return map_.key_comp(); }
 
-    // An element found by locate: false when there is none.
+    // An element found by locate: false when there is none. Valid until the map next gains or
+    // loses an element (the index may move its entries then).
     class Found {
     public:
         explicit operator bool() const noexcept { return entry_ != nullptr; }
