@@ -79,8 +79,6 @@ void Aggregator::AggregatorInputTable::outputReady() {
     inputObserver.clientReadyIs(true);
 }
 
-BaseRow Aggregator::AggregatorInputTable::row(const BaseRow& key) const { return inputObserver.row(key, 0); }
-
 void Aggregator::AggregatorInputTable::walkInputTable() {
     // Resume at the bookmarked row if it still exists, otherwise at its successor.
     VeRowIterator position =

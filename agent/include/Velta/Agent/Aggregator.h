@@ -70,8 +70,9 @@ public:
 
         // The output can take rows: declares the observer client-ready (repeats change nothing).
         void outputReady();
-        // This input's row with `key`'s primary key, or an empty row.
-        BaseRow row(const BaseRow& key) const;
+        // This input's row with `key`'s primary key, or an empty row. (Inline: a resync asks every
+        // input for every output row.)
+        BaseRow row(const BaseRow& key) const { return inputObserver.row(key, 0); }
         // Forwards rows to the aggregator from the bookmark (or the first row) to the end, stopping
         // before a row while the aggregator reports itself blocked.
         void walkInputTable();
