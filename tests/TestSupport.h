@@ -6,6 +6,7 @@
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
+#include <Velta/Host/ForwardingVeltaDB.h>
 #include <Velta/Host/Debug.h>
 #include <Velta/Records.h>
 #include <Velta/VeltaDB.h>
@@ -179,38 +180,7 @@ std::vector<Step> shrinkHistory(std::vector<Step> steps, StillFails stillFails) 
 
 // A database handle that forwards every call to a real one; tests derive from it to change one
 // behaviour of the host (a lost registration, an unbound path, a failing comparison).
-class ForwardingHost : public VeltaDB {
-public:
-    explicit ForwardingHost(VeltaDB::p_t real) : real_(std::move(real)) {}
-    std::string agentName() const override { return real_->agentName(); }
-    std::string systemName() const override { return real_->systemName(); }
-    bool isServerAgent() const override { return real_->isServerAgent(); }
-    bool external() const override { return real_->external(); }
-    bool standalone() const override { return real_->standalone(); }
-    void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
-        real_->bindInterface(iface, path, flag);
-    }
-    void registerTable(const std::string& path, const std::string& typeName, TableType type,
-                       unsigned short desiredFlags, unsigned short flags, const std::string& owner) override {
-        real_->registerTable(path, typeName, type, desiredFlags, flags, owner);
-    }
-    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
-                     bool standing, const std::string& name) override {
-        real_->defineQuery(text, typeId, params, std::move(done), standing, name);
-    }
-    void removeQuery(const std::string& name) override { real_->removeQuery(name); }
-    veMetadata::veTable tableInfo(const std::string& path) const override { return real_->tableInfo(path); }
-    veMetadata::veTable tableInfo(unsigned oid) const override { return real_->tableInfo(oid); }
-    unsigned tableTypeId(const std::string& typeName, bool flag) const override {
-        return real_->tableTypeId(typeName, flag);
-    }
-    std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
-        return real_->getRowOps(typeName, index);
-    }
-
-private:
-    VeltaDB::p_t real_;
-};
+using ForwardingHost = Host::ForwardingVeltaDB;
 
 // An interface whose callbacks append "<ifName> ready", "<ifName> row <row>" and
 // "<ifName> delete <row>" to a shared log; `onEvent` (if set) runs after each entry is logged.

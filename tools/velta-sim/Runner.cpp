@@ -7,6 +7,7 @@
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/SubscriptionTranslator.h>
 #include <Velta/Host/Debug.h>
+#include <Velta/Host/ForwardingVeltaDB.h>
 
 #include <map>
 #include <memory>
@@ -29,40 +30,17 @@ using InterfaceLabels = std::unordered_map<const VeTableInterface*, std::string>
 
 // The handle an agent object receives: the host's own handle for that agent, which it alone
 // references, seen through a layer that notes which object binds which interface.
-class LabelledHandle final : public VeltaDB {
+class LabelledHandle final : public Velta::Host::ForwardingVeltaDB {
 public:
     LabelledHandle(VeltaDB::p_t inner, std::string label, InterfaceLabels* labels)
-        : inner_(std::move(inner)), label_(std::move(label)), labels_(labels) {}
+        : ForwardingVeltaDB(std::move(inner)), label_(std::move(label)), labels_(labels) {}
 
-    std::string agentName() const override { return inner_->agentName(); }
-    std::string systemName() const override { return inner_->systemName(); }
-    bool isServerAgent() const override { return inner_->isServerAgent(); }
-    bool external() const override { return inner_->external(); }
-    bool standalone() const override { return inner_->standalone(); }
     void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
         if (labels_ != nullptr) (*labels_)[&iface] = label_;
-        inner_->bindInterface(iface, path, flag);
-    }
-    void registerTable(const std::string& path, const std::string& typeName, Velta::TableType type,
-                       unsigned short desiredFlags, unsigned short flags, const std::string& owner) override {
-        inner_->registerTable(path, typeName, type, desiredFlags, flags, owner);
-    }
-    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
-                     bool standing, const std::string& name) override {
-        inner_->defineQuery(text, typeId, params, std::move(done), standing, name);
-    }
-    void removeQuery(const std::string& name) override { inner_->removeQuery(name); }
-    Velta::veMetadata::veTable tableInfo(const std::string& path) const override { return inner_->tableInfo(path); }
-    Velta::veMetadata::veTable tableInfo(unsigned oid) const override { return inner_->tableInfo(oid); }
-    unsigned tableTypeId(const std::string& typeName, bool flag) const override {
-        return inner_->tableTypeId(typeName, flag);
-    }
-    std::shared_ptr<const Velta::RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
-        return inner_->getRowOps(typeName, index);
+        ForwardingVeltaDB::bindInterface(iface, path, flag);
     }
 
 private:
-    VeltaDB::p_t inner_;
     std::string label_;
     InterfaceLabels* labels_;
 };
