@@ -32,7 +32,29 @@ std::uint16_t oidSlotOf(const RowType& type) noexcept {
     return type.oidField() >= 0 ? type.fields()[static_cast<std::size_t>(type.oidField())].slot : 0;
 }
 
+const TableNode* nodeAt(PrimaryIndex::const_iterator pos) noexcept { return &*pos; }
+const TableNode* nodeAt(OidIndex::const_iterator pos) noexcept { return *pos; }
+
 }  // namespace
+
+// The node after the position saved in `buf` in `index` (index number `which` of `t`), saving the
+// new position; null at the end. When the index changed since the position was saved, the next
+// row is found again from `row`'s key.
+template <class Index>
+const TableNode* stepForward(const TableState& t, const Index& index, unsigned char which, std::uint64_t& version,
+                             unsigned char (&buf)[sizeof(void*)], const BaseRow& row) {
+    typename Index::const_iterator pos;
+    if (version == t.version(which)) {
+        pos = loadNode<typename Index::const_iterator>(buf);
+        ++pos;
+    } else {
+        pos = index.upper_bound(t.probe(row));
+        version = t.version(which);
+    }
+    if (pos == index.end()) return nullptr;
+    storeNode(buf, pos);
+    return nodeAt(pos);
+}
 
 TableState::TableState(const RowType& type, std::string path)
     : type_(&type),
@@ -193,39 +215,14 @@ using detail::TableState;
 VeRowIterator& VeRowIterator::operator++() {
     if (row_.empty()) return *this;
     const TableState& t = *table_;
-    if (index_ == 0) {
-        PrimaryIndex::const_iterator pos;
-        if (version_ == t.version(0)) {
-            pos = detail::loadNode<PrimaryIndex::const_iterator>(node_);
-            ++pos;
-        } else {
-            pos = t.primary().upper_bound(t.probe(row_));
-            version_ = t.version(0);
-        }
-        if (pos == t.primary().end()) {
-            row_.clear();
-            table_.reset();
-            return *this;
-        }
-        detail::storeNode(node_, pos);
-        row_ = pos->row;
-    } else {
-        OidIndex::const_iterator pos;
-        if (version_ == t.version(1)) {
-            pos = detail::loadNode<OidIndex::const_iterator>(node_);
-            ++pos;
-        } else {
-            pos = t.byOid().upper_bound(t.probe(row_));
-            version_ = t.version(1);
-        }
-        if (pos == t.byOid().end()) {
-            row_.clear();
-            table_.reset();
-            return *this;
-        }
-        detail::storeNode(node_, pos);
-        row_ = (*pos)->row;
+    const detail::TableNode* node = index_ == 0 ? detail::stepForward(t, t.primary(), 0, version_, node_, row_)
+                                                : detail::stepForward(t, t.byOid(), 1, version_, node_, row_);
+    if (node == nullptr) {
+        row_.clear();
+        table_.reset();
+        return *this;
     }
+    row_ = node->row;
     return *this;
 }
 
