@@ -197,6 +197,10 @@ private:
     std::shared_ptr<NodePool> nodes_;  // declared before the indexes, which hold it too
     PrimaryIndex primary_;
     OidIndex byOid_;
+    using KeyEntry = KeyHashIndex<PrimaryIndex::const_iterator>::Entry;
+    // byKey_'s entry for `key` (of the table's type, hashing to `hash`), or null.
+    const KeyEntry* entryFor(const RowData& key, std::uint64_t hash) const;
+
     KeyHashIndex<PrimaryIndex::const_iterator> byKey_;
     bool hashExact_;
     std::uint64_t version_[2] = {1, 1};

@@ -95,11 +95,15 @@ KeyProbe TableState::probe(const RowData& data) const noexcept {
     return p;
 }
 
+const TableState::KeyEntry* TableState::entryFor(const RowData& key, std::uint64_t hash) const {
+    return byKey_.find(hash, hashExact_, [&](PrimaryIndex::const_iterator pos) {
+        return type_->compareKey(*pos->row.data(), key) == 0;
+    });
+}
+
 PrimaryIndex::const_iterator TableState::findPos(const BaseRow& key) const {
     const RowData& k = *key.data();
-    const auto* e = byKey_.find(type_->hashKey(k), hashExact_, [&](PrimaryIndex::const_iterator pos) {
-        return type_->compareKey(*pos->row.data(), k) == 0;
-    });
+    const KeyEntry* e = entryFor(k, type_->hashKey(k));
     return e == nullptr ? primary_.end() : e->pos;
 }
 
@@ -123,9 +127,7 @@ OidIndex::const_iterator TableState::findOid(const BaseRow& key) const {
 TableState::Spot TableState::locate(const BaseRow& key) const {
     const RowData& k = *key.data();
     const std::uint64_t hash = type_->hashKey(k);
-    const auto* e = byKey_.find(hash, hashExact_, [&](PrimaryIndex::const_iterator pos) {
-        return type_->compareKey(*pos->row.data(), k) == 0;
-    });
+    const KeyEntry* e = entryFor(k, hash);
     if (e != nullptr) return {e->pos, true, hash};
     // A new key: only now is its place in the order needed.
     return {primary_.lower_bound(probe(k)), false, hash};
@@ -158,9 +160,7 @@ const TableNode& TableState::put(Spot spot, BaseRow row) {
 
 BaseRow TableState::remove(const BaseRow& key) {
     const RowData& k = *key.data();
-    auto* e = byKey_.find(type_->hashKey(k), hashExact_, [&](PrimaryIndex::const_iterator pos) {
-        return type_->compareKey(*pos->row.data(), k) == 0;
-    });
+    const KeyEntry* e = entryFor(k, type_->hashKey(k));
     if (e == nullptr) return BaseRow();
     const auto it = e->pos;
     byKey_.erase(e);

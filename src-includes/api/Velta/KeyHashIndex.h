@@ -73,7 +73,7 @@ public:
     }
 
     // Removes an entry returned by find.
-    void erase(Entry* entry) noexcept {
+    void erase(const Entry* entry) noexcept {
         std::size_t hole = static_cast<std::size_t>(entry - entries_.data());
         for (std::size_t j = (hole + 1) & mask_;; j = (j + 1) & mask_) {
             if (ctrl_[j] == kEmpty) break;

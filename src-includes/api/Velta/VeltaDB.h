@@ -69,10 +69,7 @@ public:
     }
     // The key hash of `row` (RowOps::keyHash), inline for a number key.
     std::uint64_t hash(const BaseRow& row) const {
-        const RowData* x = row.data();
-        if (numberKeyType_ != nullptr && x != nullptr && x->type == numberKeyType_)
-            return mixKey(x->numbers[numberKeySlot_]);
-        return ops_->keyHash(row);
+        return hashExact(row) ? mixKey(row.data()->numbers[numberKeySlot_]) : ops_->keyHash(row);
     }
     // True when hash(row) is a bijection of the key among rows of `row`'s type, so that two such
     // rows with equal hashes have equal keys.
