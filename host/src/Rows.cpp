@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <ostream>
@@ -133,26 +134,6 @@ int RowType::compareKey(const RowData& a, const RowData& b) const noexcept {
     return 0;
 }
 
-namespace {
-
-std::uint64_t hashBytes(std::string_view s) noexcept {
-    std::uint64_t h = mixKey(s.size());
-    std::size_t i = 0;
-    for (; i + 8 <= s.size(); i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, s.data() + i, 8);
-        h = mixInto(h, word);
-    }
-    if (i < s.size()) {
-        std::uint64_t tail = 0;
-        std::memcpy(&tail, s.data() + i, s.size() - i);
-        h = mixInto(h, tail);
-    }
-    return h;
-}
-
-}  // namespace
-
 std::uint64_t RowType::hashKey(const RowData& row) const noexcept {
     if (keyHashExact_) return mixKey(row.numbers[fields_[keyFields_.front()].slot]);
     std::uint64_t h = 0;
@@ -161,11 +142,11 @@ std::uint64_t RowType::hashKey(const RowData& row) const noexcept {
         if (isNumberKind(f.kind)) {
             h = mixInto(h, row.numbers[f.slot]);
         } else if (f.kind == FieldKind::string) {
-            h = mixInto(h, hashBytes(row.strings[f.slot]));
+            h = mixInto(h, std::hash<std::string_view>{}(row.strings[f.slot]));
         } else {
             const std::vector<std::string>& list = row.lists[f.slot];
             h = mixInto(h, list.size());
-            for (const std::string& s : list) h = mixInto(h, hashBytes(s));
+            for (const std::string& s : list) h = mixInto(h, std::hash<std::string_view>{}(s));
         }
     }
     return h;
