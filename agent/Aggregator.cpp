@@ -8,10 +8,12 @@
 // - An entry's key object is a copy of the first row inserted under that key; only its key
 //   fields are used.
 // - Trace text is built only when its level is on (KESTO_TRACE tests the level first).
-// - outputRowOwners_'s nodes live in a NodePool shared by the map's allocator copies, so the pool
-//   outlives every node whatever the order of destruction. Its values change only through
-//   emplace and assign, which keep its hash index in step (see RowKeyMap.h).
+// - With the host's key hashing, outputRowOwners_'s nodes live in a NodePool shared by the map's
+//   allocator copies, so the pool outlives every node whatever the order of destruction, and its
+//   values change only through emplace and assign, which keep its hash index in step (see
+//   internal/RowKeyMap.h).
 #include <Velta/Agent/Aggregator.h>
+#include <Velta/Agent/internal/HostKeyHash.h>
 #include <Velta/Records.h>
 #include <Velta/VeRT.h>
 
@@ -27,8 +29,13 @@ constexpr unsigned char kModifierMode = 3;
 constexpr unsigned char kObserverMode = 5;
 }  // namespace
 
-static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <= NodePool::kSlot,
+static_assert(internal::kHostKeyHashDetected == (VELTA_AGENT_HOST_KEY_HASH != 0),
+              "Velta/Agent/Config.h records another choice of the host's key-hash capability than this "
+              "compilation detects: configure the build again");
+#if VELTA_AGENT_HOST_KEY_HASH
+static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <= internal::NodePool::kSlot,
               "an owner entry's tree node must fit a pool slot");
+#endif
 
 // ---------------------------------------------------------------------------------------------
 // Debug channels
@@ -147,7 +154,7 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
       rowOps_(vdb_->getRowOps(rowTypeName, 0)),
       keyLess_(rowOps_),
       inputTables_(),
-      outputRowOwners_(keyLess_, OutputRowOwners::allocator_type(std::make_shared<NodePool>())),
+      outputRowOwners_(keyLess_),
       inputPathPrefix_(inputPathPrefix),
       inputPathSuffix_(inputPathSuffix),
       outputPath_(outputPath),
@@ -263,25 +270,42 @@ std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::inputFor(const st
 
 void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
     const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
+    // No precedence between inputs: the latest delivery wins and takes the key over.
+#if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) {
         outputRowOwners_.emplace(row, owner);
     } else if (entry.target() != owner.get()) {
-        // No precedence between inputs: the latest delivery wins and takes the key over. (An
-        // owner that stays is left alone, which spares reading the entry at all.)
+        // (An owner that stays is left alone, which spares reading the entry at all.)
         outputRowOwners_.assign(entry, owner);
     }
+#else
+    const auto entry = outputRowOwners_.lower_bound(row);
+    if (entry == outputRowOwners_.end() || keyLess_(row, entry->first)) {
+        outputRowOwners_.emplace_hint(entry, row, owner);
+    } else if (entry->second != owner) {
+        entry->second = owner;
+    }
+#endif
     outputModifier.rowIs(row);
 }
 
 void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
     // inputTables_ does not change below, so the reference stays valid.
     const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
+#if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) return;
     // Another input supplied the output row: it stays.
     if (entry.target() != owner.get()) return;
     updateOutputOnDelete(entry.pos());
+#else
+    const auto entry = outputRowOwners_.find(row);
+    if (entry == outputRowOwners_.end()) return;
+    // Another input supplied the output row: it stays.
+    if (entry->second != owner) return;
+    updateOutputOnDelete(entry);
+#endif
 }
 
 Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRowOwners::iterator entry) {

@@ -555,7 +555,6 @@ public:
         if (!failOn.empty() && (hop(a) == failOn || hop(b) == failOn)) throw std::runtime_error("host failure");
         return real_->keyLess(a, b);
     }
-    std::uint64_t keyHash(const BaseRow& row) const override { return real_->keyHash(row); }
     std::string failOn;  // next hop whose rows make the comparison fail; empty: never
 
 private:

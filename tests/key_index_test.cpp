@@ -1,11 +1,12 @@
 // Hash indexes beside ordered containers: the bare index under heavily colliding hashes, the key
-// hashes of rows, the aggregator's row-keyed map and the host tables that find keys through them.
-// Every history is random but seeded, and is checked step by step against a plain ordered model.
+// hashes of rows (the host's key-hash capability), the aggregator's row-keyed map and the host
+// tables that find keys through them. Every history is random but seeded, and is checked step by
+// step against a plain ordered model.
 #include "TestSupport.h"
 
-#include <Velta/Agent/RowKeyMap.h>
-#include <Velta/KeyHashIndex.h>
-#include <Velta/NodePool.h>
+#include <Velta/Agent/internal/KeyHashIndex.h>
+#include <Velta/Agent/internal/RowKeyMap.h>
+#include <Velta/HostCapability/KeyHash.h>
 
 #include <functional>
 #include <iterator>
@@ -15,6 +16,10 @@
 
 namespace Velta::Test {
 namespace {
+
+using Agent::internal::KeyHashIndex;
+using HostCapability::mixKey;
+using HostCapability::RowKeyHash;
 
 // ---- The bare index ----
 
@@ -119,6 +124,16 @@ TEST(KeyHashIndex, ExactProbesTrustTheHashAndComparingProbesSkipRejectedCandidat
 
 // ---- Key hashes ----
 
+// Row operations of a host without the key-hash capability: the key order only.
+class PlainOps final : public RowOps {
+public:
+    explicit PlainOps(std::shared_ptr<const RowOps> real) : real_(std::move(real)) {}
+    bool keyLess(const BaseRow& a, const BaseRow& b) const override { return real_->keyLess(a, b); }
+
+private:
+    std::shared_ptr<const RowOps> real_;
+};
+
 const RowType& numType() {
     return Host::defineRowType("KeyIndexTest::Num", {{"k", FieldKind::u64}, {"v", FieldKind::u32}}, {"k"});
 }
@@ -143,8 +158,6 @@ const RowType& taggedType() {
                                {{"tags", FieldKind::strings}, {"value", FieldKind::u32}}, {"tags"});
 }
 
-std::uint64_t hashOf(const BaseRow& row) { return row.rowType()->hashKey(*row.data()); }
-
 TEST(KeyHashes, MixIsABijectionThatSpreadsAndEqualKeysHashEqual) {
     std::set<std::uint64_t> inputs;
     for (std::uint64_t i = 0; i < 50000; ++i) inputs.insert(i);
@@ -157,10 +170,14 @@ TEST(KeyHashes, MixIsABijectionThatSpreadsAndEqualKeysHashEqual) {
     std::set<std::uint64_t> slots;
     for (std::uint64_t i = 0; i < 1024; ++i) slots.insert(mixKey(i << 40) & 1023);
     EXPECT_GT(slots.size(), 550u);
-    EXPECT_NE(mixInto(mixInto(0, 1), 2), mixInto(mixInto(0, 2), 1));
 
     // Equal keys hash equal whatever the other fields; different keys (parts moved between
     // fields or list elements, bytes past the first word, a trailing NUL) hash apart.
+    auto db = Host::Database::create();
+    auto handle = db->connect({"keys", "keys"});
+    auto hashOf = [&](const BaseRow& row) {  // by the host's operations for the row's type
+        return RowKeyHash(handle->getRowOps(row.rowType()->name(), 0).get()).hash(row);
+    };
     auto named = [](std::string n, unsigned v) {
         return makeRow(namedType(), {{"name", std::move(n)}, {"value", v}, {"oid", v}});
     };
@@ -187,23 +204,19 @@ TEST(KeyHashes, MixIsABijectionThatSpreadsAndEqualKeysHashEqual) {
         EXPECT_EQ(hashes.size(), distinct.size()) << distinct.front().rowType()->name();
     }
 
-    // The host's row operations hash as the type does, inline or not, and call only a single
-    // number key exact.
-    auto db = Host::Database::create();
-    auto handle = db->connect({"keys", "keys"});
-    const RowOpsKeyLess numLess(handle->getRowOps(numType().name(), 0));
-    const RowOpsKeyLess namedLess(handle->getRowOps(namedType().name(), 0));
+    // The helper hashes as the host's operations do, inline or not, and calls only a single number
+    // key of the operations' own type exact; operations of another host do not hash at all.
+    const auto numOps = handle->getRowOps(numType().name(), 0);
+    const RowKeyHash numHash(numOps.get());
     const BaseRow n = makeRow(numType(), {{"k", 77}});
     const BaseRow t = makeRow(twinType(), {{"k", 77}});
-    EXPECT_EQ(numLess.hash(n), mixKey(77));
-    EXPECT_EQ(numLess.hash(t), mixKey(77));  // the real collision the owner map must survive
-    EXPECT_EQ(namedLess.hash(named(longName, 5)), hashOf(named(longName, 6)));
-    EXPECT_TRUE(numLess.hashExact(n));
-    EXPECT_FALSE(numLess.hashExact(t));
-    EXPECT_FALSE(namedLess.hashExact(named("x", 0)));
-    EXPECT_TRUE(numType().keyHashExact());
-    EXPECT_FALSE(rankedType().keyHashExact());
-    EXPECT_FALSE(taggedType().keyHashExact());
+    EXPECT_EQ(numHash.hash(n), mixKey(77));
+    EXPECT_EQ(numHash.hash(t), mixKey(77));  // the real collision the owner map must survive
+    EXPECT_EQ(dynamic_cast<const HostCapability::KeyHashing&>(*numOps).keyHash(n), mixKey(77));
+    EXPECT_TRUE(numHash.exact(n));
+    EXPECT_FALSE(numHash.exact(t));
+    EXPECT_FALSE(RowKeyHash(handle->getRowOps(namedType().name(), 0).get()).exact(named("x", 0)));
+    EXPECT_FALSE(RowKeyHash(std::make_shared<PlainOps>(numOps).get()).available());
 }
 
 // ---- Histories against a model, for the owner map and the host tables ----
@@ -239,7 +252,7 @@ KeySpace<std::string> nameKeys(std::size_t count) {
 
 // The map's values are owners, as in the aggregator: shared, and compared by address.
 using Owner = std::shared_ptr<const unsigned>;
-using OwnerMap = Agent::RowKeyMap<Owner>;
+using OwnerMap = Agent::internal::RowKeyMap<Owner>;
 
 // Owner 0 is null, a value the map carries like any other.
 std::vector<Owner> makeOwners() {
@@ -262,7 +275,7 @@ template <class K>
 void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uint64_t seed, int steps) {
     std::mt19937_64 rng(seed);
     const std::vector<Owner> owners = makeOwners();
-    OwnerMap map(less, OwnerMap::allocator_type(std::make_shared<NodePool>()));
+    OwnerMap map(less);
     std::map<K, const void*> model;  // key -> owner address
     auto anyOwner = [&] { return owners[rng() % owners.size()]; };
     auto checkFind = [&](const K& k) {
@@ -343,7 +356,7 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
 }
 
 // Host operations, except that keys collide on purpose: only the length of a name picks its hash.
-class CollidingNameOps final : public RowOps {
+class CollidingNameOps final : public RowOps, public HostCapability::KeyHashing {
 public:
     explicit CollidingNameOps(std::shared_ptr<const RowOps> real) : real_(std::move(real)) {}
     bool keyLess(const BaseRow& a, const BaseRow& b) const override { return real_->keyLess(a, b); }
@@ -370,12 +383,15 @@ TEST_F(RowKeyMapTest, StringKeysCompareRows) {
     runMapHistory(
         RowOpsKeyLess(std::make_shared<CollidingNameOps>(handle_->getRowOps(namedType().name(), 0))),
         nameKeys(120), 13, 8000);
+    // Operations that do not hash: every lookup walks the tree.
+    runMapHistory(RowOpsKeyLess(std::make_shared<PlainOps>(handle_->getRowOps(namedType().name(), 0))),
+                  nameKeys(120), 15, 8000);
 }
 
 TEST_F(RowKeyMapTest, KeysOfAnotherTypeTurnHashTrustOff) {
     // Ordered by the number type's operations; the twin type's rows hash to the very same values.
     const RowOpsKeyLess less = lessFor(numType());
-    OwnerMap map(less, OwnerMap::allocator_type(std::make_shared<NodePool>()));
+    OwnerMap map(less);
     const std::vector<Owner> owners = makeOwners();
     const BaseRow twin5 = makeRow(twinType(), {{"k", 5}});
     const BaseRow num5 = makeRow(numType(), {{"k", 5}});

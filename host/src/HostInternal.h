@@ -18,10 +18,12 @@
 //   process-wide and locked.
 #pragma once
 
+#include "KeyHashIndex.h"
+#include "NodePool.h"
+#include "RowKeys.h"
+
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
-#include <Velta/KeyHashIndex.h>
-#include <Velta/NodePool.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
@@ -48,7 +50,7 @@ const RowType* typeById(unsigned id);
 // Cached row operations for (type, index); `type` may be null (rows ordered by type id, then key).
 std::shared_ptr<const RowOps> rowOpsFor(const RowType* type, unsigned char index);
 
-// Row order helpers over row data of one type.
+// Order of two rows in `index`: empty rows first, then by type id, then by key.
 int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index) noexcept;
 
 }  // namespace Velta::Host::internal
@@ -77,7 +79,7 @@ struct PrimaryLess {
     bool prefixIsKey;  // the key is one number field: equal prefixes are equal keys
     bool less(std::uint64_t pa, const RowData& a, std::uint64_t pb, const RowData& b) const noexcept {
         if (pa != pb) return pa < pb;
-        return !prefixIsKey && type->compareKey(a, b) < 0;
+        return !prefixIsKey && Host::internal::compareKey(*type, a, b) < 0;
     }
     inline bool operator()(const TableNode& a, const TableNode& b) const noexcept;
     inline bool operator()(const TableNode& a, const KeyProbe& b) const noexcept;
@@ -94,7 +96,7 @@ struct OidLess {
               const RowData& b) const noexcept {
         if (oa != ob) return oa < ob;
         if (pa != pb) return pa < pb;
-        return !prefixIsKey && type->compareKey(a, b) < 0;
+        return !prefixIsKey && Host::internal::compareKey(*type, a, b) < 0;
     }
     inline bool operator()(const TableNode* a, const TableNode* b) const noexcept;
     inline bool operator()(const TableNode* a, const KeyProbe& b) const noexcept;
@@ -103,7 +105,7 @@ struct OidLess {
     inline bool operator()(OidProbe a, const TableNode* b) const noexcept;
 };
 
-using OidIndex = std::set<const TableNode*, OidLess, NodeAllocator<const TableNode*>>;
+using OidIndex = std::set<const TableNode*, OidLess, Host::internal::NodeAllocator<const TableNode*>>;
 
 struct TableNode {
     TableNode(BaseRow r, std::uint64_t keyPrefix) : row(std::move(r)), prefix(keyPrefix) {}
@@ -111,7 +113,7 @@ struct TableNode {
     std::uint64_t prefix;  // the key never changes while the node lives
 };
 
-using PrimaryIndex = std::set<TableNode, PrimaryLess, NodeAllocator<TableNode>>;
+using PrimaryIndex = std::set<TableNode, PrimaryLess, Host::internal::NodeAllocator<TableNode>>;
 
 inline bool PrimaryLess::operator()(const TableNode& a, const TableNode& b) const noexcept {
     return less(a.prefix, *a.row.data(), b.prefix, *b.row.data());
@@ -135,7 +137,7 @@ inline bool OidLess::operator()(const KeyProbe& a, const TableNode* b) const noe
 inline bool OidLess::operator()(const TableNode* a, OidProbe b) const noexcept { return oidOf(a) < b.oid; }
 inline bool OidLess::operator()(OidProbe a, const TableNode* b) const noexcept { return a.oid < oidOf(b); }
 
-static_assert(sizeof(TableNode) + 4 * sizeof(void*) <= NodePool::kSlot, "an index-0 node must fit a pool slot");
+static_assert(sizeof(TableNode) + 4 * sizeof(void*) <= Host::internal::NodePool::kSlot, "an index-0 node must fit a pool slot");
 
 static_assert(sizeof(PrimaryIndex::const_iterator) <= sizeof(void*) &&
                   std::is_trivially_copyable_v<PrimaryIndex::const_iterator>,
@@ -194,14 +196,14 @@ public:
 private:
     const RowType* type_;
     std::string path_;
-    std::shared_ptr<NodePool> nodes_;  // declared before the indexes, which hold it too
+    std::shared_ptr<Host::internal::NodePool> nodes_;  // declared before the indexes, which hold it too
     PrimaryIndex primary_;
     OidIndex byOid_;
-    using KeyEntry = KeyHashIndex<PrimaryIndex::const_iterator>::Entry;
+    using KeyEntry = Host::internal::KeyHashIndex<PrimaryIndex::const_iterator>::Entry;
     // byKey_'s entry for `key` (of the table's type, hashing to `hash`), or null.
     const KeyEntry* entryFor(const RowData& key, std::uint64_t hash) const;
 
-    KeyHashIndex<PrimaryIndex::const_iterator> byKey_;
+    Host::internal::KeyHashIndex<PrimaryIndex::const_iterator> byKey_;
     bool hashExact_;
     std::uint64_t version_[2] = {1, 1};
     bool oidInKey_ = false;

@@ -5,7 +5,6 @@
 #include <Velta/BaseRow.h>
 
 #include <Kesto/DebugSupport.h>
-#include <Velta/KeyHashIndex.h>
 
 #include <algorithm>
 #include <charconv>
@@ -57,14 +56,6 @@ std::uint64_t truncateTo(FieldKind kind, std::uint64_t v) noexcept {
     }
 }
 
-int compareLists(const std::vector<std::string>& a, const std::vector<std::string>& b) noexcept {
-    const std::size_t n = std::min(a.size(), b.size());
-    for (std::size_t i = 0; i < n; ++i) {
-        if (const int c = a[i].compare(b[i]); c != 0) return c < 0 ? -1 : 1;
-    }
-    return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
-}
-
 void appendQuoted(std::string& out, const std::string& s) {
     out += '"';
     for (const char c : s) {
@@ -108,7 +99,6 @@ RowType::RowType(std::string name, unsigned id, std::vector<Field> fields, std::
             f.slot = static_cast<std::uint16_t>(listCount_++);
         }
     }
-    keyHashExact_ = keyFields_.size() == 1 && isNumberKind(fields_[keyFields_.front()].kind);
 }
 
 int RowType::fieldIndex(std::string_view name) const noexcept {
@@ -116,50 +106,6 @@ int RowType::fieldIndex(std::string_view name) const noexcept {
         if (fields_[i].name == name) return static_cast<int>(i);
     }
     return -1;
-}
-
-int RowType::compareKey(const RowData& a, const RowData& b) const noexcept {
-    for (const std::uint16_t k : keyFields_) {
-        const Field& f = fields_[k];
-        if (isNumberKind(f.kind)) {
-            const std::uint64_t x = a.numbers[f.slot];
-            const std::uint64_t y = b.numbers[f.slot];
-            if (x != y) return x < y ? -1 : 1;
-        } else if (f.kind == FieldKind::string) {
-            if (const int c = a.strings[f.slot].compare(b.strings[f.slot]); c != 0) return c < 0 ? -1 : 1;
-        } else {
-            if (const int c = compareLists(a.lists[f.slot], b.lists[f.slot]); c != 0) return c;
-        }
-    }
-    return 0;
-}
-
-std::uint64_t RowType::hashKey(const RowData& row) const noexcept {
-    if (keyHashExact_) return mixKey(row.numbers[fields_[keyFields_.front()].slot]);
-    std::uint64_t h = 0;
-    for (const std::uint16_t k : keyFields_) {
-        const Field& f = fields_[k];
-        if (isNumberKind(f.kind)) {
-            h = mixInto(h, row.numbers[f.slot]);
-        } else if (f.kind == FieldKind::string) {
-            h = mixInto(h, std::hash<std::string_view>{}(row.strings[f.slot]));
-        } else {
-            const std::vector<std::string>& list = row.lists[f.slot];
-            h = mixInto(h, list.size());
-            for (const std::string& s : list) h = mixInto(h, std::hash<std::string_view>{}(s));
-        }
-    }
-    return h;
-}
-
-int RowType::compareOidKey(const RowData& a, const RowData& b) const noexcept {
-    if (oidField_ >= 0) {
-        const std::size_t slot = fields_[static_cast<std::size_t>(oidField_)].slot;
-        const std::uint64_t x = a.numbers[slot];
-        const std::uint64_t y = b.numbers[slot];
-        if (x != y) return x < y ? -1 : 1;
-    }
-    return compareKey(a, b);
 }
 
 RowData* RowData::create(const RowType& type) {

@@ -59,10 +59,10 @@ const TableNode* stepForward(const TableState& t, const Index& index, unsigned c
 TableState::TableState(const RowType& type, std::string path)
     : type_(&type),
       path_(std::move(path)),
-      nodes_(std::make_shared<NodePool>()),
-      primary_(PrimaryLess{&type, prefixIsKey(type)}, NodeAllocator<TableNode>(nodes_)),
-      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, NodeAllocator<const TableNode*>(nodes_)),
-      hashExact_(type.keyHashExact()) {
+      nodes_(std::make_shared<Host::internal::NodePool>()),
+      primary_(PrimaryLess{&type, prefixIsKey(type)}, Host::internal::NodeAllocator<TableNode>(nodes_)),
+      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, Host::internal::NodeAllocator<const TableNode*>(nodes_)),
+      hashExact_(Host::internal::keyHashExact(type)) {
     const auto& fields = type.fields();
     if (type.oidField() >= 0) {
         hasOid_ = true;
@@ -97,13 +97,13 @@ KeyProbe TableState::probe(const RowData& data) const noexcept {
 
 const TableState::KeyEntry* TableState::entryFor(const RowData& key, std::uint64_t hash) const {
     return byKey_.find(hash, hashExact_, [&](PrimaryIndex::const_iterator pos) {
-        return type_->compareKey(*pos->row.data(), key) == 0;
+        return Host::internal::compareKey(*type_, *pos->row.data(), key) == 0;
     });
 }
 
 PrimaryIndex::const_iterator TableState::findPos(const BaseRow& key) const {
     const RowData& k = *key.data();
-    const KeyEntry* e = entryFor(k, type_->hashKey(k));
+    const KeyEntry* e = entryFor(k, Host::internal::hashKey(*type_, k));
     return e == nullptr ? primary_.end() : e->pos;
 }
 
@@ -126,7 +126,7 @@ OidIndex::const_iterator TableState::findOid(const BaseRow& key) const {
 
 TableState::Spot TableState::locate(const BaseRow& key) const {
     const RowData& k = *key.data();
-    const std::uint64_t hash = type_->hashKey(k);
+    const std::uint64_t hash = Host::internal::hashKey(*type_, k);
     const KeyEntry* e = entryFor(k, hash);
     if (e != nullptr) return {e->pos, true, hash};
     // A new key: only now is its place in the order needed.
@@ -160,7 +160,7 @@ const TableNode& TableState::put(Spot spot, BaseRow row) {
 
 BaseRow TableState::remove(const BaseRow& key) {
     const RowData& k = *key.data();
-    const KeyEntry* e = entryFor(k, type_->hashKey(k));
+    const KeyEntry* e = entryFor(k, Host::internal::hashKey(*type_, k));
     if (e == nullptr) return BaseRow();
     const auto it = e->pos;
     byKey_.erase(e);
@@ -258,8 +258,8 @@ bool operator==(const VeRowIterator& a, const VeRowIterator& b) noexcept {
     if (a.table_ != b.table_ || a.index_ != b.index_) return false;
     if (a.row_.sameData(b.row_)) return true;
     const RowType& type = a.table_->type();
-    return (a.index_ == 0 ? type.compareKey(*a.row_.data(), *b.row_.data())
-                          : type.compareOidKey(*a.row_.data(), *b.row_.data())) == 0;
+    return (a.index_ == 0 ? Host::internal::compareKey(type, *a.row_.data(), *b.row_.data())
+                          : Host::internal::compareOidKey(type, *a.row_.data(), *b.row_.data())) == 0;
 }
 
 VeTableInterface::VeTableInterface(const std::string& ifName, const std::string& rowTypeName, unsigned char mode,

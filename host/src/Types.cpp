@@ -18,7 +18,9 @@ namespace Velta::Host::internal {
 
 namespace {
 
-class TypeRowOps final : public RowOps {
+// Row operations of one type (or of none: rows ordered by type id, then key) for one index. They
+// implement the key-hash capability beside the interface's key comparison.
+class TypeRowOps final : public RowOps, public HostCapability::KeyHashing {
 public:
     TypeRowOps(const RowType* type, unsigned char index) noexcept : type_(type), index_(index) {
         // A primary key of one number field compares as two loads: the common case of the
@@ -36,7 +38,7 @@ public:
         const RowData* y = b.data();
         if (type_ != nullptr && x != nullptr && y != nullptr && x->type == type_ && y->type == type_) {
             if (numberKeySlot_ >= 0) return x->numbers[numberKeySlot_] < y->numbers[numberKeySlot_];
-            return (index_ == 0 ? type_->compareKey(*x, *y) : type_->compareOidKey(*x, *y)) < 0;
+            return (index_ == 0 ? compareKey(*type_, *x, *y) : compareOidKey(*type_, *x, *y)) < 0;
         }
         return compareRows(a, b, index_) < 0;
     }
@@ -44,7 +46,7 @@ public:
         // Rows of different types never have equal keys, so each is hashed by its own type.
         const RowData* x = row.data();
         if (x == nullptr) return 0;
-        const std::uint64_t key = x->type->hashKey(*x);
+        const std::uint64_t key = hashKey(*x->type, *x);
         if (index_ == 0) return key;
         const int oid = x->type->oidField();
         return oid < 0 ? key : mixInto(x->numbers[x->type->fields()[static_cast<std::size_t>(oid)].slot], key);
@@ -130,7 +132,7 @@ int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index) noexcep
     const RowData* y = b.data();
     if (x == nullptr || y == nullptr) return (x != nullptr) - (y != nullptr);
     if (x->type != y->type) return x->type->id() < y->type->id() ? -1 : 1;
-    return index == 0 ? x->type->compareKey(*x, *y) : x->type->compareOidKey(*x, *y);
+    return index == 0 ? compareKey(*x->type, *x, *y) : compareOidKey(*x->type, *x, *y);
 }
 
 }  // namespace Velta::Host::internal

@@ -56,23 +56,12 @@ public:
     std::size_t stringCount() const noexcept { return stringCount_; }
     std::size_t listCount() const noexcept { return listCount_; }
 
-    // Primary-key order: <0, 0, >0. Both rows must be of this type.
-    int compareKey(const RowData& a, const RowData& b) const noexcept;
-    // Index 1 order: oid, then primary key.
-    int compareOidKey(const RowData& a, const RowData& b) const noexcept;
-    // Hash of the primary key: rows whose keys compare equal hash equal. For a key of one number
-    // field it is mixKey (KeyHashIndex.h) of that number, a bijection (see keyHashExact).
-    std::uint64_t hashKey(const RowData& row) const noexcept;
-    // True when hashKey is a bijection of the key, so that equal hashes mean equal keys.
-    bool keyHashExact() const noexcept { return keyHashExact_; }
-
 private:
     std::string name_;
     unsigned id_;
     std::vector<Field> fields_;
     std::vector<std::uint16_t> keyFields_;
     int oidField_ = -1;
-    bool keyHashExact_ = false;
     std::size_t numberCount_ = 0;
     std::size_t stringCount_ = 0;
     std::size_t listCount_ = 0;

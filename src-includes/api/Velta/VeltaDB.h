@@ -2,16 +2,15 @@
 #pragma once
 
 #include <Velta/BaseRow.h>
-#include <Velta/KeyHashIndex.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace Velta {
 
@@ -28,61 +27,17 @@ public:
     virtual ~RowOps() = default;
     // True when `a`'s key in this index is ordered before `b`'s.
     virtual bool keyLess(const BaseRow& a, const BaseRow& b) const = 0;
-    // A hash of `row`'s key in this index: rows with equal keys (neither ordered before the
-    // other) hash equal. A row of numberKeyType() hashes to mixKey of its key number.
-    virtual std::uint64_t keyHash(const BaseRow& row) const = 0;
-
-    // Inline shortcut of keyLess for a key of one number field: when not null, two rows whose data
-    // are both of this type are ordered by their number in slot numberKeySlot() alone, exactly as
-    // keyLess orders them. Null when the operations declare no such shortcut.
-    const RowType* numberKeyType() const noexcept { return numberKeyType_; }
-    std::size_t numberKeySlot() const noexcept { return numberKeySlot_; }
-
-protected:
-    // Declares the shortcut; only for operations whose keyLess orders rows of `type` that way.
-    void numberKeyIs(const RowType* type, std::size_t slot) noexcept {
-        numberKeyType_ = type;
-        numberKeySlot_ = slot;
-    }
-
-private:
-    const RowType* numberKeyType_ = nullptr;
-    std::size_t numberKeySlot_ = 0;
 };
 
 // Orders rows by the key of the index its RowOps were made for.
 class RowOpsKeyLess {
 public:
-    explicit RowOpsKeyLess(std::shared_ptr<const RowOps> ops) noexcept
-        : ops_(std::move(ops)),
-          numberKeyType_(ops_ ? ops_->numberKeyType() : nullptr),
-          numberKeySlot_(ops_ ? ops_->numberKeySlot() : 0) {}
-    bool operator()(const BaseRow& a, const BaseRow& b) const {
-        // Ordered maps compare on every tree level: skip the virtual call where the operations
-        // allow it.
-        const RowData* x = a.data();
-        const RowData* y = b.data();
-        if (numberKeyType_ != nullptr && x != nullptr && y != nullptr && x->type == numberKeyType_ &&
-            y->type == numberKeyType_)
-            return x->numbers[numberKeySlot_] < y->numbers[numberKeySlot_];
-        return ops_->keyLess(a, b);
-    }
-    // The key hash of `row` (RowOps::keyHash), inline for a number key.
-    std::uint64_t hash(const BaseRow& row) const {
-        return hashExact(row) ? mixKey(row.data()->numbers[numberKeySlot_]) : ops_->keyHash(row);
-    }
-    // True when hash(row) is a bijection of the key among rows of `row`'s type, so that two such
-    // rows with equal hashes have equal keys.
-    bool hashExact(const BaseRow& row) const noexcept {
-        const RowData* x = row.data();
-        return numberKeyType_ != nullptr && x != nullptr && x->type == numberKeyType_;
-    }
+    explicit RowOpsKeyLess(std::shared_ptr<const RowOps> ops) noexcept : ops_(std::move(ops)) {}
+    bool operator()(const BaseRow& a, const BaseRow& b) const { return ops_->keyLess(a, b); }
     const std::shared_ptr<const RowOps>& ops() const noexcept { return ops_; }
 
 private:
     std::shared_ptr<const RowOps> ops_;
-    const RowType* numberKeyType_;
-    std::size_t numberKeySlot_;
 };
 
 class VeltaDB {

@@ -18,11 +18,19 @@
 #pragma once
 
 #include <Kesto/DebugSupport.h>
+#include <Velta/Agent/Config.h>
 #include <Velta/BaseRow.h>
-#include <Velta/Agent/RowKeyMap.h>
-#include <Velta/NodePool.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
+
+// The owner map's layout is the one the library was built with (Config.h), never what this
+// compilation happens to find.
+#if VELTA_AGENT_HOST_KEY_HASH
+#if !__has_include(<Velta/HostCapability/KeyHash.h>)
+#error "libSubscriptionHandling was built with the host's key-hash capability: put <Velta/HostCapability/KeyHash.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
+#endif
+#include <Velta/Agent/internal/RowKeyMap.h>
+#endif
 
 #include <array>
 #include <cstddef>
@@ -104,9 +112,14 @@ public:
     };
 
     using InputTables = std::map<std::string, std::shared_ptr<AggregatorInputTable>>;
-    // Ordered by keyLess_; every row event looks its key up, so the map keeps a hash index of its
-    // keys beside the tree, and its nodes come from a pool of their own, one cache line each.
-    using OutputRowOwners = RowKeyMap<std::shared_ptr<AggregatorInputTable>>;
+    // Ordered by keyLess_. Every row event looks its key up: when the host hashes keys, the map
+    // keeps a hash index of its keys beside the tree, and its nodes come from a pool of their own,
+    // one cache line each.
+#if VELTA_AGENT_HOST_KEY_HASH
+    using OutputRowOwners = internal::RowKeyMap<std::shared_ptr<AggregatorInputTable>>;
+#else
+    using OutputRowOwners = std::map<BaseRow, std::shared_ptr<AggregatorInputTable>, RowOpsKeyLess>;
+#endif
 
     // Binds the output modifier to `outputPath` and the metadata observer, both with `bindFlag`,
     // and, when `enabled`, asks the host for the metadata callbacks.

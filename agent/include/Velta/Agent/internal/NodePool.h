@@ -1,3 +1,6 @@
+// Not API: machinery of the agent library (the node storage of the aggregator's owner map),
+// written here because a plug-in brings no third-party library into its host's process.
+//
 // Node storage for ordered containers whose lookups walk one node per tree level.
 //
 // A NodePool hands out slots of one cache line, each aligned to a line, carved from larger blocks;
@@ -19,17 +22,17 @@
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
-#define VELTA_NODE_POOL_ASAN 1
+#define VELTA_AGENT_NODE_POOL_ASAN 1
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)
-#define VELTA_NODE_POOL_ASAN 1
+#define VELTA_AGENT_NODE_POOL_ASAN 1
 #endif
 #endif
-#ifdef VELTA_NODE_POOL_ASAN
+#ifdef VELTA_AGENT_NODE_POOL_ASAN
 #include <sanitizer/asan_interface.h>
 #endif
 
-namespace Velta {
+namespace Velta::Agent::internal {
 
 class NodePool {
 public:
@@ -41,7 +44,7 @@ public:
     NodePool& operator=(const NodePool&) = delete;
     ~NodePool() {
         for (const auto& [block, slots] : blocks_) {
-#ifdef VELTA_NODE_POOL_ASAN
+#ifdef VELTA_AGENT_NODE_POOL_ASAN
             ASAN_UNPOISON_MEMORY_REGION(block, slots * kSlot);
 #else
             (void)slots;
@@ -55,14 +58,14 @@ public:
         if (free_.empty()) grow();
         void* slot = free_.back();
         free_.pop_back();
-#ifdef VELTA_NODE_POOL_ASAN
+#ifdef VELTA_AGENT_NODE_POOL_ASAN
         ASAN_UNPOISON_MEMORY_REGION(slot, kSlot);
 #endif
         return slot;
     }
     // Returns a slot obtained from take() of this pool.
     void give(void* slot) noexcept {
-#ifdef VELTA_NODE_POOL_ASAN
+#ifdef VELTA_AGENT_NODE_POOL_ASAN
         ASAN_POISON_MEMORY_REGION(slot, kSlot);
 #endif
         free_.push_back(slot);  // never allocates: capacity covers every slot (see grow)
@@ -77,7 +80,7 @@ private:
         total_ += slots;
         free_.reserve(total_);
         for (std::size_t i = slots; i-- > 0;) free_.push_back(block + i * kSlot);
-#ifdef VELTA_NODE_POOL_ASAN
+#ifdef VELTA_AGENT_NODE_POOL_ASAN
         ASAN_POISON_MEMORY_REGION(block, slots * kSlot);
 #endif
         nextSlots_ = std::min<std::size_t>(nextSlots_ * 2, 1024);
@@ -124,4 +127,4 @@ private:
     std::shared_ptr<NodePool> pool_;
 };
 
-}  // namespace Velta
+}  // namespace Velta::Agent::internal

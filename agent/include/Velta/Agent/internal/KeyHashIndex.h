@@ -1,3 +1,7 @@
+// Not API: machinery of the agent library (the aggregator's owner map, RowKeyMap.h). It is
+// written here rather than taken from a container library because a plug-in brings no third-party
+// library into its host's process.
+//
 // A hash index beside an ordered container: from the hash of a row key to the container position
 // holding that key, so that exact-key lookups cost one probe instead of one walk down the tree.
 //
@@ -10,31 +14,15 @@
 //   entries back instead of leaving markers), and at most kMaxLoadPercent of the slots are used.
 // - ctrl_[i] is kEmpty exactly when slot i is free; otherwise it is tag(entries_[i].hash).
 // - Growing rehashes from the stored hashes alone: rows are never read for it.
-// - Equal keys have equal hashes. When the owner declares its hashes exact (a bijection of the key,
-//   see mixKey), equal hashes are equal keys and lookups never need to compare rows.
+// - Equal keys have equal hashes. When the owner declares its hashes exact (a bijection of the
+//   key), equal hashes are equal keys and lookups never need to compare rows.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-namespace Velta {
-
-// A bijective 64-bit mix (the finalizer of MurmurHash3): spreads keys that differ in any bit over
-// the low bits used to pick a slot, and keeps distinct keys distinct.
-constexpr std::uint64_t mixKey(std::uint64_t k) noexcept {
-    k ^= k >> 33;
-    k *= 0xff51afd7ed558ccdULL;
-    k ^= k >> 33;
-    k *= 0xc4ceb9fe1a85ec53ULL;
-    k ^= k >> 33;
-    return k;
-}
-
-// Combines the hash of one more key part into a running hash (order-sensitive).
-constexpr std::uint64_t mixInto(std::uint64_t seed, std::uint64_t part) noexcept {
-    return mixKey(seed ^ (part + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2)));
-}
+namespace Velta::Agent::internal {
 
 template <class Pos>
 class KeyHashIndex {
@@ -132,4 +120,4 @@ private:
     std::size_t count_ = 0;
 };
 
-}  // namespace Velta
+}  // namespace Velta::Agent::internal
