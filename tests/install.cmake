@@ -1,5 +1,6 @@
-# Installs the project into a scratch prefix, then builds and runs tests/consumer against it
-# (CMake package), and checks the pkg-config file.
+# Installs the project into a scratch prefix, runs the installed velta-sim from there (no library
+# path set), builds and runs tests/consumer against the prefix (CMake package), and checks that the
+# pkg-config file names the prefix it was installed to.
 set(VELTA_CONSUMER_PREFIX ${CMAKE_BINARY_DIR}/consumer-prefix)
 set(VELTA_CONSUMER_FLAGS "")
 if(VELTA_SANITIZE)
@@ -12,5 +13,6 @@ add_test(NAME install_and_consume
     -DSOURCE=${CMAKE_CURRENT_SOURCE_DIR}/consumer
     -DGENERATOR=${CMAKE_GENERATOR}
     -DFLAGS=${VELTA_CONSUMER_FLAGS}
+    -DEXAMPLE=$<$<TARGET_EXISTS:velta-sim>:${PROJECT_SOURCE_DIR}/examples/aggregation.yaml>
     -P ${CMAKE_CURRENT_SOURCE_DIR}/consumer/check.cmake)
 set_tests_properties(install_and_consume PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE)

@@ -1,4 +1,6 @@
-// Builds a server agent's translator on the installed host and serves one direct-read subscription.
+// Builds a server agent's translator on the installed host and serves one direct-read subscription;
+// an aggregator beside it compiles against the installed headers as the library was built.
+#include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/SubscriptionTranslator.h>
 #include <Velta/Host/Database.h>
 
@@ -24,8 +26,11 @@ int main() {
     sub.queryTextIs("SELECT * FROM velta/data/routes");
     sub.standingIs(true);
     db->write("velta/External/Subscription", sub);
+    Agent::Aggregator aggregator(db->connect({.agentName = "agg", .systemName = "sysA"}), "velta/data/",
+                                 "", "velta/merged", "veMetadata::veTable", false, true, false);
     db->runUntilIdle();
     const auto controls = db->rowCount("velta/veCtrl/subscription");
-    std::cout << "control subscriptions: " << controls << "\n";
-    return controls == 1 ? 0 : 1;
+    const auto inputs = aggregator.inputPaths().size();
+    std::cout << "control subscriptions: " << controls << ", aggregated inputs: " << inputs << "\n";
+    return controls == 1 && inputs == 1 ? 0 : 1;
 }
