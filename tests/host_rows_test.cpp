@@ -120,9 +120,12 @@ TEST(HostRows, OrderIsThePrimaryKeyOrder) {
     }
     EXPECT_EQ(tableKeys, keys);
 
-    // Empty rows come first; veCtrl::subscription orders by system_description, connection_id, tableId.
-    EXPECT_TRUE(External::Subscription() < sub(0, "", 0));
-    EXPECT_FALSE(sub(0, "", 0) < External::Subscription());
+    // A record without data reads as its zero key: the key (0, ""), before (0, "a"). (A map keyed by
+    // records must find one under the other.) veCtrl::subscription orders by system_description,
+    // connection_id, tableId.
+    EXPECT_FALSE(External::Subscription() < sub(0, "", 5));
+    EXPECT_FALSE(sub(0, "", 5) < External::Subscription());
+    EXPECT_TRUE(External::Subscription() < sub(0, "a", 0));
     auto ctrl = [](unsigned sys, unsigned conn, unsigned table) {
         return makeRecord<veCtrl::subscription>({{"system_description", sys}, {"connection_id", conn}, {"tableId", table}});
     };
@@ -228,6 +231,10 @@ TEST(HostRowTypes, ClassDescriptionsAndRowOps) {
     EXPECT_FALSE(less0(b, a));
     EXPECT_TRUE(less1(b, a));  // by oid first
     EXPECT_FALSE(less0(a, a));
+    // A row without data has the type's zero key, in both indexes.
+    const BaseRow zero = makeRow(pairType(), {{"big", 5}});
+    EXPECT_FALSE(less0(BaseRow(), zero) || less0(zero, BaseRow()) || less1(BaseRow(), zero));
+    EXPECT_TRUE(less0(BaseRow(), a) && less1(BaseRow(), a));
     // Cached: asking again gives the same object, no allocation per call.
     EXPECT_EQ(handle->getRowOps("RowsTest::Pair", 0).get(), less0.ops().get());
 

@@ -212,6 +212,7 @@ TEST(KeyHashes, MixIsABijectionThatSpreadsAndEqualKeysHashEqual) {
     const BaseRow t = makeRow(twinType(), {{"k", 77}});
     EXPECT_EQ(numHash.hash(n), mixKey(77));
     EXPECT_EQ(numHash.hash(t), mixKey(77));  // the real collision the owner map must survive
+    EXPECT_EQ(numHash.hash(BaseRow()), mixKey(0));  // a row without data has the zero key
     EXPECT_EQ(dynamic_cast<const HostCapability::KeyHashing&>(*numOps).keyHash(n), mixKey(77));
     EXPECT_TRUE(numHash.exact(n));
     EXPECT_FALSE(numHash.exact(t));

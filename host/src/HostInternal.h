@@ -50,8 +50,10 @@ const RowType* typeById(unsigned id);
 // Cached row operations for (type, index); `type` may be null (rows ordered by type id, then key).
 std::shared_ptr<const RowOps> rowOpsFor(const RowType* type, unsigned char index);
 
-// Order of two rows in `index`: empty rows first, then by type id, then by key.
-int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index) noexcept;
+// Order of two rows in `index`: rows of one type by their keys, rows of different types by type
+// id. A row without data reads as a row of `emptyAs` whose every field is zero, false or empty; with
+// `emptyAs` null it comes before every row with data.
+int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index, const RowType* emptyAs) noexcept;
 
 }  // namespace Velta::Host::internal
 

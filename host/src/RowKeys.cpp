@@ -47,6 +47,22 @@ int compareOidKey(const RowType& type, const RowData& a, const RowData& b) noexc
     return compareKey(type, a, b);
 }
 
+bool keyIsZero(const RowType& type, const RowData& row, unsigned char index) noexcept {
+    if (index != 0 && type.oidField() >= 0 && row.number(static_cast<std::size_t>(type.oidField())) != 0)
+        return false;
+    for (const std::uint16_t k : type.keyFields()) {
+        const RowType::Field& f = type.fields()[k];
+        if (isNumberKind(f.kind)) {
+            if (row.numbers[f.slot] != 0) return false;
+        } else if (f.kind == FieldKind::string) {
+            if (!row.strings[f.slot].empty()) return false;
+        } else if (!row.lists[f.slot].empty()) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::uint64_t hashKey(const RowType& type, const RowData& row) noexcept {
     if (keyHashExact(type))
         return HostCapability::mixKey(row.numbers[type.fields()[type.keyFields().front()].slot]);

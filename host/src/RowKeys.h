@@ -18,6 +18,9 @@ namespace Velta::Host::internal {
 int compareKey(const RowType& type, const RowData& a, const RowData& b) noexcept;
 // Index 1 order: oid, then primary key.
 int compareOidKey(const RowType& type, const RowData& a, const RowData& b) noexcept;
+// True when `row`'s key in `index` is the one a row without data reads as: every key field (and
+// for index 1 the oid) zero, false or empty, the least key of the type.
+bool keyIsZero(const RowType& type, const RowData& row, unsigned char index) noexcept;
 // Hash of the primary key.
 std::uint64_t hashKey(const RowType& type, const RowData& row) noexcept;
 // True when hashKey is a bijection of the key, so that equal hashes mean equal keys.

@@ -22,7 +22,8 @@ namespace {
 // implement the key-hash capability beside the interface's key comparison.
 class TypeRowOps final : public RowOps, public HostCapability::KeyHashing {
 public:
-    TypeRowOps(const RowType* type, unsigned char index) noexcept : type_(type), index_(index) {
+    TypeRowOps(const RowType* type, unsigned char index)
+        : type_(type), index_(index), zero_(type != nullptr ? BaseRow(*type) : BaseRow()) {
         // A primary key of one number field compares as two loads: the common case of the
         // aggregator's owner map, where this comparison runs on every row event.
         if (type_ != nullptr && index_ == 0 && type_->keyFields().size() == 1) {
@@ -40,11 +41,12 @@ public:
             if (numberKeySlot_ >= 0) return x->numbers[numberKeySlot_] < y->numbers[numberKeySlot_];
             return (index_ == 0 ? compareKey(*type_, *x, *y) : compareOidKey(*type_, *x, *y)) < 0;
         }
-        return compareRows(a, b, index_) < 0;
+        return compareRows(a, b, index_, type_) < 0;
     }
     std::uint64_t keyHash(const BaseRow& row) const override {
-        // Rows of different types never have equal keys, so each is hashed by its own type.
-        const RowData* x = row.data();
+        // Rows of different types never have equal keys, so each is hashed by its own type. A row
+        // without data has the zero key of the operations' type.
+        const RowData* x = row.data() != nullptr ? row.data() : zero_.data();
         if (x == nullptr) return 0;
         const std::uint64_t key = hashKey(*x->type, *x);
         if (index_ == 0) return key;
@@ -55,6 +57,7 @@ public:
 private:
     const RowType* type_;
     unsigned char index_;
+    BaseRow zero_;  // of type_, every field zero, false or empty (empty without a type)
     int numberKeySlot_ = -1;
 };
 
@@ -127,10 +130,21 @@ std::shared_ptr<const RowOps> rowOpsFor(const RowType* type, unsigned char index
     return slot;
 }
 
-int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index) noexcept {
+int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index, const RowType* emptyAs) noexcept {
     const RowData* x = a.data();
     const RowData* y = b.data();
-    if (x == nullptr || y == nullptr) return (x != nullptr) - (y != nullptr);
+    if (x == nullptr || y == nullptr) {
+        if (x == y) return 0;
+        if (emptyAs == nullptr) return x != nullptr ? 1 : -1;
+        // The row with data against the zero key of emptyAs, which is the least key of that type.
+        const RowData* d = x != nullptr ? x : y;
+        int c;
+        if (d->type != emptyAs)
+            c = d->type->id() < emptyAs->id() ? -1 : 1;
+        else
+            c = keyIsZero(*emptyAs, *d, index) ? 0 : 1;
+        return x != nullptr ? c : -c;
+    }
     if (x->type != y->type) return x->type->id() < y->type->id() ? -1 : 1;
     return index == 0 ? compareKey(*x->type, *x, *y) : compareOidKey(*x->type, *x, *y);
 }
@@ -191,7 +205,17 @@ const RowType& builtinRowType(BuiltinRow which) {
     return *t;
 }
 
-bool keyLess(const BaseRow& a, const BaseRow& b) noexcept { return Host::internal::compareRows(a, b, 0) < 0; }
+bool keyLess(const BaseRow& a, const BaseRow& b) noexcept {
+    return Host::internal::compareRows(a, b, 0, a.empty() ? b.rowType() : a.rowType()) < 0;
+}
+
+namespace {
+// A record's order: a record without data reads as its zero key, like any field it lacks.
+template <class R>
+bool recordLess(const R& a, const R& b) noexcept {
+    return Host::internal::compareRows(a, b, 0, &R::type()) < 0;
+}
+}  // namespace
 
 BaseRow VeltaDB::veClass(const std::string& name) {
     const RowType* t = Host::findRowType(name);
@@ -207,23 +231,23 @@ BaseRow VeltaDB::veClass(const std::string& name) {
 }
 
 namespace External {
-bool operator<(const Subscription& a, const Subscription& b) noexcept { return keyLess(a, b); }
+bool operator<(const Subscription& a, const Subscription& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const Subscription& row) { return os << row.toString(); }
-bool operator<(const Publication& a, const Publication& b) noexcept { return keyLess(a, b); }
+bool operator<(const Publication& a, const Publication& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const Publication& row) { return os << row.toString(); }
 }  // namespace External
 
 namespace veCtrl {
-bool operator<(const subscription& a, const subscription& b) noexcept { return keyLess(a, b); }
+bool operator<(const subscription& a, const subscription& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const subscription& row) { return os << row.toString(); }
-bool operator<(const publication& a, const publication& b) noexcept { return keyLess(a, b); }
+bool operator<(const publication& a, const publication& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const publication& row) { return os << row.toString(); }
 }  // namespace veCtrl
 
 namespace veMetadata {
-bool operator<(const veTable& a, const veTable& b) noexcept { return keyLess(a, b); }
+bool operator<(const veTable& a, const veTable& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const veTable& row) { return os << row.toString(); }
-bool operator<(const SystemDescription& a, const SystemDescription& b) noexcept { return keyLess(a, b); }
+bool operator<(const SystemDescription& a, const SystemDescription& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const SystemDescription& row) { return os << row.toString(); }
 }  // namespace veMetadata
 

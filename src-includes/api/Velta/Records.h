@@ -181,7 +181,7 @@ public:
     void ptimeIs(const std::uint64_t& value) { numberSlot(12) = static_cast<std::uint64_t>(value); }
 };
 
-// Primary-key order (empty rows first).
+// Primary-key order; a record without data reads as its zero, false or empty key.
 bool operator<(const Subscription& a, const Subscription& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const Subscription& row);
 
@@ -215,7 +215,7 @@ public:
     void ptimeIs(const std::uint64_t& value) { numberSlot(8) = static_cast<std::uint64_t>(value); }
 };
 
-// Primary-key order (empty rows first).
+// Primary-key order; a record without data reads as its zero, false or empty key.
 bool operator<(const Publication& a, const Publication& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const Publication& row);
 
@@ -248,7 +248,7 @@ public:
     void ptimeIs(const std::uint64_t& value) { numberSlot(8) = static_cast<std::uint64_t>(value); }
 };
 
-// Primary-key order (empty rows first).
+// Primary-key order; a record without data reads as its zero, false or empty key.
 bool operator<(const subscription& a, const subscription& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const subscription& row);
 
@@ -288,7 +288,7 @@ public:
     }
 };
 
-// Primary-key order (empty rows first).
+// Primary-key order; a record without data reads as its zero, false or empty key.
 bool operator<(const publication& a, const publication& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const publication& row);
 
@@ -311,7 +311,7 @@ public:
     void ownerIs(const std::string& value) { stringSlot(3) = value; }
 };
 
-// Primary-key order (empty rows first).
+// Primary-key order; a record without data reads as its zero, false or empty key.
 bool operator<(const veTable& a, const veTable& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const veTable& row);
 
@@ -334,7 +334,7 @@ public:
     void propertiesIs(const std::uint32_t& value) { numberSlot(3) = static_cast<std::uint64_t>(value); }
 };
 
-// Primary-key order (empty rows first).
+// Primary-key order; a record without data reads as its zero, false or empty key.
 bool operator<(const SystemDescription& a, const SystemDescription& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const SystemDescription& row);
 
@@ -355,7 +355,8 @@ public:
 };
 }  // namespace veMetadata
 
-// Primary-key comparison of two rows of the same type (empty rows first).
+// Primary-key comparison of two rows of the same type; a row without data reads as the other's
+// type with every field zero, false or empty.
 bool keyLess(const BaseRow& a, const BaseRow& b) noexcept;
 
 }  // namespace Velta
