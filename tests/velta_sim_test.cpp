@@ -279,6 +279,26 @@ steps:
               std::vector<std::string>{"step 5 (line 15) expect_rows: did not settle after 500 callbacks"});
 }
 
+TEST(VeltaSimRun, CompleteQueryFailsWhenNoDefinerOfTheTextIsLeft) {
+    const Scenario s = parsed(R"(
+host: {auto_publish: true, queries: manual}
+agents:
+  - {name: srv, system: sysA, server_agent: true}
+steps:
+  - start: {agent: srv, translator: true}
+  - write: {table: velta/metadata/SystemDescription, row: {oid: 1, sysName: sysA, agentName: cli, properties: 1}}
+  - write: {table: velta/External/Subscription, row: {oid: 7, system_description: 1, outputPath: velta/out/q7,
+            typeName: veMetadata::veTable, queryText: "SELECT tablePath FROM velta/out/q7", standing: true}}
+  - run
+  - stop: {agent: srv, translator: true}
+  - complete_query: {text: "SELECT tablePath FROM velta/out/q7"}
+)");
+    EXPECT_EQ(failureLines(VeltaSim::runScenario(s, RunOptions{}).failures),
+              (std::vector<std::string>{"step 6 (line 12) complete_query: no pending query with text SELECT tablePath FROM "
+                                        "velta/out/q7 whose completion can still be delivered",
+                                        "+ pending: SELECT tablePath FROM velta/out/q7   (its agent object was stopped)"}));
+}
+
 TEST(VeltaSimRun, ChildRunsReportAssertionsAsExpectedOrAsFailures) {
     const std::string body = "agents:\n  - {name: plain, system: sysA}\nsteps:\n"
                              "  - expect_rows: {table: velta/veCtrl/subscription, rows: [{oid: 1}]}\n"

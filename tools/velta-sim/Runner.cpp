@@ -374,11 +374,15 @@ private:
     }
     bool perform(const Step& step, const CompleteQuery& s) {
         if (db_->completeQuery(s.text, s.ok, s.error)) return true;
+        // A query whose agent object was stopped stays pending for ever: its completion would reach
+        // nobody, so the host does not count it.
         std::vector<std::string> details;
         for (const auto& q : db_->queries())
-            if (q.state == Velta::Host::QueryInfo::State::pending) details.push_back("+ pending: " + yamlText(q.text));
+            if (q.state == Velta::Host::QueryInfo::State::pending)
+                details.push_back("+ pending: " + yamlText(q.text) + (q.definerGone ? "   (its agent object was stopped)" : ""));
         if (details.empty()) details.push_back("+ no query is pending");
-        fail(step, "no pending query with text " + yamlText(s.text), std::move(details));
+        fail(step, "no pending query with text " + yamlText(s.text) + " whose completion can still be delivered",
+             std::move(details));
         return true;
     }
     bool perform(const Step&, const ClearTraces&) {
