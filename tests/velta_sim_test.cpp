@@ -405,13 +405,19 @@ steps:
             output: velta/out/routes, row_type: Sim::Route}
   - run
   - dump: {table: velta/in/a/routes}
+  - write: {table: velta/out/routes, row: {prefix: p3}}
+  - expect_rows: {table: velta/out/routes, rows: [{prefix: p1, from: velta/in/a/routes}, {prefix: p2, from: velta/in/b/routes},
+                                                  {prefix: p3, from: ""}]}
+  - expect_row: {table: velta/out/routes, key: {prefix: p2}, row: {from: velta/in/a/routes}}
 )");
     RunOptions options;
     options.timeline = true;
     options.dump = true;
     options.trace = true;
     const VeltaSim::RunResult result = VeltaSim::runScenario(s, options);
-    ASSERT_TRUE(result.failures.empty()) << ::testing::PrintToString(failureLines(result.failures));
+    EXPECT_EQ(failureLines(result.failures),
+              (std::vector<std::string>{"step 10 (line 22) expect_row: velta/out/routes: the row with key {prefix: p2} differs",
+                                        "- {from: velta/in/a/routes}", "+ {prefix: p2, from: velta/in/b/routes}"}));
     const std::string& v = result.views;
     auto has = [&v](const std::string& text) { return v.find(text) != std::string::npos; };
     EXPECT_TRUE(has("step 3 (line 13): write velta/in/a/routes\n  write velta/in/a/routes {prefix: p1, nexthop: a}\n")) << v;
@@ -422,11 +428,12 @@ steps:
                     "    prefix  nexthop\n    ------  -------\n    p1      a\n")) << v;
     // At the end, the output table names the input that supplies each row; columns are as wide as
     // their texts show (a combining mark takes no column, a wide character two).
-    EXPECT_TRUE(has("  table velta/out/routes (Sim::Route, 2 rows)\n"
+    EXPECT_TRUE(has("  table velta/out/routes (Sim::Route, 3 rows)\n"
                     "    prefix  nexthop  tags  <- input\n"
                     "    ------  -------  ----  -----------------\n"
                     "    p1      a        []    velta/in/a/routes\n"
-                    "    p2      b e\u0301漢    [t]   velta/in/b/routes\n")) << v;
+                    "    p2      b e\u0301漢    [t]   velta/in/b/routes\n"
+                    "    p3      \"\"       []    (none)\n")) << v;
 }
 
 TEST(VeltaSimReport, TextAndJsonCarryTheSameFacts) {

@@ -161,6 +161,7 @@ std::string formatSpec(const RowSpec& listed) {
         if (out.size() > 1) out += ", ";
         out += listed.type->fields()[v.field].name + ": " + formatSpecValue(listed, v);
     }
+    if (listed.from) out += (out.size() > 1 ? ", from: " : "from: ") + yamlText(*listed.from);
     return out + "}";
 }
 

@@ -9,6 +9,7 @@
 #include <Velta/Host/Debug.h>
 #include <Velta/Host/ForwardingVeltaDB.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <unordered_map>
@@ -399,17 +400,14 @@ private:
 
     bool perform(const Step& step, const ExpectRows& s) {
         const std::vector<BaseRow> found = db_->rows(s.path);
-        bool same = found.size() == s.rows.size();
-        for (std::size_t i = 0; same && i < found.size(); ++i) same = matches(found[i], s.rows[i]);
-        if (same) return true;
+        auto same = [&](const RowSpec& listed, const BaseRow& row) { return holds(s.path, row, listed); };
+        bool equal = found.size() == s.rows.size();
+        for (std::size_t i = 0; equal && i < found.size(); ++i) equal = same(s.rows[i], found[i]);
+        if (equal) return true;
         std::vector<const RowSpec*> specs;
         for (const RowSpec& listed : s.rows) specs.push_back(&listed);
-        auto showFound = [&](const BaseRow& row) {
-            return formatFields(row, specs.empty() ? keyAndSetFields(row) : fieldsNamed(row, specs));
-        };
-        auto diff = diffLines(
-            s.rows, found, [](const RowSpec& listed, const BaseRow& row) { return matches(row, listed); },
-            [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
+        auto showFound = [&](const BaseRow& row) { return shown(s.path, row, specs); };
+        auto diff = diffLines(s.rows, found, same, [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
         const std::string message =
             found.size() == s.rows.size()
                 ? s.path + ": the rows differ"
@@ -424,15 +422,14 @@ private:
         const std::string key = formatSpec(s.key);
         if (!s.row) {
             if (!found.empty())
-                fail(step, s.path + ": the row with key " + key + " was expected absent",
-                     {"+ " + formatFields(found, keyAndSetFields(found))});
+                fail(step, s.path + ": the row with key " + key + " was expected absent", {"+ " + shown(s.path, found, {})});
             return true;
         }
         if (found.empty()) {
             fail(step, s.path + ": no row with key " + key, {"- " + formatSpec(*s.row), "+ (no row)"});
-        } else if (!matches(found, *s.row)) {
+        } else if (!holds(s.path, found, *s.row)) {
             fail(step, s.path + ": the row with key " + key + " differs",
-                 {"- " + formatSpec(*s.row), "+ " + formatFields(found, fieldsNamed(found, {&*s.row}))});
+                 {"- " + formatSpec(*s.row), "+ " + shown(s.path, found, {&*s.row})});
         }
         return true;
     }
@@ -540,13 +537,35 @@ private:
         return true;
     }
 
-    // Provenance: the aggregators writing `path`, for the column that names each row's input.
-    std::vector<const Aggregator*> aggregatorsOf(const std::string& path) const {
-        std::vector<const Aggregator*> out;
+    // Provenance: the input that supplies `row` of `path` as an aggregator writing that table reports
+    // it; "" when no running aggregator names one.
+    std::string sourceOf(const std::string& path, const BaseRow& row) const {
         for (const auto& [name, objects] : agents_)
             for (const auto& [id, aggregator] : objects.aggregators)
-                if (aggregator->outputPath() == path) out.push_back(aggregator.get());
-        return out;
+                if (aggregator->outputPath() == path)
+                    if (std::string source = aggregator->outputRowSource(row); !source.empty()) return source;
+        return std::string();
+    }
+    bool writtenByAggregator(const std::string& path) const {
+        for (const auto& [name, objects] : agents_)
+            for (const auto& [id, aggregator] : objects.aggregators)
+                if (aggregator->outputPath() == path) return true;
+        return false;
+    }
+
+    // True when `row` has the values `listed` names, and the source it names if it names one.
+    bool holds(const std::string& path, const BaseRow& row, const RowSpec& listed) const {
+        return matches(row, listed) && (!listed.from || *listed.from == sourceOf(path, row));
+    }
+    // A found row as a diff shows it: the fields `specs` name (with none, its key and set fields),
+    // and its source when one of them names a source.
+    std::string shown(const std::string& path, const BaseRow& row, const std::vector<const RowSpec*>& specs) const {
+        std::string text = formatFields(row, specs.empty() ? keyAndSetFields(row) : fieldsNamed(row, specs));
+        const bool withSource =
+            std::any_of(specs.begin(), specs.end(), [](const RowSpec* listed) { return listed->from.has_value(); });
+        if (withSource && !row.empty())
+            text.insert(text.size() - 1, (text.size() > 2 ? ", from: " : "from: ") + yamlText(sourceOf(path, row)));
+        return text;
     }
 
     void dumpTable(const std::string& path, bool evenEmpty) {
@@ -561,13 +580,10 @@ private:
              (rows.size() == 1 ? " row)\n" : " rows)\n"));
         if (rows.empty()) return;
         ExtraColumn provenance;
-        const auto aggregators = aggregatorsOf(path);
-        if (!aggregators.empty()) {
+        if (writtenByAggregator(path)) {
             provenance.header = "<- input";
             for (const BaseRow& row : rows) {
-                std::string source;
-                for (const Aggregator* aggregator : aggregators)
-                    if (source.empty()) source = aggregator->outputRowSource(row);
+                const std::string source = sourceOf(path, row);
                 provenance.cells.push_back(source.empty() ? "(none)" : source);
             }
         }

@@ -423,7 +423,10 @@ private:
         return value;
     }
 
-    RowSpec rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context) {
+    // A row of a step. An expected row (`expected`) may also name `from`, the input expected to
+    // supply it, unless its type has a field of that name.
+    RowSpec rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
+                    bool expected = false) {
         if (!node.IsMap())
             fail(node, "expected a map of field: value for " + context + " (a " + type.name() + " row), found " + nodeKind(node));
         RowSpec listed;
@@ -434,6 +437,10 @@ private:
             const std::string fieldName = text(it->first, "a field name");
             if (!seen.insert(fieldName).second) fail(it->first, "duplicate field " + quoted(fieldName) + " in " + context);
             const int index = type.fieldIndex(fieldName);
+            if (index < 0 && expected && fieldName == "from") {
+                listed.from = text(it->second, "'from'");
+                continue;
+            }
             if (index < 0)
                 fail(it->first, quoted(fieldName) + " is not a field of " + type.name() +
                                     suggestion(fieldName, fieldNames(type)) + "; fields are: " + joined(fieldNames(type)));
@@ -442,10 +449,11 @@ private:
         return listed;
     }
 
-    std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type, const std::string& context) {
+    std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
+                                 bool expected = false) {
         if (!node.IsSequence()) fail(node, "expected a list of rows for " + context + ", found " + nodeKind(node));
         std::vector<RowSpec> rows;
-        for (const YAML::Node& item : node) rows.push_back(rowSpec(item, type, "a row of " + context));
+        for (const YAML::Node& item : node) rows.push_back(rowSpec(item, type, "a row of " + context, expected));
         return rows;
     }
 
@@ -566,7 +574,7 @@ private:
         if (keyword == "expect_rows") {
             const MapView m(body, context, {"table", "rows"});
             const auto [path, type] = tableRef(m.need("table"), "'table'");
-            return ExpectRows{path, rowList(m.need("rows"), *type, "'rows'")};
+            return ExpectRows{path, rowList(m.need("rows"), *type, "'rows'", true)};
         }
         if (keyword == "expect_row") {
             const MapView m(body, context, {"table", "key", "row", "absent"});
@@ -577,7 +585,7 @@ private:
             const YAML::Node* row = m.get("row");
             const YAML::Node* absent = m.get("absent");
             if ((row == nullptr) == (absent == nullptr)) fail(body, context + " needs either 'row' or 'absent: true'");
-            if (row != nullptr) step.row = rowSpec(*row, *type, "'row'");
+            if (row != nullptr) step.row = rowSpec(*row, *type, "'row'", true);
             else if (!boolean(*absent, "'absent'")) fail(*absent, "'absent' can only be true; give 'row' to expect a row");
             return step;
         }

@@ -38,6 +38,9 @@ struct FieldValue {
 struct RowSpec {
     const Velta::RowType* type = nullptr;  // a built-in record type or a RowTypeDef's private copy
     std::vector<FieldValue> values;
+    // Expected rows only: the input table expected to supply the row in its aggregator's output
+    // ("" for none), as Aggregator::outputRowSource reports it.
+    std::optional<std::string> from;
     Mark mark;
 };
 
