@@ -1,7 +1,6 @@
 #include "Format.h"
 
-#include <locale.h>
-#include <wchar.h>
+#include "Text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -72,37 +71,6 @@ std::string yamlText(const std::string& text) {
         }
     }
     return out + "\"";
-}
-
-std::size_t displayWidth(std::string_view text) {
-    // The C library knows the width of each character (wide East Asian ones 2, combining marks
-    // 0) under a UTF-8 locale; the text is decoded here so that no process locale is touched.
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
-    std::size_t width = 0;
-    for (std::size_t i = 0; i < text.size();) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        const std::size_t length = lead < 0x80 ? 1 : (lead & 0xe0) == 0xc0 ? 2 : (lead & 0xf0) == 0xe0 ? 3 : (lead & 0xf8) == 0xf0 ? 4 : 0;
-        char32_t code = length == 1 ? lead : lead & (0x7f >> length);
-        bool valid = length != 0 && i + length <= text.size();
-        for (std::size_t k = 1; valid && k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            valid = (next & 0xc0) == 0x80;
-            code = (code << 6) | (next & 0x3f);
-        }
-        if (!valid || length == 1 || utf8 == nullptr) {
-            // ASCII, a byte that starts no character (one column, as a terminal shows it), or no
-            // character widths to ask.
-            width += 1;
-            i += valid ? length : 1;
-            continue;
-        }
-        const locale_t previous = uselocale(utf8);
-        const int columns = wcwidth(static_cast<wchar_t>(code));
-        uselocale(previous);
-        width += columns < 0 ? 1 : static_cast<std::size_t>(columns);
-        i += length;
-    }
-    return width;
 }
 
 std::string formatValue(const BaseRow& row, std::size_t field) {

@@ -9,16 +9,12 @@
 
 #include <algorithm>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace VeltaSim {
 
 // A text as a YAML flow scalar: plain when that reads back the same, else double-quoted.
 std::string yamlText(const std::string& text);
-// The columns `text` takes on a terminal: UTF-8 characters, wide East Asian ones counting 2 and
-// combining marks 0.
-std::size_t displayWidth(std::string_view text);
 // One field of a row: decimal number, true/false, text, or [a, b] for a list.
 std::string formatValue(const Velta::BaseRow& row, std::size_t field);
 // "{name: value, ...}" for the given fields of `row`, in the order given.

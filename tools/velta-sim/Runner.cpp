@@ -123,18 +123,23 @@ std::string traceText(const Velta::Host::TraceRecord& r) { return Velta::Host::t
 
 std::string describe(const Step& step) {
     struct Describer {
-        std::string operator()(const StartTranslator& s) const { return "start translator on " + s.agent; }
-        std::string operator()(const StartAggregator& s) const {
-            return "start aggregator " + s.id + " on " + s.agent + " (" + s.inputPrefix + "*" + s.inputSuffix + " -> " +
-                   s.output + ")";
+        std::string operator()(const Start& s) const {
+            const AgentObject& o = s.object;
+            if (o.aggregator.empty()) return "start translator on " + o.agent;
+            return "start aggregator " + o.aggregator + " on " + o.agent + " (" + s.inputPrefix + "*" + s.inputSuffix +
+                   " -> " + s.output + ")";
         }
-        std::string operator()(const StopTranslator& s) const { return "stop translator on " + s.agent; }
-        std::string operator()(const StopAggregator& s) const { return "stop aggregator " + s.id + " on " + s.agent; }
-        std::string operator()(const CallTranslator& s) const { return "call clean on translator of " + s.agent; }
-        std::string operator()(const CallAggregator& s) const {
-            static const char* const names[] = {"enableIs", "suppressResyncIs", "scheduledIs", "outputBlocked"};
+        std::string operator()(const Stop& s) const {
+            const AgentObject& o = s.object;
+            if (o.aggregator.empty()) return "stop translator on " + o.agent;
+            return "stop aggregator " + o.aggregator + " on " + o.agent;
+        }
+        std::string operator()(const Call& s) const {
+            const AgentObject& o = s.object;
+            if (o.aggregator.empty()) return "call clean on translator of " + o.agent;
+            static const char* const names[] = {"clean", "enableIs", "suppressResyncIs", "scheduledIs", "outputBlocked"};
             return std::string("call ") + names[static_cast<int>(s.op)] + "(" + (s.value ? "true" : "false") + ")" +
-                   (s.input.empty() ? "" : " on input " + s.input) + " of aggregator " + s.id + " on " + s.agent;
+                   (s.input.empty() ? "" : " on input " + s.input) + " of aggregator " + o.aggregator + " on " + o.agent;
         }
         std::string operator()(const CreateTable& s) const { return "create_table " + s.path + " (" + s.type + ")"; }
         std::string operator()(const DropTable& s) const { return "drop_table " + s.path; }
@@ -148,10 +153,9 @@ std::string describe(const Step& step) {
         std::string operator()(const ExpectRows& s) const { return "expect_rows " + s.path; }
         std::string operator()(const ExpectRow& s) const { return "expect_row " + s.path + " " + formatSpec(s.key); }
         std::string operator()(const ExpectCalls&) const { return "expect_calls"; }
-        std::string operator()(const ExpectTrace& s) const {
-            return std::string(s.negated ? "expect_no_trace " : "expect_trace ") + s.channel + "[" +
-                   std::to_string(s.level) + "]";
-        }
+        std::string operator()(const ExpectTrace& s) const { return "expect_trace " + patternText(s.pattern); }
+        std::string operator()(const ExpectNoTrace& s) const { return "expect_no_trace " + patternText(s.pattern); }
+        static std::string patternText(const TracePattern& p) { return p.channel + "[" + std::to_string(p.level) + "]"; }
         std::string operator()(const ExpectRegistry& s) const { return "expect_registry on " + s.agent; }
         std::string operator()(const ExpectExternalId& s) const { return "expect_external_id on " + s.agent; }
     };
@@ -310,40 +314,40 @@ private:
         return std::visit([&](const auto& action) { return perform(step, action); }, step.action);
     }
 
-    bool perform(const Step&, const StartTranslator& s) {
-        agents_[s.agent].translator = std::make_unique<SubscriptionTranslator>(handleFor(s.agent, s.agent));
-        return true;
-    }
-    bool perform(const Step&, const StartAggregator& s) {
-        agents_[s.agent].aggregators[s.id] =
-            std::make_unique<Aggregator>(handleFor(s.agent, s.agent + "/" + s.id), s.inputPrefix, s.inputSuffix,
+    bool perform(const Step&, const Start& s) {
+        const AgentObject& o = s.object;
+        if (o.aggregator.empty()) {
+            agents_[o.agent].translator = std::make_unique<SubscriptionTranslator>(handleFor(o.agent, o.agent));
+            return true;
+        }
+        agents_[o.agent].aggregators[o.aggregator] =
+            std::make_unique<Aggregator>(handleFor(o.agent, o.agent + "/" + o.aggregator), s.inputPrefix, s.inputSuffix,
                                          s.output, s.rowType, s.deleteWithoutReplacement, s.enabled, s.bindFlag);
         return true;
     }
-    bool perform(const Step&, const StopTranslator& s) {
-        agents_[s.agent].translator.reset();
+    bool perform(const Step&, const Stop& s) {
+        if (s.object.aggregator.empty()) agents_[s.object.agent].translator.reset();
+        else agents_[s.object.agent].aggregators.erase(s.object.aggregator);
         return true;
     }
-    bool perform(const Step&, const StopAggregator& s) {
-        agents_[s.agent].aggregators.erase(s.id);
-        return true;
-    }
-    bool perform(const Step&, const CallTranslator& s) {
-        agents_[s.agent].translator->clean();
-        return true;
-    }
-    bool perform(const Step& step, const CallAggregator& s) {
-        Aggregator& aggregator = *agents_[s.agent].aggregators.at(s.id);
+    bool perform(const Step& step, const Call& s) {
+        const AgentObject& o = s.object;
+        if (s.op == Call::Op::clean) {
+            agents_[o.agent].translator->clean();
+            return true;
+        }
+        Aggregator& aggregator = *agents_[o.agent].aggregators.at(o.aggregator);
         switch (s.op) {
-            case CallAggregator::Op::enableIs: aggregator.enableIs(s.value); break;
-            case CallAggregator::Op::suppressResyncIs: aggregator.suppressResyncIs(s.value); break;
-            case CallAggregator::Op::scheduledIs: aggregator.scheduledIs(s.value); break;
-            case CallAggregator::Op::outputBlocked: {
+            case Call::Op::clean: break;
+            case Call::Op::enableIs: aggregator.enableIs(s.value); break;
+            case Call::Op::suppressResyncIs: aggregator.suppressResyncIs(s.value); break;
+            case Call::Op::scheduledIs: aggregator.scheduledIs(s.value); break;
+            case Call::Op::outputBlocked: {
                 const auto input = aggregator.inputTable(s.input);
                 if (!input) {
                     std::vector<std::string> details;
                     for (const std::string& path : aggregator.inputPaths()) details.push_back("  input " + path);
-                    fail(step, "aggregator " + s.id + " has no input table " + s.input, std::move(details));
+                    fail(step, "aggregator " + o.aggregator + " has no input table " + s.input, std::move(details));
                     break;
                 }
                 input->outputBlocked(s.value);
@@ -459,38 +463,45 @@ private:
     }
     std::size_t callsSeenStep_ = 0;
 
-    static bool traceMatches(const Velta::Host::TraceRecord& r, const ExpectTrace& s) {
-        if (r.channel != s.channel || r.level != s.level) return false;
-        if (s.text && r.message != *s.text) return false;
-        if (s.contains && r.message.find(*s.contains) == std::string::npos) return false;
-        if (s.line && r.line != *s.line) return false;
-        if (s.function && r.function != *s.function) return false;
+    static bool traceMatches(const Velta::Host::TraceRecord& r, const TracePattern& p) {
+        if (r.channel != p.channel || r.level != p.level) return false;
+        if (p.text && r.message != *p.text) return false;
+        if (p.contains && r.message.find(*p.contains) == std::string::npos) return false;
+        if (p.line && r.line != *p.line) return false;
+        if (p.function && r.function != *p.function) return false;
+        return true;
+    }
+
+    static std::string wantedText(const TracePattern& p) {
+        std::string wanted = p.channel + "[" + std::to_string(p.level) + "] " +
+                             (p.text ? yamlText(*p.text) : "containing " + yamlText(*p.contains));
+        if (p.line) wanted += " at line " + std::to_string(*p.line);
+        if (p.function) wanted += " in " + *p.function;
+        return wanted;
+    }
+
+    bool perform(const Step& step, const ExpectNoTrace& s) {
+        std::vector<std::string> details;
+        for (const auto& r : capture_->records())
+            if (traceMatches(r, s.pattern)) details.push_back("+ " + traceText(r));
+        if (!details.empty()) fail(step, "unexpected trace " + wantedText(s.pattern), std::move(details));
         return true;
     }
 
     bool perform(const Step& step, const ExpectTrace& s) {
+        const TracePattern& p = s.pattern;
         const auto& records = capture_->records();
-        std::string wanted = s.channel + "[" + std::to_string(s.level) + "] " +
-                             (s.text ? yamlText(*s.text) : "containing " + yamlText(*s.contains));
-        if (s.line) wanted += " at line " + std::to_string(*s.line);
-        if (s.function) wanted += " in " + *s.function;
-        if (s.negated) {
-            std::vector<std::string> details;
-            for (const auto& r : records)
-                if (traceMatches(r, s)) details.push_back("+ " + traceText(r));
-            if (!details.empty()) fail(step, "unexpected trace " + wanted, std::move(details));
-            return true;
-        }
         for (const auto& r : records)
-            if (traceMatches(r, s)) return true;
+            if (traceMatches(r, p)) return true;
         // Show what was captured instead: of the same level if any, else of the channel; the
         // latest ones, which are the likeliest to be the one meant.
         std::vector<const Velta::Host::TraceRecord*> candidates;
         for (const auto& r : records)
-            if (r.channel == s.channel && r.level == s.level) candidates.push_back(&r);
+            if (r.channel == p.channel && r.level == p.level) candidates.push_back(&r);
         if (candidates.empty())
             for (const auto& r : records)
-                if (r.channel == s.channel) candidates.push_back(&r);
+                if (r.channel == p.channel) candidates.push_back(&r);
+        const std::string wanted = wantedText(p);
         std::vector<std::string> details{"- " + wanted};
         const std::size_t limit = 12;
         if (candidates.size() > limit) {
@@ -498,7 +509,7 @@ private:
             candidates.erase(candidates.begin(), candidates.end() - static_cast<std::ptrdiff_t>(limit));
         }
         for (const auto* r : candidates) details.push_back("+ " + traceText(*r));
-        if (candidates.empty()) details.push_back("+ (no trace of channel " + s.channel + " captured)");
+        if (candidates.empty()) details.push_back("+ (no trace of channel " + p.channel + " captured)");
         fail(step, "no trace " + wanted, std::move(details));
         return true;
     }
