@@ -3,7 +3,7 @@
 #include "Text.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <string_view>
 
 namespace VeltaSim {
 
@@ -34,7 +34,32 @@ std::string formatSpecValue(const RowSpec& listed, const FieldValue& value) {
     return out + "]";
 }
 
-std::string tableTypeText(Velta::TableType type) { return std::to_string(static_cast<unsigned>(type)); }
+// The call as an expectation that names every argument of its kind, so that a call and an expected
+// call print alike.
+ExpectedCall everyArgument(const Velta::Host::HostCall& call) {
+    using Kind = Velta::Host::HostCall::Kind;
+    ExpectedCall all;
+    all.kind = call.kind;
+    switch (call.kind) {
+        case Kind::registerTable:
+            all.path = call.path;
+            all.typeName = call.typeName;
+            all.tableType = static_cast<unsigned>(call.tableType);
+            all.desiredFlags = call.desiredFlags;
+            all.flags = call.flags;
+            all.owner = call.owner;
+            break;
+        case Kind::defineQuery:
+            all.text = call.text;
+            all.typeId = call.typeId;
+            all.params = call.params;
+            all.standing = call.standing;
+            all.name = call.name;
+            break;
+        case Kind::removeQuery: all.name = call.name; break;
+    }
+    return all;
+}
 
 }  // namespace
 
@@ -50,27 +75,7 @@ std::string yamlText(const std::string& text) {
         else if (c == '#' && i > 0 && text[i - 1] == ' ')
             plain = false;
     }
-    if (plain) return text;
-    std::string out = "\"";
-    for (const char ch : text) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
-            default:
-                if (c < 0x20 || c == 0x7f) {
-                    char buffer[8];
-                    std::snprintf(buffer, sizeof buffer, "\\x%02x", c);
-                    out += buffer;
-                } else {
-                    out += ch;
-                }
-        }
-    }
-    return out + "\"";
+    return plain ? text : doubleQuoted(text, Quoting::yaml);
 }
 
 std::string formatValue(const BaseRow& row, std::size_t field) {
@@ -165,28 +170,7 @@ bool matches(const BaseRow& row, const RowSpec& listed) {
     return true;
 }
 
-std::string formatCall(const Velta::Host::HostCall& call) {
-    using Kind = Velta::Host::HostCall::Kind;
-    switch (call.kind) {
-        case Kind::registerTable:
-            return "registerTable: {path: " + yamlText(call.path) + ", typeName: " + yamlText(call.typeName) +
-                   ", tableType: " + tableTypeText(call.tableType) + ", desiredFlags: " + std::to_string(call.desiredFlags) +
-                   ", flags: " + std::to_string(call.flags) + ", owner: " + yamlText(call.owner) + "}";
-        case Kind::defineQuery: {
-            std::string params = "{";
-            for (const auto& [name, value] : call.params) {
-                if (params.size() > 1) params += ", ";
-                params += yamlText(name) + ": " + yamlText(value);
-            }
-            params += "}";
-            return "defineQuery: {text: " + yamlText(call.text) + ", typeId: " + std::to_string(call.typeId) +
-                   ", params: " + params + ", standing: " + (call.standing ? "true" : "false") +
-                   ", name: " + yamlText(call.name) + "}";
-        }
-        case Kind::removeQuery: return "removeQuery: {name: " + yamlText(call.name) + "}";
-    }
-    return "?";
-}
+std::string formatCall(const Velta::Host::HostCall& call) { return formatExpectedCall(everyArgument(call)); }
 
 std::string formatExpectedCall(const ExpectedCall& call) {
     using Kind = Velta::Host::HostCall::Kind;

@@ -31,7 +31,8 @@ Velta::BaseRow buildRow(const RowSpec& listed);
 // True when every field the listed row names has that value in `row` (looked up by field name).
 bool matches(const Velta::BaseRow& row, const RowSpec& listed);
 
-// "registerTable: {path: ..., typeName: ..., ...}" with every argument of the call's kind.
+// "registerTable: {path: ..., typeName: ..., ...}" with every argument of the call's kind, as an
+// expect_calls entry writes it (the host's toString is a log line, not something to paste back).
 std::string formatCall(const Velta::Host::HostCall& call);
 // The same for an expected call, with only the arguments it names.
 std::string formatExpectedCall(const ExpectedCall& call);

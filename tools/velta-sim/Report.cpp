@@ -1,6 +1,7 @@
 #include "Report.h"
 
-#include <cstdio>
+#include "Text.h"
+
 #include <sstream>
 
 namespace VeltaSim {
@@ -61,30 +62,7 @@ std::string textReport(const ScenarioReport& report) {
     return out;
 }
 
-std::string jsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const char ch : text) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
-            default:
-                if (c < 0x20) {
-                    char buffer[8];
-                    std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-                    out += buffer;
-                } else {
-                    out += ch;
-                }
-        }
-    }
-    return out + "\"";
-}
+std::string jsonString(const std::string& text) { return doubleQuoted(text, Quoting::json); }
 
 std::string jsonReport(const ScenarioReport& report) {
     std::string out = "{\"file\":" + jsonString(report.file) + ",\"name\":" + jsonString(report.name) +

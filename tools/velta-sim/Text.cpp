@@ -4,6 +4,7 @@
 #include <wchar.h>
 
 #include <algorithm>
+#include <cstdio>
 
 namespace VeltaSim {
 
@@ -49,6 +50,32 @@ std::string suggestion(std::string_view word, const std::vector<std::string>& ca
         }
     }
     return best.empty() ? std::string() : " (did you mean " + quoted(best) + "?)";
+}
+
+std::string doubleQuoted(std::string_view text, Quoting quoting) {
+    const bool json = quoting == Quoting::json;
+    std::string out = "\"";
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\n': out += "\\n"; break;
+            case '\t': out += "\\t"; break;
+            case '\r': out += "\\r"; break;
+            case '\b': out += json ? "\\b" : "\\x08"; break;
+            case '\f': out += json ? "\\f" : "\\x0c"; break;
+            default:
+                if (c < 0x20 || (c == 0x7f && !json)) {
+                    char buffer[8];
+                    std::snprintf(buffer, sizeof buffer, json ? "\\u%04x" : "\\x%02x", c);
+                    out += buffer;
+                } else {
+                    out += ch;
+                }
+        }
+    }
+    return out + "\"";
 }
 
 std::size_t displayWidth(std::string_view text) {
