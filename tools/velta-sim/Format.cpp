@@ -15,9 +15,12 @@ namespace {
 
 bool isDefault(const BaseRow& row, std::size_t field) {
     switch (row.rowType()->fields()[field].kind) {
-        case FieldKind::string: return row.string(field).empty();
-        case FieldKind::strings: return row.strings(field).empty();
-        default: return row.number(field) == 0;
+        case FieldKind::string:
+            return row.string(field).empty();
+        case FieldKind::strings:
+            return row.strings(field).empty();
+        default:
+            return row.number(field) == 0;
     }
 }
 
@@ -56,7 +59,9 @@ ExpectedCall everyArgument(const Velta::Host::HostCall& call) {
             all.standing = call.standing;
             all.name = call.name;
             break;
-        case Kind::removeQuery: all.name = call.name; break;
+        case Kind::removeQuery:
+            all.name = call.name;
+            break;
     }
     return all;
 }
@@ -65,10 +70,12 @@ ExpectedCall everyArgument(const Velta::Host::HostCall& call) {
 
 std::string yamlText(const std::string& text) {
     bool plain = !text.empty() && text.front() != ' ' && text.back() != ' ';
-    if (plain && std::string_view("-?:,[]{}#&*!|>'\"%@`~").find(text.front()) != std::string_view::npos) plain = false;
+    if (plain && std::string_view("-?:,[]{}#&*!|>'\"%@`~").find(text.front()) != std::string_view::npos)
+        plain = false;
     for (std::size_t i = 0; plain && i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c == 0x7f || c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' || c == '\\')
+        if (c < 0x20 || c == 0x7f || c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' ||
+            c == '\\')
             plain = false;
         else if (c == ':' && (i + 1 == text.size() || text[i + 1] == ' '))
             plain = false;
@@ -80,8 +87,10 @@ std::string yamlText(const std::string& text) {
 
 std::string formatValue(const BaseRow& row, std::size_t field) {
     switch (row.rowType()->fields()[field].kind) {
-        case FieldKind::boolean: return row.number(field) != 0 ? "true" : "false";
-        case FieldKind::string: return yamlText(row.string(field));
+        case FieldKind::boolean:
+            return row.number(field) != 0 ? "true" : "false";
+        case FieldKind::string:
+            return yamlText(row.string(field));
         case FieldKind::strings: {
             std::string out = "[";
             for (const std::string& item : row.strings(field)) {
@@ -90,7 +99,8 @@ std::string formatValue(const BaseRow& row, std::size_t field) {
             }
             return out + "]";
         }
-        default: return std::to_string(row.number(field));
+        default:
+            return std::to_string(row.number(field));
     }
 }
 
@@ -110,7 +120,8 @@ std::vector<std::size_t> keyAndSetFields(const BaseRow& row) {
     const RowType& type = *row.rowType();
     for (const auto key : type.keyFields()) fields.push_back(key);
     for (std::size_t i = 0; i < type.fields().size(); ++i)
-        if (std::find(fields.begin(), fields.end(), i) == fields.end() && !isDefault(row, i)) fields.push_back(i);
+        if (std::find(fields.begin(), fields.end(), i) == fields.end() && !isDefault(row, i))
+            fields.push_back(i);
     return fields;
 }
 
@@ -119,7 +130,8 @@ std::vector<std::size_t> fieldsNamed(const BaseRow& row, const std::vector<const
     if (row.empty()) return fields;
     const RowType& type = *row.rowType();
     for (std::size_t i = 0; i < type.fields().size(); ++i) {
-        bool wanted = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
+        bool wanted =
+            std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
         for (const RowSpec* listed : specs)
             for (const FieldValue& v : listed->values)
                 if (listed->type->fields()[v.field].name == type.fields()[i].name) wanted = true;
@@ -143,9 +155,12 @@ BaseRow buildRow(const RowSpec& listed) {
     const RowType* registered = Velta::Host::findRowType(listed.type->name());
     BaseRow row(registered != nullptr ? *registered : *listed.type);
     for (const FieldValue& v : listed.values) {
-        if (const auto* n = std::get_if<std::uint64_t>(&v.value)) row.numberIs(v.field, *n);
-        else if (const auto* s = std::get_if<std::string>(&v.value)) row.stringIs(v.field, *s);
-        else row.stringsIs(v.field, std::get<std::vector<std::string>>(v.value));
+        if (const auto* n = std::get_if<std::uint64_t>(&v.value))
+            row.numberIs(v.field, *n);
+        else if (const auto* s = std::get_if<std::string>(&v.value))
+            row.stringIs(v.field, *s);
+        else
+            row.stringsIs(v.field, std::get<std::vector<std::string>>(v.value));
     }
     return row;
 }
@@ -163,7 +178,8 @@ bool matches(const BaseRow& row, const RowSpec& listed) {
         } else if (const auto* s = std::get_if<std::string>(&v.value)) {
             if (kind != FieldKind::string || row.string(field) != *s) return false;
         } else {
-            if (kind != FieldKind::strings || row.strings(field) != std::get<std::vector<std::string>>(v.value))
+            if (kind != FieldKind::strings ||
+                row.strings(field) != std::get<std::vector<std::string>>(v.value))
                 return false;
         }
     }
@@ -219,7 +235,8 @@ bool matches(const Velta::Host::HostCall& call, const ExpectedCall& expected) {
     return true;
 }
 
-std::vector<std::string> formatTable(const RowType& type, const std::vector<BaseRow>& rows, const ExtraColumn& extra) {
+std::vector<std::string> formatTable(const RowType& type, const std::vector<BaseRow>& rows,
+                                     const ExtraColumn& extra) {
     std::vector<std::size_t> columns;
     for (std::size_t i = 0; i < type.fields().size(); ++i) {
         bool keep = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();

@@ -68,10 +68,18 @@ public:
             line += (it != labels_.end() ? it->second : std::string("?")) + " " + iface->ifName() + " [" +
                     iface->tablePath() + "] ";
             switch (delivery) {
-                case Delivery::ready: line += "ready"; break;
-                case Delivery::row: line += "row " + keyText(row); break;
-                case Delivery::rowDelete: line += "delete " + keyText(row); break;
-                case Delivery::hostTask: line += "task " + what; break;
+                case Delivery::ready:
+                    line += "ready";
+                    break;
+                case Delivery::row:
+                    line += "row " + keyText(row);
+                    break;
+                case Delivery::rowDelete:
+                    line += "delete " + keyText(row);
+                    break;
+                case Delivery::hostTask:
+                    line += "task " + what;
+                    break;
             }
         }
         out_(line + "\n");
@@ -83,7 +91,9 @@ public:
     void onWrite(const std::string& path, const BaseRow& row) override {
         change("write " + path + " " + formatFields(row, keyAndSetFields(row)));
     }
-    void onDelete(const std::string& path, const BaseRow& row) override { change("delete " + path + " " + keyText(row)); }
+    void onDelete(const std::string& path, const BaseRow& row) override {
+        change("delete " + path + " " + keyText(row));
+    }
     void onHostCall(const Velta::Host::HostCall& call) override { change("call " + formatCall(call)); }
     void onTableCreated(const std::string& path) override { change("create table " + path); }
     void onTableDropped(const std::string& path) override { change("drop table " + path); }
@@ -99,9 +109,10 @@ private:
 };
 
 std::string entryText(const Velta::Agent::SubscriptionEntry& e) {
-    return "{writer: " + std::string(e.writer ? "true" : "false") + ", reader: " + (e.reader ? "true" : "false") +
-           ", externalOid: " + std::to_string(e.externalOid) + ", tableOid: " + std::to_string(e.tableOid) +
-           ", typeId: " + std::to_string(e.typeId) + ", sid: " + std::to_string(e.sid) + "}";
+    return "{writer: " + std::string(e.writer ? "true" : "false") +
+           ", reader: " + (e.reader ? "true" : "false") + ", externalOid: " + std::to_string(e.externalOid) +
+           ", tableOid: " + std::to_string(e.tableOid) + ", typeId: " + std::to_string(e.typeId) +
+           ", sid: " + std::to_string(e.sid) + "}";
 }
 
 std::string expectedEntryText(const ExpectRegistry& x) {
@@ -126,8 +137,8 @@ std::string describe(const Step& step) {
         std::string operator()(const Start& s) const {
             const AgentObject& o = s.object;
             if (o.aggregator.empty()) return "start translator on " + o.agent;
-            return "start aggregator " + o.aggregator + " on " + o.agent + " (" + s.inputPrefix + "*" + s.inputSuffix +
-                   " -> " + s.output + ")";
+            return "start aggregator " + o.aggregator + " on " + o.agent + " (" + s.inputPrefix + "*" +
+                   s.inputSuffix + " -> " + s.output + ")";
         }
         std::string operator()(const Stop& s) const {
             const AgentObject& o = s.object;
@@ -137,11 +148,15 @@ std::string describe(const Step& step) {
         std::string operator()(const Call& s) const {
             const AgentObject& o = s.object;
             if (o.aggregator.empty()) return "call clean on translator of " + o.agent;
-            static const char* const names[] = {"clean", "enableIs", "suppressResyncIs", "scheduledIs", "outputBlocked"};
-            return std::string("call ") + names[static_cast<int>(s.op)] + "(" + (s.value ? "true" : "false") + ")" +
-                   (s.input.empty() ? "" : " on input " + s.input) + " of aggregator " + o.aggregator + " on " + o.agent;
+            static const char* const names[] = {"clean", "enableIs", "suppressResyncIs", "scheduledIs",
+                                                "outputBlocked"};
+            return std::string("call ") + names[static_cast<int>(s.op)] + "(" + (s.value ? "true" : "false") +
+                   ")" + (s.input.empty() ? "" : " on input " + s.input) + " of aggregator " + o.aggregator +
+                   " on " + o.agent;
         }
-        std::string operator()(const CreateTable& s) const { return "create_table " + s.path + " (" + s.type + ")"; }
+        std::string operator()(const CreateTable& s) const {
+            return "create_table " + s.path + " (" + s.type + ")";
+        }
         std::string operator()(const DropTable& s) const { return "drop_table " + s.path; }
         std::string operator()(const Write& s) const { return "write " + s.path; }
         std::string operator()(const Delete& s) const { return "delete " + s.path + " " + formatSpec(s.key); }
@@ -151,11 +166,19 @@ std::string describe(const Step& step) {
         std::string operator()(const ClearTraces&) const { return "clear_traces"; }
         std::string operator()(const Dump& s) const { return "dump " + s.path; }
         std::string operator()(const ExpectRows& s) const { return "expect_rows " + s.path; }
-        std::string operator()(const ExpectRow& s) const { return "expect_row " + s.path + " " + formatSpec(s.key); }
+        std::string operator()(const ExpectRow& s) const {
+            return "expect_row " + s.path + " " + formatSpec(s.key);
+        }
         std::string operator()(const ExpectCalls&) const { return "expect_calls"; }
-        std::string operator()(const ExpectTrace& s) const { return "expect_trace " + patternText(s.pattern); }
-        std::string operator()(const ExpectNoTrace& s) const { return "expect_no_trace " + patternText(s.pattern); }
-        static std::string patternText(const TracePattern& p) { return p.channel + "[" + std::to_string(p.level) + "]"; }
+        std::string operator()(const ExpectTrace& s) const {
+            return "expect_trace " + patternText(s.pattern);
+        }
+        std::string operator()(const ExpectNoTrace& s) const {
+            return "expect_no_trace " + patternText(s.pattern);
+        }
+        static std::string patternText(const TracePattern& p) {
+            return p.channel + "[" + std::to_string(p.level) + "]";
+        }
         std::string operator()(const ExpectRegistry& s) const { return "expect_registry on " + s.agent; }
         std::string operator()(const ExpectExternalId& s) const { return "expect_external_id on " + s.agent; }
     };
@@ -173,7 +196,8 @@ public:
         capture_ = std::make_unique<Velta::Host::TraceCapture>();
         bool stopped = false;
         try {
-            for (const RowTypeDef& def : scenario_.rowTypes) Velta::Host::defineRowType(def.name, def.fields, def.key);
+            for (const RowTypeDef& def : scenario_.rowTypes)
+                Velta::Host::defineRowType(def.name, def.fields, def.key);
             Database::Options dbOptions;
             dbOptions.autoPublish = scenario_.autoPublish;
             dbOptions.manualQueries = scenario_.manualQueries;
@@ -181,7 +205,8 @@ public:
             if (options_.deliveryBound != 0) dbOptions.deliveryBound = options_.deliveryBound;
             db_ = Database::create(dbOptions);
             if (options_.timeline) {
-                timeline_ = std::make_unique<Timeline>(labels_, [this](const std::string& text) { view(text); });
+                timeline_ =
+                    std::make_unique<Timeline>(labels_, [this](const std::string& text) { view(text); });
                 db_->listenerIs(timeline_.get());
             }
             for (const Step& step : scenario_.steps) {
@@ -255,8 +280,10 @@ private:
     }
 
     void view(const std::string& text) {
-        if (options_.onView) options_.onView(text);
-        else result_.views += text;
+        if (options_.onView)
+            options_.onView(text);
+        else
+            result_.views += text;
     }
 
     void stepHeader() {
@@ -286,7 +313,8 @@ private:
         const auto& records = capture_->records();
         if (tracesShown_ >= records.size()) return;
         stepHeader();
-        for (; tracesShown_ < records.size(); ++tracesShown_) view("  trace " + traceText(records[tracesShown_]) + "\n");
+        for (; tracesShown_ < records.size(); ++tracesShown_)
+            view("  trace " + traceText(records[tracesShown_]) + "\n");
     }
 
     VeltaDB::p_t handleFor(const std::string& agent, const std::string& label) {
@@ -317,17 +345,20 @@ private:
     bool perform(const Step&, const Start& s) {
         const AgentObject& o = s.object;
         if (o.aggregator.empty()) {
-            agents_[o.agent].translator = std::make_unique<SubscriptionTranslator>(handleFor(o.agent, o.agent));
+            agents_[o.agent].translator =
+                std::make_unique<SubscriptionTranslator>(handleFor(o.agent, o.agent));
             return true;
         }
-        agents_[o.agent].aggregators[o.aggregator] =
-            std::make_unique<Aggregator>(handleFor(o.agent, o.agent + "/" + o.aggregator), s.inputPrefix, s.inputSuffix,
-                                         s.output, s.rowType, s.deleteWithoutReplacement, s.enabled, s.bindFlag);
+        agents_[o.agent].aggregators[o.aggregator] = std::make_unique<Aggregator>(
+            handleFor(o.agent, o.agent + "/" + o.aggregator), s.inputPrefix, s.inputSuffix, s.output,
+            s.rowType, s.deleteWithoutReplacement, s.enabled, s.bindFlag);
         return true;
     }
     bool perform(const Step&, const Stop& s) {
-        if (s.object.aggregator.empty()) agents_[s.object.agent].translator.reset();
-        else agents_[s.object.agent].aggregators.erase(s.object.aggregator);
+        if (s.object.aggregator.empty())
+            agents_[s.object.agent].translator.reset();
+        else
+            agents_[s.object.agent].aggregators.erase(s.object.aggregator);
         return true;
     }
     bool perform(const Step& step, const Call& s) {
@@ -338,16 +369,25 @@ private:
         }
         Aggregator& aggregator = *agents_[o.agent].aggregators.at(o.aggregator);
         switch (s.op) {
-            case Call::Op::clean: break;
-            case Call::Op::enableIs: aggregator.enableIs(s.value); break;
-            case Call::Op::suppressResyncIs: aggregator.suppressResyncIs(s.value); break;
-            case Call::Op::scheduledIs: aggregator.scheduledIs(s.value); break;
+            case Call::Op::clean:
+                break;
+            case Call::Op::enableIs:
+                aggregator.enableIs(s.value);
+                break;
+            case Call::Op::suppressResyncIs:
+                aggregator.suppressResyncIs(s.value);
+                break;
+            case Call::Op::scheduledIs:
+                aggregator.scheduledIs(s.value);
+                break;
             case Call::Op::outputBlocked: {
                 const auto input = aggregator.inputTable(s.input);
                 if (!input) {
                     std::vector<std::string> details;
-                    for (const std::string& path : aggregator.inputPaths()) details.push_back("  input " + path);
-                    fail(step, "aggregator " + o.aggregator + " has no input table " + s.input, std::move(details));
+                    for (const std::string& path : aggregator.inputPaths())
+                        details.push_back("  input " + path);
+                    fail(step, "aggregator " + o.aggregator + " has no input table " + s.input,
+                         std::move(details));
                     break;
                 }
                 input->outputBlocked(s.value);
@@ -384,9 +424,11 @@ private:
         std::vector<std::string> details;
         for (const auto& q : db_->queries())
             if (q.state == Velta::Host::QueryInfo::State::pending)
-                details.push_back("+ pending: " + yamlText(q.text) + (q.definerGone ? "   (its agent object was stopped)" : ""));
+                details.push_back("+ pending: " + yamlText(q.text) +
+                                  (q.definerGone ? "   (its agent object was stopped)" : ""));
         if (details.empty()) details.push_back("+ no query is pending");
-        fail(step, "no pending query with text " + yamlText(s.text) + " whose completion can still be delivered",
+        fail(step,
+             "no pending query with text " + yamlText(s.text) + " whose completion can still be delivered",
              std::move(details));
         return true;
     }
@@ -411,12 +453,13 @@ private:
         std::vector<const RowSpec*> specs;
         for (const RowSpec& listed : s.rows) specs.push_back(&listed);
         auto showFound = [&](const BaseRow& row) { return shown(s.path, row, specs); };
-        auto diff = diffLines(s.rows, found, same, [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
-        const std::string message =
-            found.size() == s.rows.size()
-                ? s.path + ": the rows differ"
-                : s.path + ": " + std::to_string(s.rows.size()) + (s.rows.size() == 1 ? " row" : " rows") +
-                      " expected, " + std::to_string(found.size()) + " found";
+        auto diff = diffLines(
+            s.rows, found, same, [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
+        const std::string message = found.size() == s.rows.size()
+                                        ? s.path + ": the rows differ"
+                                        : s.path + ": " + std::to_string(s.rows.size()) +
+                                              (s.rows.size() == 1 ? " row" : " rows") + " expected, " +
+                                              std::to_string(found.size()) + " found";
         fail(step, message, std::move(diff));
         return true;
     }
@@ -426,7 +469,8 @@ private:
         const std::string key = formatSpec(s.key);
         if (!s.row) {
             if (!found.empty())
-                fail(step, s.path + ": the row with key " + key + " was expected absent", {"+ " + shown(s.path, found, {})});
+                fail(step, s.path + ": the row with key " + key + " was expected absent",
+                     {"+ " + shown(s.path, found, {})});
             return true;
         }
         if (found.empty()) {
@@ -440,8 +484,8 @@ private:
 
     bool perform(const Step& step, const ExpectCalls& s) {
         const auto& all = db_->calls();
-        const std::vector<Velta::Host::HostCall> found(all.begin() + static_cast<std::ptrdiff_t>(std::min(callsSeen_, all.size())),
-                                                       all.end());
+        const std::vector<Velta::Host::HostCall> found(
+            all.begin() + static_cast<std::ptrdiff_t>(std::min(callsSeen_, all.size())), all.end());
         callsSeen_ = all.size();
         const std::size_t sinceStep = callsSeenStep_;
         callsSeenStep_ = step.number;
@@ -449,15 +493,18 @@ private:
         for (std::size_t i = 0; same && i < found.size(); ++i) same = matches(found[i], s.calls[i]);
         if (same) return true;
         auto diff = diffLines(
-            s.calls, found, [](const ExpectedCall& e, const Velta::Host::HostCall& c) { return matches(c, e); },
+            s.calls, found,
+            [](const ExpectedCall& e, const Velta::Host::HostCall& c) { return matches(c, e); },
             [](const ExpectedCall& e) { return formatExpectedCall(e); },
             [](const Velta::Host::HostCall& c) { return formatCall(c) + "   (by " + c.agent + ")"; });
-        const std::string message =
-            found.size() == s.calls.size()
-                ? std::string("the host calls differ")
-                : std::to_string(s.calls.size()) + " host call" + (s.calls.size() == 1 ? "" : "s") + " expected, " +
-                      std::to_string(found.size()) + " made";
-        fail(step, message + " since " + (sinceStep == 0 ? std::string("the start") : "step " + std::to_string(sinceStep)),
+        const std::string message = found.size() == s.calls.size()
+                                        ? std::string("the host calls differ")
+                                        : std::to_string(s.calls.size()) + " host call" +
+                                              (s.calls.size() == 1 ? "" : "s") + " expected, " +
+                                              std::to_string(found.size()) + " made";
+        fail(step,
+             message + " since " +
+                 (sinceStep == 0 ? std::string("the start") : "step " + std::to_string(sinceStep)),
              std::move(diff));
         return true;
     }
@@ -505,7 +552,8 @@ private:
         std::vector<std::string> details{"- " + wanted};
         const std::size_t limit = 12;
         if (candidates.size() > limit) {
-            details.push_back("+ (" + std::to_string(candidates.size() - limit) + " earlier traces not shown)");
+            details.push_back("+ (" + std::to_string(candidates.size() - limit) +
+                              " earlier traces not shown)");
             candidates.erase(candidates.begin(), candidates.end() - static_cast<std::ptrdiff_t>(limit));
         }
         for (const auto* r : candidates) details.push_back("+ " + traceText(*r));
@@ -519,10 +567,12 @@ private:
         key.system_descriptionIs(s.systemDescription);
         key.outputPathIs(s.outputPath);
         const auto entry = agents_[s.agent].translator->subscription(key);
-        const std::string keyText =
-            "{system_description: " + std::to_string(s.systemDescription) + ", outputPath: " + yamlText(s.outputPath) + "}";
+        const std::string keyText = "{system_description: " + std::to_string(s.systemDescription) +
+                                    ", outputPath: " + yamlText(s.outputPath) + "}";
         if (s.absent) {
-            if (entry) fail(step, "the registry of " + s.agent + " has an entry for " + keyText, {"+ " + entryText(*entry)});
+            if (entry)
+                fail(step, "the registry of " + s.agent + " has an entry for " + keyText,
+                     {"+ " + entryText(*entry)});
             return true;
         }
         if (!entry) {
@@ -530,10 +580,11 @@ private:
                  {"- " + expectedEntryText(s), "+ (no entry)"});
             return true;
         }
-        const bool same = (!s.writer || *s.writer == entry->writer) && (!s.reader || *s.reader == entry->reader) &&
+        const bool same = (!s.writer || *s.writer == entry->writer) &&
+                          (!s.reader || *s.reader == entry->reader) &&
                           (!s.externalOid || *s.externalOid == entry->externalOid) &&
-                          (!s.tableOid || *s.tableOid == entry->tableOid) && (!s.typeId || *s.typeId == entry->typeId) &&
-                          (!s.sid || *s.sid == entry->sid);
+                          (!s.tableOid || *s.tableOid == entry->tableOid) &&
+                          (!s.typeId || *s.typeId == entry->typeId) && (!s.sid || *s.sid == entry->sid);
         if (!same)
             fail(step, "the registry entry of " + s.agent + " for " + keyText + " differs",
                  {"- " + expectedEntryText(s), "+ " + entryText(*entry)});
@@ -570,12 +621,14 @@ private:
     }
     // A found row as a diff shows it: the fields `specs` name (with none, its key and set fields),
     // and its source when one of them names a source.
-    std::string shown(const std::string& path, const BaseRow& row, const std::vector<const RowSpec*>& specs) const {
+    std::string shown(const std::string& path, const BaseRow& row,
+                      const std::vector<const RowSpec*>& specs) const {
         std::string text = formatFields(row, specs.empty() ? keyAndSetFields(row) : fieldsNamed(row, specs));
-        const bool withSource =
-            std::any_of(specs.begin(), specs.end(), [](const RowSpec* listed) { return listed->from.has_value(); });
+        const bool withSource = std::any_of(specs.begin(), specs.end(),
+                                            [](const RowSpec* listed) { return listed->from.has_value(); });
         if (withSource && !row.empty())
-            text.insert(text.size() - 1, (text.size() > 2 ? ", from: " : "from: ") + yamlText(sourceOf(path, row)));
+            text.insert(text.size() - 1,
+                        (text.size() > 2 ? ", from: " : "from: ") + yamlText(sourceOf(path, row)));
         return text;
     }
 

@@ -30,7 +30,8 @@ namespace {
 // The step registry is Action itself: each keyword belongs to one type.
 template <std::size_t... I>
 constexpr bool keywordsDiffer(std::index_sequence<I...>) {
-    const std::array<std::string_view, sizeof...(I)> keywords{std::variant_alternative_t<I, Action>::step.keyword...};
+    const std::array<std::string_view, sizeof...(I)> keywords{
+        std::variant_alternative_t<I, Action>::step.keyword...};
     for (std::size_t i = 0; i < keywords.size(); ++i)
         for (std::size_t j = i + 1; j < keywords.size(); ++j)
             if (keywords[i] == keywords[j]) return false;
@@ -43,15 +44,19 @@ static_assert(keywordsDiffer(std::make_index_sequence<std::variant_size_v<Action
 const std::vector<std::string>& stepKeywords() {
     static const std::vector<std::string> keywords = []<std::size_t... I>(std::index_sequence<I...>) {
         return std::vector<std::string>{std::string(std::variant_alternative_t<I, Action>::step.keyword)...};
-    }(std::make_index_sequence<std::variant_size_v<Action>>{});
+    }
+    (std::make_index_sequence<std::variant_size_v<Action>>{});
     return keywords;
 }
 
 std::uint64_t kindMax(Velta::FieldKind kind) {
     switch (kind) {
-        case Velta::FieldKind::u16: return 0xffff;
-        case Velta::FieldKind::u32: return 0xffffffff;
-        default: return std::numeric_limits<std::uint64_t>::max();
+        case Velta::FieldKind::u16:
+            return 0xffff;
+        case Velta::FieldKind::u32:
+            return 0xffffffff;
+        default:
+            return std::numeric_limits<std::uint64_t>::max();
     }
 }
 
@@ -70,16 +75,19 @@ std::vector<std::string> fieldNames(const Velta::RowType& type) {
 }  // namespace
 
 Scenario ScenarioParser::parse(const YAML::Node& root) {
-    if (root.IsNull()) fail(Mark{1, 1}, "expected a scenario (a map with at least 'steps'), the file is empty");
-    const MapView top(root, "the scenario",
-                      {"name", "host", "trace", "row_types", "agents", "steps", "expect_abort", "order_independent"});
+    if (root.IsNull())
+        fail(Mark{1, 1}, "expected a scenario (a map with at least 'steps'), the file is empty");
+    const MapView top(
+        root, "the scenario",
+        {"name", "host", "trace", "row_types", "agents", "steps", "expect_abort", "order_independent"});
     if (const YAML::Node* n = top.get("name")) scenario_.name = text(*n, "'name'");
     if (const YAML::Node* n = top.get("host")) parseHost(*n);
     if (const YAML::Node* n = top.get("trace")) parseTrace(*n);
     if (const YAML::Node* n = top.get("row_types")) parseRowTypes(*n);
     seedTables();
     if (const YAML::Node* n = top.get("agents")) parseAgents(*n);
-    if (const YAML::Node* n = top.get("expect_abort")) scenario_.expectAbort = nonEmptyText(*n, "'expect_abort'");
+    if (const YAML::Node* n = top.get("expect_abort"))
+        scenario_.expectAbort = nonEmptyText(*n, "'expect_abort'");
     if (const YAML::Node* n = top.get("order_independent"))
         scenario_.orderIndependent = boolean(*n, "'order_independent'");
     parseSteps(top.need("steps"));
@@ -88,28 +96,34 @@ Scenario ScenarioParser::parse(const YAML::Node& root) {
 
 void ScenarioParser::parseHost(const YAML::Node& node) {
     const MapView host(node, "'host'", {"server_process", "auto_publish", "queries"});
-    if (const YAML::Node* n = host.get("server_process")) scenario_.serverProcess = boolean(*n, "'server_process'");
+    if (const YAML::Node* n = host.get("server_process"))
+        scenario_.serverProcess = boolean(*n, "'server_process'");
     if (const YAML::Node* n = host.get("auto_publish")) scenario_.autoPublish = boolean(*n, "'auto_publish'");
     if (const YAML::Node* n = host.get("queries")) {
         const std::string mode = text(*n, "'queries'");
-        if (mode == "manual") scenario_.manualQueries = true;
-        else if (mode != "auto") fail(*n, "expected auto or manual for 'queries', found " + quoted(mode));
+        if (mode == "manual")
+            scenario_.manualQueries = true;
+        else if (mode != "auto")
+            fail(*n, "expected auto or manual for 'queries', found " + quoted(mode));
     }
 }
 
 void ScenarioParser::parseTrace(const YAML::Node& node) {
-    if (!node.IsMap()) fail(node, std::string("expected a map of channel: mask for 'trace', found ") + nodeKind(node));
+    if (!node.IsMap())
+        fail(node, std::string("expected a map of channel: mask for 'trace', found ") + nodeKind(node));
     std::set<std::string> seen;
     for (auto it = node.begin(); it != node.end(); ++it) {
         const std::string channel = nonEmptyText(it->first, "a trace channel");
         if (!seen.insert(channel).second) fail(it->first, "duplicate key " + quoted(channel) + " in 'trace'");
         scenario_.traceMasks.emplace_back(
-            channel, static_cast<std::uint32_t>(number(it->second, "the mask of " + quoted(channel), 0xffffffff)));
+            channel,
+            static_cast<std::uint32_t>(number(it->second, "the mask of " + quoted(channel), 0xffffffff)));
     }
 }
 
 void ScenarioParser::parseRowTypes(const YAML::Node& node) {
-    if (!node.IsSequence()) fail(node, std::string("expected a list of row types for 'row_types', found ") + nodeKind(node));
+    if (!node.IsSequence())
+        fail(node, std::string("expected a list of row types for 'row_types', found ") + nodeKind(node));
     for (const YAML::Node& item : node) {
         const MapView def(item, "a row type", {"name", "key", "fields"});
         RowTypeDef rowType;
@@ -125,8 +139,8 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
             const std::string kindText = text(it->second, "the kind of " + quoted(fieldName));
             const std::optional<Velta::FieldKind> kind = Velta::Host::parseFieldKind(kindText);
             if (!kind)
-                fail(it->second, "expected a field kind (u16 u32 u64 bool string strings) for " + quoted(fieldName) +
-                                     ", found " + quoted(kindText));
+                fail(it->second, "expected a field kind (u16 u32 u64 bool string strings) for " +
+                                     quoted(fieldName) + ", found " + quoted(kindText));
             rowType.fields.push_back({fieldName, *kind});
         }
         const YAML::Node& key = def.need("key");
@@ -137,12 +151,15 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
             if (names.count(rowType.key[i]) == 0)
                 fail(key[i], "key field " + quoted(rowType.key[i]) + " is not one of the fields: " +
                                  joined(std::vector<std::string>(names.begin(), names.end())));
-            if (!keys.insert(rowType.key[i]).second) fail(key[i], "key field " + quoted(rowType.key[i]) + " is named twice");
+            if (!keys.insert(rowType.key[i]).second)
+                fail(key[i], "key field " + quoted(rowType.key[i]) + " is named twice");
         }
         if (builtinType(rowType.name) != nullptr)
-            fail(def.need("name"), "row type " + quoted(rowType.name) + " is a built-in record; choose another name");
+            fail(def.need("name"),
+                 "row type " + quoted(rowType.name) + " is a built-in record; choose another name");
         for (const RowTypeDef& other : scenario_.rowTypes)
-            if (other.name == rowType.name) fail(def.need("name"), "duplicate row type " + quoted(rowType.name));
+            if (other.name == rowType.name)
+                fail(def.need("name"), "duplicate row type " + quoted(rowType.name));
         std::vector<Velta::RowType::Field> fieldList;
         for (const auto& f : rowType.fields) fieldList.push_back({f.name, f.kind, 0});
         std::vector<std::uint16_t> keyIndexes;
@@ -150,7 +167,8 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
             for (std::uint16_t i = 0; i < fieldList.size(); ++i)
                 if (fieldList[i].name == k) keyIndexes.push_back(i);
         }
-        rowType.local = std::make_shared<const Velta::RowType>(rowType.name, 0, std::move(fieldList), std::move(keyIndexes));
+        rowType.local = std::make_shared<const Velta::RowType>(rowType.name, 0, std::move(fieldList),
+                                                               std::move(keyIndexes));
         scenario_.rowTypes.push_back(std::move(rowType));
     }
 }
@@ -161,13 +179,15 @@ void ScenarioParser::seedTables() {
 }
 
 void ScenarioParser::parseAgents(const YAML::Node& node) {
-    if (!node.IsSequence()) fail(node, std::string("expected a list of agents for 'agents', found ") + nodeKind(node));
+    if (!node.IsSequence())
+        fail(node, std::string("expected a list of agents for 'agents', found ") + nodeKind(node));
     for (const YAML::Node& item : node) {
         const MapView def(item, "an agent", {"name", "system", "server_agent", "external", "standalone"});
         AgentDecl agent;
         agent.mark = markOf(item);
         agent.name = nonEmptyText(def.need("name"), "the agent's 'name'");
-        if (scenario_.agent(agent.name) != nullptr) fail(def.need("name"), "duplicate agent " + quoted(agent.name));
+        if (scenario_.agent(agent.name) != nullptr)
+            fail(def.need("name"), "duplicate agent " + quoted(agent.name));
         agent.system = text(def.need("system"), "the agent's 'system'");
         if (const YAML::Node* n = def.get("server_agent")) agent.serverAgent = boolean(*n, "'server_agent'");
         if (const YAML::Node* n = def.get("external")) agent.external = boolean(*n, "'external'");
@@ -176,7 +196,8 @@ void ScenarioParser::parseAgents(const YAML::Node& node) {
             // The per-agent tables a non-standalone translator works on exist once it runs.
             tables_["velta/External/input/" + agent.name + "/Subscription"] =
                 &Velta::External::Subscription::type();
-            tables_["velta/veCtrl/input/" + agent.name + "/subscription"] = &Velta::veCtrl::subscription::type();
+            tables_["velta/veCtrl/input/" + agent.name + "/subscription"] =
+                &Velta::veCtrl::subscription::type();
         }
         agentStates_[agent.name];
         scenario_.agents.push_back(std::move(agent));
@@ -193,7 +214,8 @@ std::string ScenarioParser::agentRef(const MapView& map) {
     const YAML::Node& node = map.need("agent");
     const std::string agentName = nonEmptyText(node, "'agent'");
     if (scenario_.agent(agentName) == nullptr) {
-        if (scenario_.agents.empty()) fail(node, "unknown agent " + quoted(agentName) + ": the file declares no 'agents'");
+        if (scenario_.agents.empty())
+            fail(node, "unknown agent " + quoted(agentName) + ": the file declares no 'agents'");
         fail(node, "unknown agent " + quoted(agentName) + suggestion(agentName, agentNames()) +
                        "; agents are: " + joined(agentNames()));
     }
@@ -219,7 +241,8 @@ const Velta::RowType& ScenarioParser::rowTypeRef(const YAML::Node& node, const s
     return *type;
 }
 
-std::pair<std::string, const Velta::RowType*> ScenarioParser::tableRef(const YAML::Node& node, const std::string& what) {
+std::pair<std::string, const Velta::RowType*> ScenarioParser::tableRef(const YAML::Node& node,
+                                                                       const std::string& what) {
     const std::string path = nonEmptyText(node, what);
     const auto it = tables_.find(path);
     if (it == tables_.end()) {
@@ -241,25 +264,35 @@ FieldValue ScenarioParser::fieldValue(const Velta::RowType& type, std::size_t in
     switch (field.kind) {
         case Velta::FieldKind::u16:
         case Velta::FieldKind::u32:
-        case Velta::FieldKind::u64: value.value = number(node, what, kindMax(field.kind)); break;
-        case Velta::FieldKind::boolean: value.value = static_cast<std::uint64_t>(boolean(node, what)); break;
-        case Velta::FieldKind::string: value.value = text(node, what); break;
-        case Velta::FieldKind::strings: value.value = textList(node, what); break;
+        case Velta::FieldKind::u64:
+            value.value = number(node, what, kindMax(field.kind));
+            break;
+        case Velta::FieldKind::boolean:
+            value.value = static_cast<std::uint64_t>(boolean(node, what));
+            break;
+        case Velta::FieldKind::string:
+            value.value = text(node, what);
+            break;
+        case Velta::FieldKind::strings:
+            value.value = textList(node, what);
+            break;
     }
     return value;
 }
 
-RowSpec ScenarioParser::rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
-                bool expected) {
+RowSpec ScenarioParser::rowSpec(const YAML::Node& node, const Velta::RowType& type,
+                                const std::string& context, bool expected) {
     if (!node.IsMap())
-        fail(node, "expected a map of field: value for " + context + " (a " + type.name() + " row), found " + nodeKind(node));
+        fail(node, "expected a map of field: value for " + context + " (a " + type.name() + " row), found " +
+                       nodeKind(node));
     RowSpec listed;
     listed.type = &type;
     listed.mark = markOf(node);
     std::set<std::string> seen;
     for (auto it = node.begin(); it != node.end(); ++it) {
         const std::string fieldName = text(it->first, "a field name");
-        if (!seen.insert(fieldName).second) fail(it->first, "duplicate field " + quoted(fieldName) + " in " + context);
+        if (!seen.insert(fieldName).second)
+            fail(it->first, "duplicate field " + quoted(fieldName) + " in " + context);
         const int index = type.fieldIndex(fieldName);
         if (index < 0 && expected && fieldName == "from") {
             listed.from = text(it->second, "'from'");
@@ -267,15 +300,17 @@ RowSpec ScenarioParser::rowSpec(const YAML::Node& node, const Velta::RowType& ty
         }
         if (index < 0)
             fail(it->first, quoted(fieldName) + " is not a field of " + type.name() +
-                                suggestion(fieldName, fieldNames(type)) + "; fields are: " + joined(fieldNames(type)));
+                                suggestion(fieldName, fieldNames(type)) +
+                                "; fields are: " + joined(fieldNames(type)));
         listed.values.push_back(fieldValue(type, static_cast<std::size_t>(index), it->second));
     }
     return listed;
 }
 
-std::vector<RowSpec> ScenarioParser::rowList(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
-                             bool expected) {
-    if (!node.IsSequence()) fail(node, "expected a list of rows for " + context + ", found " + nodeKind(node));
+std::vector<RowSpec> ScenarioParser::rowList(const YAML::Node& node, const Velta::RowType& type,
+                                             const std::string& context, bool expected) {
+    if (!node.IsSequence())
+        fail(node, "expected a list of rows for " + context + ", found " + nodeKind(node));
     std::vector<RowSpec> rows;
     for (const YAML::Node& item : node) rows.push_back(rowSpec(item, type, "a row of " + context, expected));
     return rows;
@@ -296,7 +331,8 @@ void ScenarioParser::learnOutputTables(const std::vector<RowSpec>& rows) {
 }
 
 void ScenarioParser::parseSteps(const YAML::Node& node) {
-    if (!node.IsSequence()) fail(node, std::string("expected a list of steps for 'steps', found ") + nodeKind(node));
+    if (!node.IsSequence())
+        fail(node, std::string("expected a list of steps for 'steps', found ") + nodeKind(node));
     std::size_t number = 0;
     for (const YAML::Node& item : node) {
         Step step;
@@ -310,32 +346,34 @@ void ScenarioParser::parseSteps(const YAML::Node& node) {
             step.keyword = text(it->first, "a step");
             body = it->second;
             if (++it != item.end())
-                fail(it->first, "unexpected " + quoted(it->first.IsScalar() ? it->first.Scalar() : "?") + " beside " +
-                                    quoted(step.keyword) +
+                fail(it->first, "unexpected " + quoted(it->first.IsScalar() ? it->first.Scalar() : "?") +
+                                    " beside " + quoted(step.keyword) +
                                     ": a step is a map with one key; indent the step's fields under it");
         } else {
-            fail(item, std::string("expected a step (e.g. '- run' or '- write: {...}'), found ") + nodeKind(item));
+            fail(item,
+                 std::string("expected a step (e.g. '- run' or '- write: {...}'), found ") + nodeKind(item));
         }
         step.action = parseAction(step.keyword, item, body);
         scenario_.steps.push_back(std::move(step));
     }
 }
 
-Action ScenarioParser::parseAction(const std::string& keyword, const YAML::Node& item, const YAML::Node& body) {
+Action ScenarioParser::parseAction(const std::string& keyword, const YAML::Node& item,
+                                   const YAML::Node& body) {
     return parseAction(keyword, item, body, std::make_index_sequence<std::variant_size_v<Action>>{});
 }
 
 template <std::size_t... I>
 Action ScenarioParser::parseAction(const std::string& keyword, const YAML::Node& item, const YAML::Node& body,
-                   std::index_sequence<I...>) {
+                                   std::index_sequence<I...>) {
     std::optional<Action> action;
     ((keyword == std::variant_alternative_t<I, Action>::step.keyword &&
       (action = parseAs<std::variant_alternative_t<I, Action>>(item, body), true)) ||
      ...);
     if (!action)
         fail(item.IsMap() ? item.begin()->first : item, "unknown step " + quoted(keyword) +
-                                                             suggestion(keyword, stepKeywords()) +
-                                                             "; expected one of: " + joined(stepKeywords()));
+                                                            suggestion(keyword, stepKeywords()) +
+                                                            "; expected one of: " + joined(stepKeywords()));
     return std::move(*action);
 }
 

@@ -99,7 +99,13 @@ struct Stop {
 };
 struct Call {
     static constexpr StepInfo step{"call"};
-    enum class Op { clean, enableIs, suppressResyncIs, scheduledIs, outputBlocked };  // clean: translators only
+    enum class Op {
+        clean,
+        enableIs,
+        suppressResyncIs,
+        scheduledIs,
+        outputBlocked
+    };  // clean: translators only
     AgentObject object;
     Op op = Op::clean;
     bool value = false;
@@ -203,9 +209,9 @@ struct ExpectExternalId {
     std::uint32_t oid = 0;
 };
 
-using Action = std::variant<Start, Stop, Call, CreateTable, DropTable, Write, Delete, Run, Clock, CompleteQuery,
-                            ClearTraces, Dump, ExpectRows, ExpectRow, ExpectCalls, ExpectTrace, ExpectNoTrace,
-                            ExpectRegistry, ExpectExternalId>;
+using Action = std::variant<Start, Stop, Call, CreateTable, DropTable, Write, Delete, Run, Clock,
+                            CompleteQuery, ClearTraces, Dump, ExpectRows, ExpectRow, ExpectCalls, ExpectTrace,
+                            ExpectNoTrace, ExpectRegistry, ExpectExternalId>;
 
 struct Step {
     std::size_t number = 0;  // 1-based position in `steps`

@@ -61,8 +61,8 @@ private:
     // supply it, unless its type has a field of that name.
     RowSpec rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
                     bool expected = false);
-    std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
-                                 bool expected = false);
+    std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type,
+                                 const std::string& context, bool expected = false);
     // A subscription row names its output table: the translator registers it with that type.
     void learnOutputTables(const std::vector<RowSpec>& rows);
 

@@ -13,7 +13,8 @@ void ScenarioParser::requireTranslator(const std::string& agent, const YAML::Nod
         fail(node, "no translator is running on agent " + quoted(agent) + " at this step (start it first)");
 }
 
-void ScenarioParser::requireAggregator(const std::string& agent, const std::string& id, const YAML::Node& node) {
+void ScenarioParser::requireAggregator(const std::string& agent, const std::string& id,
+                                       const YAML::Node& node) {
     if (agentStates_[agent].aggregators.count(id) == 0)
         fail(node, "no aggregator " + quoted(id) + " is running on agent " + quoted(agent) + " at this step");
 }
@@ -24,11 +25,12 @@ void ScenarioParser::read(Start& step, const YAML::Node& body, const std::string
     if (body.IsMap() && body["translator"]) {
         const MapView m(body, context, {"agent", "translator"});
         step.object.agent = agentRef(m);
-        if (!boolean(m.need("translator"), "'translator'")) fail(m.need("translator"), "'translator' can only be true");
+        if (!boolean(m.need("translator"), "'translator'"))
+            fail(m.need("translator"), "'translator' can only be true");
         AgentState& state = agentStates_[step.object.agent];
         if (state.translator)
-            fail(body, "a translator is already running on agent " + quoted(step.object.agent) + " (started at " +
-                           markText(state.translatorStarted) + ")");
+            fail(body, "a translator is already running on agent " + quoted(step.object.agent) +
+                           " (started at " + markText(state.translatorStarted) + ")");
         state.translator = true;
         state.translatorStarted = markOf(body);
         return;
@@ -52,7 +54,8 @@ void ScenarioParser::read(Start& step, const YAML::Node& body, const std::string
     AgentState& state = agentStates_[step.object.agent];
     if (const auto it = state.aggregators.find(id); it != state.aggregators.end())
         fail(m.need("aggregator"), "aggregator " + quoted(id) + " is already running on agent " +
-                                       quoted(step.object.agent) + " (started at " + markText(it->second) + ")");
+                                       quoted(step.object.agent) + " (started at " + markText(it->second) +
+                                       ")");
     state.aggregators[id] = markOf(body);
     tables_.emplace(step.output, &type);
 }
@@ -100,14 +103,22 @@ void ScenarioParser::read(Call& step, const YAML::Node& body, const std::string&
     }
     requireAggregator(step.object.agent, step.object.aggregator, m.need("aggregator"));
     const std::vector<std::string> ops = {"enableIs", "suppressResyncIs", "scheduledIs", "outputBlocked"};
-    if (op == "enableIs") step.op = Call::Op::enableIs;
-    else if (op == "suppressResyncIs") step.op = Call::Op::suppressResyncIs;
-    else if (op == "scheduledIs") step.op = Call::Op::scheduledIs;
-    else if (op == "outputBlocked") step.op = Call::Op::outputBlocked;
-    else fail(opNode, "unknown aggregator op " + quoted(op) + suggestion(op, ops) + "; expected one of: " + joined(ops));
+    if (op == "enableIs")
+        step.op = Call::Op::enableIs;
+    else if (op == "suppressResyncIs")
+        step.op = Call::Op::suppressResyncIs;
+    else if (op == "scheduledIs")
+        step.op = Call::Op::scheduledIs;
+    else if (op == "outputBlocked")
+        step.op = Call::Op::outputBlocked;
+    else
+        fail(opNode, "unknown aggregator op " + quoted(op) + suggestion(op, ops) +
+                         "; expected one of: " + joined(ops));
     step.value = boolean(m.need("value"), "'value'");
-    if (step.op == Call::Op::outputBlocked) step.input = tableRef(m.need("input"), "'input'").first;
-    else if (m.get("input") != nullptr) fail(m.entry("input")->keyNode, quoted(op) + " takes no 'input'");
+    if (step.op == Call::Op::outputBlocked)
+        step.input = tableRef(m.need("input"), "'input'").first;
+    else if (m.get("input") != nullptr)
+        fail(m.entry("input")->keyNode, quoted(op) + " takes no 'input'");
 }
 
 void ScenarioParser::read(CreateTable& step, const YAML::Node& body, const std::string& context) {
@@ -132,8 +143,10 @@ void ScenarioParser::read(Write& step, const YAML::Node& body, const std::string
     const YAML::Node* row = m.get("row");
     const YAML::Node* rows = m.get("rows");
     if ((row == nullptr) == (rows == nullptr)) fail(body, context + " needs either 'row' or 'rows'");
-    if (row != nullptr) step.rows.push_back(rowSpec(*row, *type, "'row'"));
-    else step.rows = rowList(*rows, *type, "'rows'");
+    if (row != nullptr)
+        step.rows.push_back(rowSpec(*row, *type, "'row'"));
+    else
+        step.rows = rowList(*rows, *type, "'rows'");
     learnOutputTables(step.rows);
 }
 
@@ -175,9 +188,12 @@ void ScenarioParser::read(ExpectRow& step, const YAML::Node& body, const std::st
     step.key = rowSpec(m.need("key"), *type, "'key'");
     const YAML::Node* row = m.get("row");
     const YAML::Node* absent = m.get("absent");
-    if ((row == nullptr) == (absent == nullptr)) fail(body, context + " needs either 'row' or 'absent: true'");
-    if (row != nullptr) step.row = rowSpec(*row, *type, "'row'", true);
-    else if (!boolean(*absent, "'absent'")) fail(*absent, "'absent' can only be true; give 'row' to expect a row");
+    if ((row == nullptr) == (absent == nullptr))
+        fail(body, context + " needs either 'row' or 'absent: true'");
+    if (row != nullptr)
+        step.row = rowSpec(*row, *type, "'row'", true);
+    else if (!boolean(*absent, "'absent'"))
+        fail(*absent, "'absent' can only be true; give 'row' to expect a row");
 }
 
 void ScenarioParser::read(ExpectCalls& step, const YAML::Node& body, const std::string&) {
@@ -197,21 +213,27 @@ void ScenarioParser::read(ExpectCalls& step, const YAML::Node& body, const std::
         const std::string context = quoted(entry.key);
         if (entry.key == "registerTable") {
             call.kind = Velta::Host::HostCall::Kind::registerTable;
-            const MapView m(args, context, {"path", "typeName", "tableType", "desiredFlags", "flags", "owner"});
+            const MapView m(args, context,
+                            {"path", "typeName", "tableType", "desiredFlags", "flags", "owner"});
             if (const YAML::Node* n = m.get("path")) call.path = text(*n, "'path'");
             if (const YAML::Node* n = m.get("typeName")) call.typeName = text(*n, "'typeName'");
-            if (const YAML::Node* n = m.get("tableType")) call.tableType = static_cast<unsigned>(number(*n, "'tableType'", 1));
+            if (const YAML::Node* n = m.get("tableType"))
+                call.tableType = static_cast<unsigned>(number(*n, "'tableType'", 1));
             if (const YAML::Node* n = m.get("desiredFlags"))
                 call.desiredFlags = static_cast<unsigned>(number(*n, "'desiredFlags'", 0xffff));
-            if (const YAML::Node* n = m.get("flags")) call.flags = static_cast<unsigned>(number(*n, "'flags'", 0xffff));
+            if (const YAML::Node* n = m.get("flags"))
+                call.flags = static_cast<unsigned>(number(*n, "'flags'", 0xffff));
             if (const YAML::Node* n = m.get("owner")) call.owner = text(*n, "'owner'");
         } else if (entry.key == "defineQuery") {
             call.kind = Velta::Host::HostCall::Kind::defineQuery;
             const MapView m(args, context, {"text", "typeId", "params", "standing", "name"});
             if (const YAML::Node* n = m.get("text")) call.text = text(*n, "'text'");
-            if (const YAML::Node* n = m.get("typeId")) call.typeId = static_cast<unsigned>(number(*n, "'typeId'", 0xffffffff));
+            if (const YAML::Node* n = m.get("typeId"))
+                call.typeId = static_cast<unsigned>(number(*n, "'typeId'", 0xffffffff));
             if (const YAML::Node* n = m.get("params")) {
-                if (!n->IsMap()) fail(*n, std::string("expected a map of name: value for 'params', found ") + nodeKind(*n));
+                if (!n->IsMap())
+                    fail(*n,
+                         std::string("expected a map of name: value for 'params', found ") + nodeKind(*n));
                 std::map<std::string, std::string> params;
                 for (auto it = n->begin(); it != n->end(); ++it) {
                     const std::string name = text(it->first, "a parameter name");
@@ -239,10 +261,14 @@ TracePattern ScenarioParser::tracePattern(const YAML::Node& body, const std::str
     pattern.level = static_cast<unsigned>(number(levelNode, "'level'", 31));
     const YAML::Node* textNode = m.get("text");
     const YAML::Node* containsNode = m.get("contains");
-    if ((textNode == nullptr) == (containsNode == nullptr)) fail(body, context + " needs either 'text' or 'contains'");
-    if (textNode != nullptr) pattern.text = text(*textNode, "'text'");
-    else pattern.contains = nonEmptyText(*containsNode, "'contains'");
-    if (const YAML::Node* n = m.get("line")) pattern.line = static_cast<unsigned>(number(*n, "'line'", 0xffffffff));
+    if ((textNode == nullptr) == (containsNode == nullptr))
+        fail(body, context + " needs either 'text' or 'contains'");
+    if (textNode != nullptr)
+        pattern.text = text(*textNode, "'text'");
+    else
+        pattern.contains = nonEmptyText(*containsNode, "'contains'");
+    if (const YAML::Node* n = m.get("line"))
+        pattern.line = static_cast<unsigned>(number(*n, "'line'", 0xffffffff));
     if (const YAML::Node* n = m.get("function")) pattern.function = nonEmptyText(*n, "'function'");
     // A trace of a level the file leaves off is never captured: the check could not fail
     // (expect_no_trace) or could not pass (expect_trace).
@@ -267,17 +293,20 @@ void ScenarioParser::read(ExpectRegistry& step, const YAML::Node& body, const st
     const MapView m(body, context, {"agent", "key", "entry", "absent"});
     step.agent = agentRef(m);
     const MapView key(m.need("key"), "the registry 'key'", {"system_description", "outputPath"});
-    step.systemDescription =
-        static_cast<std::uint32_t>(number(key.need("system_description"), "'system_description'", 0xffffffff));
+    step.systemDescription = static_cast<std::uint32_t>(
+        number(key.need("system_description"), "'system_description'", 0xffffffff));
     step.outputPath = text(key.need("outputPath"), "'outputPath'");
     const YAML::Node* entry = m.get("entry");
     const YAML::Node* absent = m.get("absent");
-    if ((entry == nullptr) == (absent == nullptr)) fail(body, context + " needs either 'entry' or 'absent: true'");
+    if ((entry == nullptr) == (absent == nullptr))
+        fail(body, context + " needs either 'entry' or 'absent: true'");
     if (absent != nullptr) {
-        if (!boolean(*absent, "'absent'")) fail(*absent, "'absent' can only be true; give 'entry' to expect one");
+        if (!boolean(*absent, "'absent'"))
+            fail(*absent, "'absent' can only be true; give 'entry' to expect one");
         step.absent = true;
     } else {
-        const MapView e(*entry, "the registry 'entry'", {"writer", "reader", "externalOid", "tableOid", "typeId", "sid"});
+        const MapView e(*entry, "the registry 'entry'",
+                        {"writer", "reader", "externalOid", "tableOid", "typeId", "sid"});
         if (const YAML::Node* n = e.get("writer")) step.writer = boolean(*n, "'writer'");
         if (const YAML::Node* n = e.get("reader")) step.reader = boolean(*n, "'reader'");
         auto u32 = [&](const char* name) -> std::optional<std::uint32_t> {

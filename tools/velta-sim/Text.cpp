@@ -58,13 +58,27 @@ std::string doubleQuoted(std::string_view text, Quoting quoting) {
     for (const char ch : text) {
         const auto c = static_cast<unsigned char>(ch);
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
-            case '\b': out += json ? "\\b" : "\\x08"; break;
-            case '\f': out += json ? "\\f" : "\\x0c"; break;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\b':
+                out += json ? "\\b" : "\\x08";
+                break;
+            case '\f':
+                out += json ? "\\f" : "\\x0c";
+                break;
             default:
                 if (c < 0x20 || (c == 0x7f && !json)) {
                     char buffer[8];
@@ -85,7 +99,7 @@ std::size_t displayWidth(std::string_view text) {
     std::size_t width = 0;
     for (std::size_t i = 0; i < text.size();) {
         const auto lead = static_cast<unsigned char>(text[i]);
-        const std::size_t length = lead < 0x80            ? 1
+        const std::size_t length = lead < 0x80             ? 1
                                    : (lead & 0xe0) == 0xc0 ? 2
                                    : (lead & 0xf0) == 0xe0 ? 3
                                    : (lead & 0xf8) == 0xf0 ? 4

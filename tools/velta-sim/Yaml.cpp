@@ -18,7 +18,8 @@ Mark toMark(const YAML::Mark& m) { return m.is_null() ? Mark{} : Mark{m.line + 1
 // yaml-cpp's terse parser messages, said in terms of what the writer of the file has to fix.
 std::string yamlProblem(const std::string& message) {
     static const std::pair<const char*, const char*> known[] = {
-        {"illegal block entry", "a list item ('- ') where none can start; is a '{' or '[' before it left open?"},
+        {"illegal block entry",
+         "a list item ('- ') where none can start; is a '{' or '[' before it left open?"},
         {"end of sequence flow not found", "expected ']' to close the list"},
         {"end of map flow not found", "expected '}' to close the map"},
         {"illegal map value", "a ': ' where no key can start; quote a text that contains ': '"},
@@ -44,12 +45,16 @@ std::optional<Mark> secondDocument(const std::string& text) {
         void OnDocumentEnd() override {}
         void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
         void OnAlias(const YAML::Mark& m, YAML::anchor_t) override { seen(m); }
-        void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t, const std::string&) override { seen(m); }
-        void OnSequenceStart(const YAML::Mark& m, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {
+        void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t, const std::string&) override {
+            seen(m);
+        }
+        void OnSequenceStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                             YAML::EmitterStyle::value) override {
             seen(m);
         }
         void OnSequenceEnd() override {}
-        void OnMapStart(const YAML::Mark& m, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {
+        void OnMapStart(const YAML::Mark& m, const std::string&, YAML::anchor_t,
+                        YAML::EmitterStyle::value) override {
             seen(m);
         }
         void OnMapEnd() override {}
@@ -72,11 +77,16 @@ void fail(const YAML::Node& node, std::string message) { fail(markOf(node), std:
 
 const char* nodeKind(const YAML::Node& node) {
     switch (node.Type()) {
-        case YAML::NodeType::Null: return "nothing";
-        case YAML::NodeType::Scalar: return "a plain value";
-        case YAML::NodeType::Sequence: return "a list";
-        case YAML::NodeType::Map: return "a map";
-        default: return "nothing";
+        case YAML::NodeType::Null:
+            return "nothing";
+        case YAML::NodeType::Scalar:
+            return "a plain value";
+        case YAML::NodeType::Sequence:
+            return "a list";
+        case YAML::NodeType::Map:
+            return "a map";
+        default:
+            return "nothing";
     }
 }
 
@@ -98,10 +108,11 @@ MapView::MapView(const YAML::Node& node, const std::string& context, std::vector
         if (!it->first.IsScalar()) fail(it->first, "expected a plain key in " + context);
         Entry entry{it->first.Scalar(), it->first, it->second};
         for (const Entry& seen : entries_)
-            if (seen.key == entry.key) fail(entry.keyNode, "duplicate key " + quoted(entry.key) + " in " + context);
+            if (seen.key == entry.key)
+                fail(entry.keyNode, "duplicate key " + quoted(entry.key) + " in " + context);
         if (std::find(allowed.begin(), allowed.end(), entry.key) == allowed.end())
-            fail(entry.keyNode, "unknown key " + quoted(entry.key) + " in " + context + suggestion(entry.key, allowed) +
-                                    "; expected one of: " + joined(allowed));
+            fail(entry.keyNode, "unknown key " + quoted(entry.key) + " in " + context +
+                                    suggestion(entry.key, allowed) + "; expected one of: " + joined(allowed));
         entries_.push_back(std::move(entry));
     }
 }
@@ -135,7 +146,8 @@ std::string nonEmptyText(const YAML::Node& node, const std::string& what) {
 }
 
 std::uint64_t number(const YAML::Node& node, const std::string& what, std::uint64_t max) {
-    const std::string range = max == std::numeric_limits<std::uint64_t>::max() ? "" : " up to " + std::to_string(max);
+    const std::string range =
+        max == std::numeric_limits<std::uint64_t>::max() ? "" : " up to " + std::to_string(max);
     const std::string expected = "expected a number (decimal or 0x hex)" + range + " for " + what;
     if (!node.IsScalar()) fail(node, expected + ", found " + nodeKind(node));
     const std::string& s = node.Scalar();
@@ -149,11 +161,16 @@ std::uint64_t number(const YAML::Node& node, const std::string& what, std::uint6
     std::uint64_t value = 0;
     for (char c : digits) {
         unsigned d;
-        if (c >= '0' && c <= '9') d = static_cast<unsigned>(c - '0');
-        else if (base == 16 && c >= 'a' && c <= 'f') d = static_cast<unsigned>(c - 'a' + 10);
-        else if (base == 16 && c >= 'A' && c <= 'F') d = static_cast<unsigned>(c - 'A' + 10);
-        else fail(node, expected + ", found " + quoted(s));
-        if (value > (std::numeric_limits<std::uint64_t>::max() - d) / base) fail(node, expected + ", " + s + " is too large");
+        if (c >= '0' && c <= '9')
+            d = static_cast<unsigned>(c - '0');
+        else if (base == 16 && c >= 'a' && c <= 'f')
+            d = static_cast<unsigned>(c - 'a' + 10);
+        else if (base == 16 && c >= 'A' && c <= 'F')
+            d = static_cast<unsigned>(c - 'A' + 10);
+        else
+            fail(node, expected + ", found " + quoted(s));
+        if (value > (std::numeric_limits<std::uint64_t>::max() - d) / base)
+            fail(node, expected + ", " + s + " is too large");
         value = value * base + d;
     }
     if (value > max) fail(node, expected + ", " + s + " is too large");
@@ -163,7 +180,8 @@ std::uint64_t number(const YAML::Node& node, const std::string& what, std::uint6
 bool boolean(const YAML::Node& node, const std::string& what) {
     if (node.IsScalar()) {
         std::string s = node.Scalar();
-        std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        std::transform(s.begin(), s.end(), s.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
         if (s == "true") return true;
         if (s == "false") return false;
         fail(node, "expected true or false for " + what + ", found " + quoted(node.Scalar()));
