@@ -367,9 +367,10 @@ template <std::size_t... I>
 Action ScenarioParser::parseAction(const std::string& keyword, const YAML::Node& item, const YAML::Node& body,
                                    std::index_sequence<I...>) {
     std::optional<Action> action;
-    ((keyword == std::variant_alternative_t<I, Action>::step.keyword &&
-      (action = parseAs<std::variant_alternative_t<I, Action>>(item, body), true)) ||
-     ...);
+    const auto readAs = [&]<class T>(std::type_identity<T>) {
+        if (!action && keyword == T::step.keyword) action = parseAs<T>(item, body);
+    };
+    (readAs(std::type_identity<std::variant_alternative_t<I, Action>>{}), ...);
     if (!action)
         fail(item.IsMap() ? item.begin()->first : item, "unknown step " + quoted(keyword) +
                                                             suggestion(keyword, stepKeywords()) +

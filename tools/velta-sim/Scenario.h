@@ -99,13 +99,8 @@ struct Stop {
 };
 struct Call {
     static constexpr StepInfo step{"call"};
-    enum class Op {
-        clean,
-        enableIs,
-        suppressResyncIs,
-        scheduledIs,
-        outputBlocked
-    };  // clean: translators only
+    // clean is the translator's only operation; the others are an aggregator's.
+    enum class Op { clean, enableIs, suppressResyncIs, scheduledIs, outputBlocked };
     AgentObject object;
     Op op = Op::clean;
     bool value = false;
