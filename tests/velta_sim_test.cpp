@@ -97,47 +97,42 @@ steps:
 }
 
 TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
+    // Each file is these two agents (lines 1 to 3) followed by the case's text.
     const std::string agents =
         "agents:\n  - {name: srv, system: sysA, server_agent: true}\n  - {name: a1, system: sysA}\n";
-    EXPECT_EQ(
-        parseError(
-            agents +
-            "steps:\n  - start: {agent: srv, translator: true}\n  - start: {agent: srv, translator: true}\n"),
-        "s.yaml:6:12: a translator is already running on agent 'srv' (started at line 5)");
-    EXPECT_EQ(parseError(agents + "steps:\n"
-                                  "  - start: {agent: a1, aggregator: g, input_prefix: p/, output: o, "
-                                  "row_type: veCtrl::subscription}\n"
-                                  "  - stop: {agent: a1, aggregator: g}\n"
-                                  "  - call: {agent: a1, aggregator: g, op: enableIs, value: true}\n"),
-              "s.yaml:7:35: no aggregator 'g' is running on agent 'a1' at this step");
-    EXPECT_EQ(parseError(agents + "steps:\n  - expect_external_id: {agent: srv, sid: 1, oid: 2}\n"),
-              "s.yaml:5:25: no translator is running on agent 'srv' at this step (start it first)");
-    // Tables are known from the step that creates them on, not before.
-    EXPECT_EQ(
-        parseError("steps:\n  - expect_rows: {table: t/x, rows: []}\n"
-                   "  - create_table: {path: t/x, type: veMetadata::veTable}\n"),
-        "s.yaml:2:26: unknown table 't/x': create it with create_table first, or name a table an earlier "
-        "step implies (a subscription's outputPath, an aggregator's output)");
-    // The aggregator's output is known with the aggregator's row type; its fields are checked.
-    EXPECT_EQ(parseError(agents + "steps:\n"
-                                  "  - start: {agent: a1, aggregator: g, input_prefix: p/, output: o, "
-                                  "row_type: veMetadata::veTable}\n"
-                                  "  - expect_rows: {table: o, rows: [{tablePath: x, nexthop: y}]}\n"),
-              "s.yaml:6:51: 'nexthop' is not a field of veMetadata::veTable; fields are: oid, tablePath, "
-              "typeName, owner");
-    EXPECT_EQ(parseError(
-                  "steps:\n  - expect_row: {table: velta/External/Publication, key: {subscription_id: 1}}\n"),
-              "s.yaml:2:17: 'expect_row' needs either 'row' or 'absent: true'");
-    EXPECT_EQ(parseError("steps:\n  - expect_trace: {channel: C, level: 32, text: x}\n"),
-              "s.yaml:2:39: expected a number (decimal or 0x hex) up to 31 for 'level', 32 is too large");
-    EXPECT_EQ(
-        parseError("row_types:\n  - {name: veCtrl::publication, key: [a], fields: {a: u16}}\nsteps: []\n"),
-        "s.yaml:2:12: row type 'veCtrl::publication' is a built-in record; choose another name");
-    EXPECT_EQ(parseError("steps:\n  - run: {table: x}\n"), "s.yaml:2:10: 'run' takes no fields");
-    EXPECT_EQ(
-        parseError("steps:\n  - expect_calls: [{defineQuery: {txt: q}}]\n"),
-        "s.yaml:2:35: unknown key 'txt' in 'defineQuery' (did you mean 'text'?); expected one of: text, "
-        "typeId, params, standing, name");
+    const std::string aggregator =
+        "  - start: {agent: a1, aggregator: g, input_prefix: p/, output: o, row_type: ";
+    const std::pair<std::string, std::string> cases[] = {
+        {"steps:\n  - start: {agent: srv, translator: true}\n  - start: {agent: srv, translator: true}\n",
+         "6:12: a translator is already running on agent 'srv' (started at line 5)"},
+        {"steps:\n" + aggregator +
+             "veCtrl::subscription}\n  - stop: {agent: a1, aggregator: g}\n"
+             "  - call: {agent: a1, aggregator: g, op: enableIs, value: true}\n",
+         "7:35: no aggregator 'g' is running on agent 'a1' at this step"},
+        {"steps:\n  - expect_external_id: {agent: srv, sid: 1, oid: 2}\n",
+         "5:25: no translator is running on agent 'srv' at this step (start it first)"},
+        // Tables are known from the step that creates them on, not before.
+        {"steps:\n  - expect_rows: {table: t/x, rows: []}\n  - create_table: {path: t/x, type: "
+         "veMetadata::veTable}\n",
+         "5:26: unknown table 't/x': create it with create_table first, or name a table an earlier step "
+         "implies (a subscription's outputPath, an aggregator's output)"},
+        // The aggregator's output is known with the aggregator's row type; its fields are checked.
+        {"steps:\n" + aggregator +
+             "veMetadata::veTable}\n  - expect_rows: {table: o, rows: [{tablePath: x, nexthop: y}]}\n",
+         "6:51: 'nexthop' is not a field of veMetadata::veTable; fields are: oid, tablePath, typeName, "
+         "owner"},
+        {"steps:\n  - expect_row: {table: velta/External/Publication, key: {subscription_id: 1}}\n",
+         "5:17: 'expect_row' needs either 'row' or 'absent: true'"},
+        {"steps:\n  - expect_trace: {channel: C, level: 32, text: x}\n",
+         "5:39: expected a number (decimal or 0x hex) up to 31 for 'level', 32 is too large"},
+        {"row_types:\n  - {name: veCtrl::publication, key: [a], fields: {a: u16}}\nsteps: []\n",
+         "5:12: row type 'veCtrl::publication' is a built-in record; choose another name"},
+        {"steps:\n  - run: {table: x}\n", "5:10: 'run' takes no fields"},
+        {"steps:\n  - expect_calls: [{defineQuery: {txt: q}}]\n",
+         "5:35: unknown key 'txt' in 'defineQuery' (did you mean 'text'?); expected one of: text, typeId, "
+         "params, standing, name"},
+    };
+    for (const auto& [text, error] : cases) EXPECT_EQ(parseError(agents + text), "s.yaml:" + error) << text;
 }
 
 TEST(VeltaSimParse, FilesMayGiveOneRowTypeNameDifferentDefinitions) {
