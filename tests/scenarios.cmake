@@ -26,18 +26,9 @@ if(CMAKE_SCRIPT_MODE_FILE AND DEFINED VELTA_MALFORMED)
   return()
 endif()
 
-# The parser tests link the runner's library when the tool is built, and its sources otherwise.
+# The runner's tests link its core library.
 if(TARGET velta_sim_test)
-  if(TARGET VeltaSimCore)
-    target_link_libraries(velta_sim_test PRIVATE VeltaSimCore)
-  else()
-    find_package(yaml-cpp REQUIRED)
-    set(velta_sim_dir ${PROJECT_SOURCE_DIR}/tools/velta-sim)
-    target_sources(velta_sim_test PRIVATE ${velta_sim_dir}/Scenario.cpp ${velta_sim_dir}/Format.cpp ${velta_sim_dir}/Runner.cpp
-      ${velta_sim_dir}/Isolate.cpp ${velta_sim_dir}/Report.cpp)
-    target_include_directories(velta_sim_test PRIVATE ${velta_sim_dir})
-    target_link_libraries(velta_sim_test PRIVATE yaml-cpp)
-  endif()
+  target_link_libraries(velta_sim_test PRIVATE VeltaSimCore)
 endif()
 
 if(NOT TARGET velta-sim)

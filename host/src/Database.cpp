@@ -331,7 +331,11 @@ void Database::Impl::deliver(QueuedEvent& e) {
 }
 
 void Database::Impl::handleGone(std::uint64_t handle) {
-    std::erase_if(completions_, [handle](const auto& entry) { return entry.second.handle == handle; });
+    std::erase_if(completions_, [this, handle](const auto& entry) {
+        if (entry.second.handle != handle) return false;
+        queries[entry.first].definerGone = true;
+        return true;
+    });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -423,7 +427,9 @@ void Database::Impl::removeQuery(const AgentHandle& handle, const std::string& n
 
 bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::string& error) {
     for (std::size_t i = 0; i < queries.size(); ++i) {
-        if (completionQueued_[i] || queries[i].state != QueryInfo::State::pending || queries[i].text != text) continue;
+        if (completionQueued_[i] || queries[i].state != QueryInfo::State::pending || queries[i].definerGone ||
+            queries[i].text != text)
+            continue;
         completionQueued_[i] = true;
         queueTask("completeQuery " + text, [this, i, ok, error] { finishQuery(i, ok, error); });
         return true;

@@ -1,7 +1,9 @@
 #include "Format.h"
 
+#include "Text.h"
+
 #include <algorithm>
-#include <cstdio>
+#include <string_view>
 
 namespace VeltaSim {
 
@@ -13,9 +15,12 @@ namespace {
 
 bool isDefault(const BaseRow& row, std::size_t field) {
     switch (row.rowType()->fields()[field].kind) {
-        case FieldKind::string: return row.string(field).empty();
-        case FieldKind::strings: return row.strings(field).empty();
-        default: return row.number(field) == 0;
+        case FieldKind::string:
+            return row.string(field).empty();
+        case FieldKind::strings:
+            return row.strings(field).empty();
+        default:
+            return row.number(field) == 0;
     }
 }
 
@@ -32,49 +37,60 @@ std::string formatSpecValue(const RowSpec& listed, const FieldValue& value) {
     return out + "]";
 }
 
-std::string tableTypeText(Velta::TableType type) { return std::to_string(static_cast<unsigned>(type)); }
+// The call as an expectation that names every argument of its kind, so that a call and an expected
+// call print alike.
+ExpectedCall everyArgument(const Velta::Host::HostCall& call) {
+    using Kind = Velta::Host::HostCall::Kind;
+    ExpectedCall all;
+    all.kind = call.kind;
+    switch (call.kind) {
+        case Kind::registerTable:
+            all.path = call.path;
+            all.typeName = call.typeName;
+            all.tableType = static_cast<unsigned>(call.tableType);
+            all.desiredFlags = call.desiredFlags;
+            all.flags = call.flags;
+            all.owner = call.owner;
+            break;
+        case Kind::defineQuery:
+            all.text = call.text;
+            all.typeId = call.typeId;
+            all.params = call.params;
+            all.standing = call.standing;
+            all.name = call.name;
+            break;
+        case Kind::removeQuery:
+            all.name = call.name;
+            break;
+    }
+    return all;
+}
 
 }  // namespace
 
 std::string yamlText(const std::string& text) {
     bool plain = !text.empty() && text.front() != ' ' && text.back() != ' ';
-    if (plain && std::string_view("-?:,[]{}#&*!|>'\"%@`~").find(text.front()) != std::string_view::npos) plain = false;
+    if (plain && std::string_view("-?:,[]{}#&*!|>'\"%@`~").find(text.front()) != std::string_view::npos)
+        plain = false;
     for (std::size_t i = 0; plain && i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c == 0x7f || c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' || c == '\\')
+        if (c < 0x20 || c == 0x7f || c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' ||
+            c == '\\')
             plain = false;
         else if (c == ':' && (i + 1 == text.size() || text[i + 1] == ' '))
             plain = false;
         else if (c == '#' && i > 0 && text[i - 1] == ' ')
             plain = false;
     }
-    if (plain) return text;
-    std::string out = "\"";
-    for (const char ch : text) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
-            default:
-                if (c < 0x20 || c == 0x7f) {
-                    char buffer[8];
-                    std::snprintf(buffer, sizeof buffer, "\\x%02x", c);
-                    out += buffer;
-                } else {
-                    out += ch;
-                }
-        }
-    }
-    return out + "\"";
+    return plain ? text : doubleQuoted(text, Quoting::yaml);
 }
 
 std::string formatValue(const BaseRow& row, std::size_t field) {
     switch (row.rowType()->fields()[field].kind) {
-        case FieldKind::boolean: return row.number(field) != 0 ? "true" : "false";
-        case FieldKind::string: return yamlText(row.string(field));
+        case FieldKind::boolean:
+            return row.number(field) != 0 ? "true" : "false";
+        case FieldKind::string:
+            return yamlText(row.string(field));
         case FieldKind::strings: {
             std::string out = "[";
             for (const std::string& item : row.strings(field)) {
@@ -83,7 +99,8 @@ std::string formatValue(const BaseRow& row, std::size_t field) {
             }
             return out + "]";
         }
-        default: return std::to_string(row.number(field));
+        default:
+            return std::to_string(row.number(field));
     }
 }
 
@@ -103,7 +120,8 @@ std::vector<std::size_t> keyAndSetFields(const BaseRow& row) {
     const RowType& type = *row.rowType();
     for (const auto key : type.keyFields()) fields.push_back(key);
     for (std::size_t i = 0; i < type.fields().size(); ++i)
-        if (std::find(fields.begin(), fields.end(), i) == fields.end() && !isDefault(row, i)) fields.push_back(i);
+        if (std::find(fields.begin(), fields.end(), i) == fields.end() && !isDefault(row, i))
+            fields.push_back(i);
     return fields;
 }
 
@@ -112,7 +130,8 @@ std::vector<std::size_t> fieldsNamed(const BaseRow& row, const std::vector<const
     if (row.empty()) return fields;
     const RowType& type = *row.rowType();
     for (std::size_t i = 0; i < type.fields().size(); ++i) {
-        bool wanted = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
+        bool wanted =
+            std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
         for (const RowSpec* listed : specs)
             for (const FieldValue& v : listed->values)
                 if (listed->type->fields()[v.field].name == type.fields()[i].name) wanted = true;
@@ -127,6 +146,7 @@ std::string formatSpec(const RowSpec& listed) {
         if (out.size() > 1) out += ", ";
         out += listed.type->fields()[v.field].name + ": " + formatSpecValue(listed, v);
     }
+    if (listed.from) out += (out.size() > 1 ? ", from: " : "from: ") + yamlText(*listed.from);
     return out + "}";
 }
 
@@ -135,9 +155,12 @@ BaseRow buildRow(const RowSpec& listed) {
     const RowType* registered = Velta::Host::findRowType(listed.type->name());
     BaseRow row(registered != nullptr ? *registered : *listed.type);
     for (const FieldValue& v : listed.values) {
-        if (const auto* n = std::get_if<std::uint64_t>(&v.value)) row.numberIs(v.field, *n);
-        else if (const auto* s = std::get_if<std::string>(&v.value)) row.stringIs(v.field, *s);
-        else row.stringsIs(v.field, std::get<std::vector<std::string>>(v.value));
+        if (const auto* n = std::get_if<std::uint64_t>(&v.value))
+            row.numberIs(v.field, *n);
+        else if (const auto* s = std::get_if<std::string>(&v.value))
+            row.stringIs(v.field, *s);
+        else
+            row.stringsIs(v.field, std::get<std::vector<std::string>>(v.value));
     }
     return row;
 }
@@ -155,35 +178,15 @@ bool matches(const BaseRow& row, const RowSpec& listed) {
         } else if (const auto* s = std::get_if<std::string>(&v.value)) {
             if (kind != FieldKind::string || row.string(field) != *s) return false;
         } else {
-            if (kind != FieldKind::strings || row.strings(field) != std::get<std::vector<std::string>>(v.value))
+            if (kind != FieldKind::strings ||
+                row.strings(field) != std::get<std::vector<std::string>>(v.value))
                 return false;
         }
     }
     return true;
 }
 
-std::string formatCall(const Velta::Host::HostCall& call) {
-    using Kind = Velta::Host::HostCall::Kind;
-    switch (call.kind) {
-        case Kind::registerTable:
-            return "registerTable: {path: " + yamlText(call.path) + ", typeName: " + yamlText(call.typeName) +
-                   ", tableType: " + tableTypeText(call.tableType) + ", desiredFlags: " + std::to_string(call.desiredFlags) +
-                   ", flags: " + std::to_string(call.flags) + ", owner: " + yamlText(call.owner) + "}";
-        case Kind::defineQuery: {
-            std::string params = "{";
-            for (const auto& [name, value] : call.params) {
-                if (params.size() > 1) params += ", ";
-                params += yamlText(name) + ": " + yamlText(value);
-            }
-            params += "}";
-            return "defineQuery: {text: " + yamlText(call.text) + ", typeId: " + std::to_string(call.typeId) +
-                   ", params: " + params + ", standing: " + (call.standing ? "true" : "false") +
-                   ", name: " + yamlText(call.name) + "}";
-        }
-        case Kind::removeQuery: return "removeQuery: {name: " + yamlText(call.name) + "}";
-    }
-    return "?";
-}
+std::string formatCall(const Velta::Host::HostCall& call) { return formatExpectedCall(everyArgument(call)); }
 
 std::string formatExpectedCall(const ExpectedCall& call) {
     using Kind = Velta::Host::HostCall::Kind;
@@ -232,7 +235,8 @@ bool matches(const Velta::Host::HostCall& call, const ExpectedCall& expected) {
     return true;
 }
 
-std::vector<std::string> formatTable(const RowType& type, const std::vector<BaseRow>& rows, const ExtraColumn& extra) {
+std::vector<std::string> formatTable(const RowType& type, const std::vector<BaseRow>& rows,
+                                     const ExtraColumn& extra) {
     std::vector<std::size_t> columns;
     for (std::size_t i = 0; i < type.fields().size(); ++i) {
         bool keep = std::find(type.keyFields().begin(), type.keyFields().end(), i) != type.keyFields().end();
@@ -252,14 +256,14 @@ std::vector<std::string> formatTable(const RowType& type, const std::vector<Base
     }
     std::vector<std::size_t> widths(header.size(), 0);
     for (const auto& line : cells)
-        for (std::size_t c = 0; c < line.size(); ++c) widths[c] = std::max(widths[c], line[c].size());
+        for (std::size_t c = 0; c < line.size(); ++c) widths[c] = std::max(widths[c], displayWidth(line[c]));
     std::vector<std::string> out;
     auto render = [&](const std::vector<std::string>& line) {
         std::string text;
         for (std::size_t c = 0; c < line.size(); ++c) {
             if (c > 0) text += "  ";
             text += line[c];
-            if (c + 1 < line.size()) text.append(widths[c] - line[c].size(), ' ');
+            if (c + 1 < line.size()) text.append(widths[c] - displayWidth(line[c]), ' ');
         }
         return text;
     };

@@ -31,7 +31,8 @@ Velta::BaseRow buildRow(const RowSpec& listed);
 // True when every field the listed row names has that value in `row` (looked up by field name).
 bool matches(const Velta::BaseRow& row, const RowSpec& listed);
 
-// "registerTable: {path: ..., typeName: ..., ...}" with every argument of the call's kind.
+// "registerTable: {path: ..., typeName: ..., ...}" with every argument of the call's kind, as an
+// expect_calls entry writes it (the host's toString is a log line, not something to paste back).
 std::string formatCall(const Velta::Host::HostCall& call);
 // The same for an expected call, with only the arguments it names.
 std::string formatExpectedCall(const ExpectedCall& call);
@@ -49,14 +50,15 @@ std::vector<std::string> formatTable(const Velta::RowType& type, const std::vect
 // The lines of a diff between `expected` items and `found` items under `same`: the longest common
 // subsequence is shown as "  " lines, the rest as "- " (expected, missing) and "+ " (found, extra).
 template <class Expected, class Found, class Same, class ShowExpected, class ShowFound>
-std::vector<std::string> diffLines(const std::vector<Expected>& expected, const std::vector<Found>& found, Same same,
-                                   ShowExpected showExpected, ShowFound showFound) {
+std::vector<std::string> diffLines(const std::vector<Expected>& expected, const std::vector<Found>& found,
+                                   Same same, ShowExpected showExpected, ShowFound showFound) {
     const std::size_t n = expected.size();
     const std::size_t m = found.size();
     std::vector<std::vector<std::size_t>> lcs(n + 1, std::vector<std::size_t>(m + 1, 0));
     for (std::size_t i = n; i-- > 0;)
         for (std::size_t j = m; j-- > 0;)
-            lcs[i][j] = same(expected[i], found[j]) ? lcs[i + 1][j + 1] + 1 : std::max(lcs[i + 1][j], lcs[i][j + 1]);
+            lcs[i][j] =
+                same(expected[i], found[j]) ? lcs[i + 1][j + 1] + 1 : std::max(lcs[i + 1][j], lcs[i][j + 1]);
     std::vector<std::string> lines;
     std::size_t i = 0, j = 0;
     while (i < n || j < m) {

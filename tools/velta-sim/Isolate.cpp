@@ -193,7 +193,8 @@ std::vector<std::string> lines(const std::string& text, std::size_t limit) {
 
 std::string signalName(int signal) {
     const char* name = ::strsignal(signal);
-    return "signal " + std::to_string(signal) + (name != nullptr ? std::string(" (") + name + ")" : std::string());
+    return "signal " + std::to_string(signal) +
+           (name != nullptr ? std::string(" (") + name + ")" : std::string());
 }
 
 // Appends a failure of the run as a whole, attributed to the step during which it happened.
@@ -209,7 +210,8 @@ void addFailure(const Scenario& scenario, Outcome& outcome, std::size_t step, st
 }
 
 // How one run ended, judged against the scenario's expect_abort.
-void judgeEnd(const Scenario& scenario, Outcome& outcome, const Child& child, std::size_t lastStep, bool ended) {
+void judgeEnd(const Scenario& scenario, Outcome& outcome, const Child& child, std::size_t lastStep,
+              bool ended) {
     const int status = child.status;
     const bool aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
     if (scenario.expectAbort) {
@@ -217,19 +219,23 @@ void judgeEnd(const Scenario& scenario, Outcome& outcome, const Child& child, st
         if (aborted && child.errors.find(expression) != std::string::npos) return;
         std::vector<std::string> details{(aborted ? "- " : "- abort: ") + expression};
         if (!aborted && !WIFSIGNALED(status))
-            details.push_back(ended ? "+ every step ran to its end" : "+ exit status " + std::to_string(WEXITSTATUS(status)));
+            details.push_back(ended ? "+ every step ran to its end"
+                                    : "+ exit status " + std::to_string(WEXITSTATUS(status)));
         for (const std::string& line : lines(child.errors, 20)) details.push_back("+ " + line);
         if (aborted)
-            addFailure(scenario, outcome, lastStep, "the run aborted, but its report does not name the expected assertion",
+            addFailure(scenario, outcome, lastStep,
+                       "the run aborted, but its report does not name the expected assertion",
                        std::move(details));
         else if (WIFSIGNALED(status))
             addFailure(scenario, outcome, lastStep,
-                       "the run ended with " + signalName(WTERMSIG(status)) + " instead of the assertion", std::move(details));
-        else
-            addFailure(scenario, outcome, lastStep, "expected the run to end in the assertion, but it did not abort",
+                       "the run ended with " + signalName(WTERMSIG(status)) + " instead of the assertion",
                        std::move(details));
+        else
+            addFailure(scenario, outcome, lastStep,
+                       "expected the run to end in the assertion, but it did not abort", std::move(details));
     } else if (WIFSIGNALED(status)) {
-        addFailure(scenario, outcome, lastStep, "the run ended with " + signalName(WTERMSIG(status)), lines(child.errors, 40));
+        addFailure(scenario, outcome, lastStep, "the run ended with " + signalName(WTERMSIG(status)),
+                   lines(child.errors, 40));
     } else if (!ended || WEXITSTATUS(status) != 0) {
         addFailure(scenario, outcome, lastStep,
                    "the run ended unexpectedly with exit status " + std::to_string(WEXITSTATUS(status)),
@@ -266,11 +272,20 @@ Outcome runIsolated(const Scenario& scenario, const RunOptions& options, bool is
         const char kind = child.records[at++];
         if (!getString(child.records, at, payload)) break;
         switch (kind) {
-            case kStep: lastStep = std::strtoul(payload.c_str(), nullptr, 10); break;
-            case kFailure: outcome.failures.push_back(decodeFailure(payload)); break;
-            case kView: outcome.views += payload; break;
-            case kEnd: ended = true; break;
-            default: break;
+            case kStep:
+                lastStep = std::strtoul(payload.c_str(), nullptr, 10);
+                break;
+            case kFailure:
+                outcome.failures.push_back(decodeFailure(payload));
+                break;
+            case kView:
+                outcome.views += payload;
+                break;
+            case kEnd:
+                ended = true;
+                break;
+            default:
+                break;
         }
     }
     judgeEnd(scenario, outcome, child, lastStep, ended);
@@ -313,7 +328,8 @@ std::vector<SeedOutcome> runSeeds(const Scenario& scenario, const RunOptions& op
             false);
         if (!child.started) {
             SeedOutcome failed{from, {}};
-            addFailure(scenario, failed.outcome, 0, "cannot run the scenario in a child process: " + child.error, {});
+            addFailure(scenario, failed.outcome, 0,
+                       "cannot run the scenario in a child process: " + child.error, {});
             outcomes.push_back(std::move(failed));
             return outcomes;
         }
@@ -329,15 +345,19 @@ std::vector<SeedOutcome> runSeeds(const Scenario& scenario, const RunOptions& op
                     open = true;
                     lastStep = 0;
                     break;
-                case kStep: lastStep = std::strtoul(payload.c_str(), nullptr, 10); break;
+                case kStep:
+                    lastStep = std::strtoul(payload.c_str(), nullptr, 10);
+                    break;
                 case kFailure:
                     if (!outcomes.empty()) outcomes.back().outcome.failures.push_back(decodeFailure(payload));
                     break;
                 case kEnd:
-                    if (!outcomes.empty()) outcomes.back().outcome.passed = outcomes.back().outcome.failures.empty();
+                    if (!outcomes.empty())
+                        outcomes.back().outcome.passed = outcomes.back().outcome.failures.empty();
                     open = false;
                     break;
-                default: break;
+                default:
+                    break;
             }
         }
         if (open) {

@@ -1,6 +1,7 @@
 #include "Report.h"
 
-#include <cstdio>
+#include "Text.h"
+
 #include <sstream>
 
 namespace VeltaSim {
@@ -22,7 +23,8 @@ void appendFailure(std::string& out, const Failure& failure) {
 
 std::string jsonFailure(const Failure& f) {
     std::string out = "{\"step\":" + std::to_string(f.step) + ",\"line\":" + std::to_string(f.line) +
-                      ",\"keyword\":" + jsonString(f.keyword) + ",\"message\":" + jsonString(f.message) + ",\"diff\":[";
+                      ",\"keyword\":" + jsonString(f.keyword) + ",\"message\":" + jsonString(f.message) +
+                      ",\"diff\":[";
     for (std::size_t i = 0; i < f.details.size(); ++i) out += (i == 0 ? "" : ",") + jsonString(f.details[i]);
     return out + "]}";
 }
@@ -31,8 +33,8 @@ std::string jsonFailure(const Failure& f) {
 
 std::string failureHeadline(const Failure& failure) {
     if (failure.step == 0) return failure.message;
-    return "step " + std::to_string(failure.step) + " (line " + std::to_string(failure.line) + ") " + failure.keyword +
-           ": " + failure.message;
+    return "step " + std::to_string(failure.step) + " (line " + std::to_string(failure.line) + ") " +
+           failure.keyword + ": " + failure.message;
 }
 
 std::string textReport(const ScenarioReport& report) {
@@ -46,7 +48,9 @@ std::string textReport(const ScenarioReport& report) {
         } else {
             out += "  delivery orders: failed under " + std::to_string(report.failingSeeds.size()) + " of " +
                    std::to_string(report.shuffleRuns) + " seeds (" + seedList(report.failingSeeds) + ")";
-            out += report.orderIndependent ? "\n" : "; reported only: the scenario does not declare order_independent\n";
+            out += report.orderIndependent
+                       ? "\n"
+                       : "; reported only: the scenario does not declare order_independent\n";
             if (report.firstShuffleFailure) {
                 out += "  under seed " + std::to_string(report.failingSeeds.front()) + ":\n";
                 appendFailure(out, *report.firstShuffleFailure);
@@ -61,35 +65,13 @@ std::string textReport(const ScenarioReport& report) {
     return out;
 }
 
-std::string jsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const char ch : text) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
-            default:
-                if (c < 0x20) {
-                    char buffer[8];
-                    std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-                    out += buffer;
-                } else {
-                    out += ch;
-                }
-        }
-    }
-    return out + "\"";
-}
+std::string jsonString(const std::string& text) { return doubleQuoted(text, Quoting::json); }
 
 std::string jsonReport(const ScenarioReport& report) {
     std::string out = "{\"file\":" + jsonString(report.file) + ",\"name\":" + jsonString(report.name) +
                       ",\"passed\":" + (report.passed() ? "true" : "false") +
-                      ",\"order_independent\":" + (report.orderIndependent ? "true" : "false") + ",\"failures\":[";
+                      ",\"order_independent\":" + (report.orderIndependent ? "true" : "false") +
+                      ",\"failures\":[";
     for (std::size_t i = 0; i < report.outcome.failures.size(); ++i)
         out += (i == 0 ? "" : ",") + jsonFailure(report.outcome.failures[i]);
     out += "]";
@@ -98,7 +80,8 @@ std::string jsonReport(const ScenarioReport& report) {
         for (std::size_t i = 0; i < report.failingSeeds.size(); ++i)
             out += (i == 0 ? "" : ",") + std::to_string(report.failingSeeds[i]);
         out += "]";
-        if (report.firstShuffleFailure) out += ",\"first_failure\":" + jsonFailure(*report.firstShuffleFailure);
+        if (report.firstShuffleFailure)
+            out += ",\"first_failure\":" + jsonFailure(*report.firstShuffleFailure);
         out += "}";
     }
     if (!report.outcome.views.empty()) out += ",\"views\":" + jsonString(report.outcome.views);

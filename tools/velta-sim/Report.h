@@ -14,8 +14,8 @@ struct ScenarioReport {
     std::string file;
     std::string name;
     bool orderIndependent = false;
-    Outcome outcome;                       // the run in the host's plain delivery order
-    std::size_t shuffleRuns = 0;           // further runs under seeded delivery orders
+    Outcome outcome;              // the run in the host's plain delivery order
+    std::size_t shuffleRuns = 0;  // further runs under seeded delivery orders
     std::vector<std::uint64_t> failingSeeds;
     std::optional<Failure> firstShuffleFailure;
 

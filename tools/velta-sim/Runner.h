@@ -21,17 +21,17 @@ namespace VeltaSim {
 struct Failure {
     std::size_t step = 0;  // 1-based; 0 when not tied to one step
     int line = 0;
-    std::string keyword;                // the step's keyword
-    std::string message;                // one line: what was expected and what was found
+    std::string keyword;               // the step's keyword
+    std::string message;               // one line: what was expected and what was found
     std::vector<std::string> details;  // diff lines: "  " kept, "- " expected, "+ " found
 };
 
 struct RunOptions {
-    std::uint64_t shuffleSeed = 0;    // non-zero: a seeded delivery order
-    std::size_t deliveryBound = 0;    // 0: the host's own bound
-    bool trace = false;               // view: the traces captured during each step
-    bool timeline = false;            // view: every delivery with the changes it made
-    bool dump = false;                // view: every non-empty table at the end
+    std::uint64_t shuffleSeed = 0;  // non-zero: a seeded delivery order
+    std::size_t deliveryBound = 0;  // 0: the host's own bound
+    bool trace = false;             // view: the traces captured during each step
+    bool timeline = false;          // view: every delivery with the changes it made
+    bool dump = false;              // view: every non-empty table at the end
     // In a child run of a sanitizer build: look for leaks before the child ends (a leak fails
     // the run). Costly; reruns of a scenario in other delivery orders leave it off.
     bool leakCheck = true;
@@ -44,8 +44,8 @@ struct RunOptions {
 
 struct RunResult {
     std::vector<Failure> failures;
-    std::string views;        // view text, when RunOptions::onView is not set
-    bool completed = false;   // every step ran (no step stopped the run)
+    std::string views;       // view text, when RunOptions::onView is not set
+    bool completed = false;  // every step ran (no step stopped the run)
 };
 
 // Runs `scenario` in this process. An assertion in an agent ends the process; use runIsolated

@@ -16,6 +16,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -38,6 +40,9 @@ struct FieldValue {
 struct RowSpec {
     const Velta::RowType* type = nullptr;  // a built-in record type or a RowTypeDef's private copy
     std::vector<FieldValue> values;
+    // Expected rows only: the input table expected to supply the row in its aggregator's output
+    // ("" for none), as Aggregator::outputRowSource reports it.
+    std::optional<std::string> from;
     Mark mark;
 };
 
@@ -61,13 +66,25 @@ struct AgentDecl {
     Mark mark;
 };
 
-// Steps. Agent objects are addressed by agent name plus, for aggregators, their id.
-struct StartTranslator {
-    std::string agent;
+// Steps. Each step type is one entry of the registry: `step` gives its keyword and whether it is
+// an expectation (an expect_* step, which delivers queued callbacks before it checks), Action lists
+// the types in the order messages list the keywords, the parser reads a type by an overload of its
+// own and the runner carries it out by another. The compiler refuses a type that misses one.
+struct StepInfo {
+    std::string_view keyword;
+    bool expectation = false;
 };
-struct StartAggregator {
+
+// An agent object: the translator of `agent`, or its aggregator with id `aggregator`.
+struct AgentObject {
     std::string agent;
-    std::string id;
+    std::string aggregator;  // empty: the translator
+};
+
+struct Start {
+    static constexpr StepInfo step{"start"};
+    AgentObject object;
+    // Aggregators only.
     std::string inputPrefix;
     std::string inputSuffix;
     std::string output;
@@ -76,59 +93,67 @@ struct StartAggregator {
     bool enabled = true;
     bool bindFlag = false;
 };
-struct StopTranslator {
-    std::string agent;
+struct Stop {
+    static constexpr StepInfo step{"stop"};
+    AgentObject object;
 };
-struct StopAggregator {
-    std::string agent;
-    std::string id;
-};
-struct CallTranslator {  // the only operation is clean()
-    std::string agent;
-};
-struct CallAggregator {
-    enum class Op { enableIs, suppressResyncIs, scheduledIs, outputBlocked };
-    std::string agent;
-    std::string id;
-    Op op = Op::enableIs;
+struct Call {
+    static constexpr StepInfo step{"call"};
+    // clean is the translator's only operation; the others are an aggregator's.
+    enum class Op { clean, enableIs, suppressResyncIs, scheduledIs, outputBlocked };
+    AgentObject object;
+    Op op = Op::clean;
     bool value = false;
     std::string input;  // outputBlocked only
 };
 struct CreateTable {
+    static constexpr StepInfo step{"create_table"};
     std::string path;
     std::string type;
     std::string owner;
     unsigned oid = 0;
 };
 struct DropTable {
+    static constexpr StepInfo step{"drop_table"};
     std::string path;
 };
 struct Write {
+    static constexpr StepInfo step{"write"};
     std::string path;
     std::vector<RowSpec> rows;
 };
 struct Delete {
+    static constexpr StepInfo step{"delete"};
     std::string path;
     RowSpec key;
 };
-struct Run {};
+struct Run {  // a step type without members takes no fields
+    static constexpr StepInfo step{"run"};
+};
 struct Clock {
+    static constexpr StepInfo step{"clock"};
     std::uint64_t advance = 0;
 };
 struct CompleteQuery {
+    static constexpr StepInfo step{"complete_query"};
     std::string text;
     bool ok = true;
     std::string error;
 };
-struct ClearTraces {};
+struct ClearTraces {
+    static constexpr StepInfo step{"clear_traces"};
+};
 struct Dump {
+    static constexpr StepInfo step{"dump"};
     std::string path;
 };
 struct ExpectRows {
+    static constexpr StepInfo step{"expect_rows", true};
     std::string path;
     std::vector<RowSpec> rows;
 };
 struct ExpectRow {
+    static constexpr StepInfo step{"expect_row", true};
     std::string path;
     RowSpec key;
     std::optional<RowSpec> row;  // empty: the row must be absent
@@ -143,10 +168,11 @@ struct ExpectedCall {
     Mark mark;
 };
 struct ExpectCalls {
+    static constexpr StepInfo step{"expect_calls", true};
     std::vector<ExpectedCall> calls;
 };
-struct ExpectTrace {
-    bool negated = false;  // expect_no_trace
+// The traces an expect_trace or expect_no_trace step looks for.
+struct TracePattern {
     std::string channel;
     unsigned level = 0;
     std::optional<std::string> text;      // the whole message
@@ -154,7 +180,16 @@ struct ExpectTrace {
     std::optional<unsigned> line;
     std::optional<std::string> function;
 };
+struct ExpectTrace {
+    static constexpr StepInfo step{"expect_trace", true};
+    TracePattern pattern;
+};
+struct ExpectNoTrace {
+    static constexpr StepInfo step{"expect_no_trace", true};
+    TracePattern pattern;
+};
 struct ExpectRegistry {
+    static constexpr StepInfo step{"expect_registry", true};
     std::string agent;
     std::uint32_t systemDescription = 0;
     std::string outputPath;
@@ -163,15 +198,15 @@ struct ExpectRegistry {
     std::optional<std::uint32_t> externalOid, tableOid, typeId, sid;
 };
 struct ExpectExternalId {
+    static constexpr StepInfo step{"expect_external_id", true};
     std::string agent;
     std::uint32_t sid = 0;
     std::uint32_t oid = 0;
 };
 
-using Action = std::variant<StartTranslator, StartAggregator, StopTranslator, StopAggregator, CallTranslator,
-                            CallAggregator, CreateTable, DropTable, Write, Delete, Run, Clock, CompleteQuery,
-                            ClearTraces, Dump, ExpectRows, ExpectRow, ExpectCalls, ExpectTrace, ExpectRegistry,
-                            ExpectExternalId>;
+using Action = std::variant<Start, Stop, Call, CreateTable, DropTable, Write, Delete, Run, Clock,
+                            CompleteQuery, ClearTraces, Dump, ExpectRows, ExpectRow, ExpectCalls, ExpectTrace,
+                            ExpectNoTrace, ExpectRegistry, ExpectExternalId>;
 
 struct Step {
     std::size_t number = 0;  // 1-based position in `steps`
@@ -180,7 +215,9 @@ struct Step {
     Action action;
 
     // True for the expect_* steps, which deliver queued callbacks before checking.
-    bool isExpectation() const noexcept;
+    bool isExpectation() const noexcept {
+        return std::visit([](const auto& a) { return std::decay_t<decltype(a)>::step.expectation; }, action);
+    }
 };
 
 struct Scenario {

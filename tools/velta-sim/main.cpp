@@ -36,8 +36,10 @@ int runCommand(const Settings& settings) {
     for (std::size_t i = 0; i < parsed.size(); ++i) {
         if (!parsed[i].scenario) {
             unusable = true;
-            if (settings.json) std::cout << VeltaSim::jsonFileError(settings.files[i], parsed[i].error) << std::endl;
-            else std::cerr << parsed[i].error << std::endl;
+            if (settings.json)
+                std::cout << VeltaSim::jsonFileError(settings.files[i], parsed[i].error) << std::endl;
+            else
+                std::cerr << parsed[i].error << std::endl;
             continue;
         }
         const VeltaSim::Scenario& scenario = *parsed[i].scenario;
@@ -56,7 +58,8 @@ int runCommand(const Settings& settings) {
         VeltaSim::RunOptions quiet;
         quiet.leakCheck = false;
         if (settings.shuffle > 0) {
-            for (const VeltaSim::SeedOutcome& run : VeltaSim::runSeeds(scenario, quiet, 1, settings.shuffle, !settings.noFork)) {
+            for (const VeltaSim::SeedOutcome& run :
+                 VeltaSim::runSeeds(scenario, quiet, 1, settings.shuffle, !settings.noFork)) {
                 ++report.shuffleRuns;
                 if (run.outcome.passed) continue;
                 report.failingSeeds.push_back(run.seed);
@@ -65,10 +68,14 @@ int runCommand(const Settings& settings) {
             }
         }
 
-        if (report.passed()) ++passed;
-        else ++failed;
-        if (settings.json) std::cout << VeltaSim::jsonReport(report) << std::endl;
-        else std::cout << VeltaSim::textReport(report) << std::flush;
+        if (report.passed())
+            ++passed;
+        else
+            ++failed;
+        if (settings.json)
+            std::cout << VeltaSim::jsonReport(report) << std::endl;
+        else
+            std::cout << VeltaSim::textReport(report) << std::flush;
     }
     // In JSON mode standard output carries only the objects, one per line.
     (settings.json ? std::cerr : std::cout) << VeltaSim::summaryLine(passed, failed) << std::endl;
@@ -95,8 +102,10 @@ int velta_sim(int argc, char** argv) {
     app.require_subcommand(1);
     Settings settings;
 
-    CLI::App* run = app.add_subcommand("run", "run scenarios; report each; close with \"N passed, N failed\"");
-    run->add_flag("--dump", settings.dump, "also print every non-empty table at the end, as aligned text tables");
+    CLI::App* run =
+        app.add_subcommand("run", "run scenarios; report each; close with \"N passed, N failed\"");
+    run->add_flag("--dump", settings.dump,
+                  "also print every non-empty table at the end, as aligned text tables");
     run->add_flag("--trace", settings.trace, "also print the captured traces, step by step");
     run->add_flag("--json", settings.json, "the report as JSON (one object per scenario and line)");
     run->add_flag("--timeline", settings.timeline,
@@ -104,8 +113,9 @@ int velta_sim(int argc, char** argv) {
     run->add_option("--shuffle", settings.shuffle,
                     "rerun each scenario under N seeded delivery orders and report the seeds that fail")
         ->check(CLI::Range(0, 100000));
-    run->add_option("--seed", settings.seed,
-                    "deliver in the order of this seed (as --shuffle reports them), e.g. to see it with --timeline");
+    run->add_option(
+        "--seed", settings.seed,
+        "deliver in the order of this seed (as --shuffle reports them), e.g. to see it with --timeline");
     run->add_flag("--no-fork", settings.noFork,
                   "run scenarios inside this process (for debuggers; an assertion then ends velta-sim)");
     run->add_option("FILE", settings.files, "scenario files")->required();

@@ -81,6 +81,8 @@ struct QueryInfo {
     std::string name;
     enum class State { pending, completed, failed } state = State::pending;
     std::string error;
+    // The handle that defined it is gone: its completion reaches nobody and completeQuery skips it.
+    bool definerGone = false;
 };
 
 // What the host did, for timelines: deliveries and the changes made while each ran.
@@ -164,8 +166,8 @@ public:
     const std::vector<HostCall>& calls() const noexcept;
     void callsClear();
     const std::vector<QueryInfo>& queries() const noexcept;
-    // Completes the oldest pending query with `text`; false if none. The completion runs on the
-    // next delivery.
+    // Completes the oldest pending query with `text` whose definer is still there; false if none.
+    // The completion runs on the next delivery.
     bool completeQuery(const std::string& text, bool ok, const std::string& error = "");
 
     // Receives every delivery and change (nullptr: none). Not owned.
