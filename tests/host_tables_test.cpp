@@ -1,4 +1,6 @@
 // Tables, indexes and positions of the in-memory host, as agents reach them through interfaces.
+// The contracts every host keeps are the conformance kit's (conformance_test); these are this
+// host's own choices.
 #include "TestSupport.h"
 
 namespace Velta::Test {
@@ -66,21 +68,6 @@ TEST_F(HostTables, WalkSurvivesInsertReplaceAndDeletionOfTheCurrentRow) {
     }
     EXPECT_EQ(seen, (std::vector<std::string>{"b", "c", "d", "e", "h"}));
     EXPECT_EQ(walk(iface_.begin(0)), (std::vector<std::string>{"a", "b", "c", "e", "h"}));
-}
-
-TEST_F(HostTables, RowDelAtAPositionReturnsTheNextOne) {
-    fill({"a", "b", "c", "d"});
-    VeRowIterator it = iface_.find(key("b"), 0);
-    it = iface_.rowDel(it);
-    ASSERT_NE(it, iface_.end(0));
-    EXPECT_EQ(nameOf(*it), "c");
-    // Deleting every row in one walk.
-    for (VeRowIterator p = iface_.begin(0); p != iface_.end(0);) p = iface_.rowDel(p);
-    EXPECT_EQ(db_->rowCount(kPath), 0u);
-    EXPECT_EQ(iface_.begin(0), iface_.end(0));
-    // At the end it stays at the end.
-    VeRowIterator end = iface_.end(0);
-    EXPECT_EQ(iface_.rowDel(end), iface_.end(0));
 }
 
 TEST_F(HostTables, OidsAreAssignedOnInsertAndKeptOnReplace) {
@@ -169,12 +156,8 @@ TEST_F(HostTables, IndexOneOfATypeWithoutOidFollowsThePrimaryKey) {
     EXPECT_TRUE(p.row(makeRow(plain, {{"name", "x"}, {"n", 1}}), 1).empty());
 }
 
-TEST_F(HostTables, LookupsOnMissingKeysAndUnboundInterfaces) {
+TEST_F(HostTables, LookupsOnEmptyOrForeignKeysAndUnboundInterfaces) {
     fill({"b", "d"});
-    EXPECT_TRUE(iface_.row(key("c"), 0).empty());
-    EXPECT_EQ(iface_.find(key("c"), 0), iface_.end(0));
-    EXPECT_EQ(nameOf(*iface_.lower_bound(key("c"), 0)), "d");
-    EXPECT_EQ(iface_.lower_bound(key("e"), 0), iface_.end(0));
     EXPECT_TRUE(iface_.row(BaseRow(), 0).empty());
     EXPECT_EQ(iface_.find(BaseRow(), 0), iface_.end(0));
     EXPECT_TRUE((*iface_.end(0)).empty());
@@ -184,8 +167,6 @@ TEST_F(HostTables, LookupsOnMissingKeysAndUnboundInterfaces) {
     EXPECT_EQ(nameOf(iface_.row(foreignKey, 0)), "d");
 
     VeTableInterface unbound("loose", itemType().name(), kModeRead | kModeWrite, {}, {}, {}, {});
-    EXPECT_EQ(unbound.attachment(), 0u);
-    EXPECT_NE(iface_.attachment(), 0u);
     EXPECT_TRUE(unbound.row(key("b"), 0).empty());
     EXPECT_EQ(unbound.find(key("b"), 0), unbound.end(0));
     EXPECT_EQ(unbound.begin(0), unbound.end(0));
@@ -237,6 +218,7 @@ TEST_F(HostTables, PositionsCompareByTableIndexAndKey) {
     ++copy;  // past the end stays at the end
     EXPECT_EQ(copy, VeRowIterator());
     EXPECT_TRUE(copy.atEnd());
+    EXPECT_EQ(iface_.rowDel(copy), iface_.end(0));  // deleting at the end stays at the end
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 # Script mode: install, run the installed runner, configure the consumer against the prefix, build
-# it, run it, check pkg-config.
+# it, run it and the host conformance kit, check pkg-config.
 function(run)
   execute_process(COMMAND ${ARGV} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT rc EQUAL 0)
@@ -22,6 +22,7 @@ run(${CMAKE_COMMAND} -S ${SOURCE} -B ${BUILD_DIR}/consumer-build -G ${GENERATOR}
 run(${CMAKE_COMMAND} --build ${BUILD_DIR}/consumer-build)
 run(${BUILD_DIR}/consumer-build/consumer)
 message(STATUS "consumer: ${LAST_OUTPUT}")
+run(${BUILD_DIR}/consumer-build/host_conformance --gtest_brief=1)
 
 # The pkg-config file names the prefix it lies in, not the one chosen when the build was configured.
 file(GLOB_RECURSE pcfiles ${PREFIX}/*/SubscriptionHandling.pc)

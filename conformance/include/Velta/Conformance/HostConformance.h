@@ -1,0 +1,71 @@
+// The host conformance kit: the contracts the agents rely on of a host, as GoogleTest checks that
+// any host implementing the interface in <Velta/VeltaDB.h> can run.
+//
+// A host plugs in through a HostAdapter (a fresh database per check: connect agents, create tables,
+// write and delete rows as a client, deliver what is queued). The checks use nothing but the host
+// interface, the six built-in records and the adapter, and each one enforces one contract; where
+// the interface leaves a choice to the host (the order across interfaces, whether identical rewrites
+// notify, when a registration made outside the server agent arrives...), the checks accept every
+// choice. docs/host-contracts.md lists the contracts and the choices.
+//
+// A host author's test program:
+//   int main(int argc, char** argv) {
+//       testing::InitGoogleTest(&argc, argv);
+//       Velta::Conformance::registerHostConformance("MyHost", [] { return std::make_unique<MyAdapter>(); });
+//       return RUN_ALL_TESTS();
+//   }
+#pragma once
+
+#include <Velta/BaseRow.h>
+#include <Velta/VeltaDB.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Velta::Conformance {
+
+// An agent to connect, with the flags its handle must report.
+struct AgentSpec {
+    std::string agentName;
+    std::string systemName;
+    bool serverAgent = false;  // VeltaDB::isServerAgent()
+    bool external = false;     // VeltaDB::external()
+    bool standalone = true;    // VeltaDB::standalone()
+};
+
+// The host under test. One adapter is one database, fresh for each check.
+class HostAdapter {
+public:
+    virtual ~HostAdapter() = default;
+    // A handle for a new agent of this database.
+    virtual VeltaDB::p_t connect(const AgentSpec& agent) = 0;
+    // Creates an empty table at `path` for rows of the named built-in record type.
+    virtual void createTable(const std::string& path, const std::string& rowTypeName) = 0;
+    // Inserts or replaces `row`, or removes the row with `key`'s primary key, as a client outside
+    // every agent would.
+    virtual void writeRow(const std::string& path, const BaseRow& row) = 0;
+    virtual void deleteRow(const std::string& path, const BaseRow& key) = 0;
+    // Returns once every callback and every piece of host work caused so far has been delivered.
+    virtual void deliver() = 0;
+};
+
+using HostAdapterFactory = std::function<std::unique_ptr<HostAdapter>()>;
+
+// One contract and its check. A check reports through GoogleTest assertions; it is run on a
+// fresh adapter and returns when done.
+struct Check {
+    const char* name;      // the test name, e.g. "DeleteCallbackComesAfterTheRowLeft"
+    const char* contract;  // the contract, in a host author's words
+    void (*run)(HostAdapter& host);
+};
+
+// Every check, in a fixed order.
+const std::vector<Check>& checks();
+
+// Registers every check as the GoogleTest test `suite.<check name>`, each on an adapter made by
+// `makeHost`. Call it before RUN_ALL_TESTS().
+void registerHostConformance(const std::string& suite, HostAdapterFactory makeHost);
+
+}  // namespace Velta::Conformance
