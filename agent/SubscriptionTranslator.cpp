@@ -106,6 +106,19 @@ bool isOwnSystem(const VeltaDB& vdb, const veMetadata::SystemDescription& sysDes
     return vdb.systemName() == sysDesc.sysName() && vdb.agentName() == sysDesc.agentName();
 }
 
+// The completion handed to defineQuery: reports the query's outcome for one subscription.
+struct QueryCompletion {
+    SubscriptionTranslator* translator;
+    Subs sub;
+    TableRow table;
+    bool writer;
+    bool reader;
+    oid_t sid;
+    void operator()(bool ok, unsigned queryId, const std::string& error) const {
+        translator->subscriptionComplete(sub, table, writer, reader, ok, queryId, sid, error);
+    }
+};
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -551,10 +564,6 @@ void SubscriptionTranslator::subscriptionComplete(Subs sub, TableRow table, bool
 
 // ---------------------------------------------------------------------------------------------
 // Internal-to-external publication
-
-void SubscriptionTranslator::QueryCompletion::operator()(bool ok, unsigned queryId, const std::string& error) const {
-    translator->subscriptionComplete(sub, table, writer, reader, ok, queryId, sid, error);
-}
 
 void SubscriptionTranslator::pubOnRow(const BaseRow& row) {
     const veCtrl::publication pub(row);

@@ -72,6 +72,8 @@ public:
         static Kesto::Platform::DebugHandler* getHandler();
     };
 
+    // ---- What a hosting process calls ----
+
     // Builds the ten interfaces, binds those that suit the kind of agent and declares the observers
     // ready for callbacks. The agent must be the server agent or an external one (asserted).
     explicit SubscriptionTranslator(VeltaDB::p_t vdb);
@@ -89,6 +91,10 @@ public:
     std::uint32_t externalSubscriptionId(unsigned sid) const;
     // The entry of a subscription key (shared with the registry); empty when unknown.
     std::shared_ptr<SubscriptionEntry> subscription(const External::Subscription& sub) const;
+
+    // ---- Handlers ----
+    // The host calls these through the interfaces' callbacks and query completions, and they call
+    // each other; a hosting process should not call them.
 
     // Ready callback of every interface: does nothing until all interfaces of the readiness list are
     // ready, then runs the ready passes (repeatable).
@@ -126,7 +132,8 @@ public:
     void extPubOnDelete(const BaseRow& row);
     void extPubOnReady();
 
-    // Read access for the hosting process and tests.
+    // ---- Read access for tests and tools; not part of the agent's design ----
+
     // The interface whose interface name (= member name) is `ifName`, or nullptr.
     const VeTableInterface* tableInterface(const std::string& ifName) const;
     const std::vector<VeTableInterface*>& requiredInterfaces() const noexcept { return requiredInterfaces_; }
@@ -138,17 +145,8 @@ public:
     const __kestoDebug& debugChannel() const noexcept { return debugChannel_; }
 
 private:
-    // The completion handed to defineQuery: reports the query's outcome for one subscription.
-    struct QueryCompletion {
-        SubscriptionTranslator* translator;
-        Subs sub;
-        TableRow table;
-        bool writer;
-        bool reader;
-        oid_t sid;
-        void operator()(bool ok, unsigned queryId, const std::string& error) const;
-    };
-
+    // The members and their order are part of the agent's design. The ten interfaces bear their
+    // host-visible interface names.
     VeltaDB::p_t vdb_;
     VeTableInterface extSubsObserver_;
     VeTableInterface extSubsPerClientObserver_;
