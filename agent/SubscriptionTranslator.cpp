@@ -78,13 +78,6 @@ constexpr const char* kExtPubOnRowSignature = "void Velta::Agent::SubscriptionTr
 constexpr const char* kExtPubOnDeleteSignature =
     "void Velta::Agent::SubscriptionTranslator::extPubOnDelete(const Velta::BaseRow&)";
 
-// Access modes of the interfaces.
-constexpr unsigned char kReader = 1;
-constexpr unsigned char kModifier = 3;
-constexpr unsigned char kObserver = 5;
-
-// tableTypeId's answer for a type name it does not know.
-constexpr unsigned kUnknownType = 65535;
 // A mirrored publication up to this many ptime units older than the internal one counts as current.
 constexpr std::uint64_t kPtimeSlack = 50;
 // The bit that, set in both flag words, makes a one-shot direct read impossible.
@@ -136,30 +129,31 @@ Kesto::Platform::DebugHandler* SubscriptionTranslator::__kestoDebug::getHandler(
 
 SubscriptionTranslator::SubscriptionTranslator(VeltaDB::p_t vdb)
     : vdb_(std::move(vdb)),
-      extSubsObserver_("extSubsObserver_", External::Subscription::rowTypeName(), kObserver, this,
+      extSubsObserver_("extSubsObserver_", External::Subscription::rowTypeName(), kObserverMode, this,
                        &SubscriptionTranslator::onTableReady, &SubscriptionTranslator::extSubsOnRow,
                        &SubscriptionTranslator::extSubsOnDelete, nullptr),
-      extSubsPerClientObserver_("extSubsPerClientObserver_", External::Subscription::rowTypeName(), kObserver, this,
-                                &SubscriptionTranslator::onTableReady, &SubscriptionTranslator::extSubsOnClientRow,
-                                nullptr, nullptr),
-      subsReader("subsReader", veCtrl::subscription::rowTypeName(), kReader, this,
+      extSubsPerClientObserver_("extSubsPerClientObserver_", External::Subscription::rowTypeName(),
+                                kObserverMode, this, &SubscriptionTranslator::onTableReady,
+                                &SubscriptionTranslator::extSubsOnClientRow, nullptr, nullptr),
+      subsReader("subsReader", veCtrl::subscription::rowTypeName(), kReaderMode, this,
                  &SubscriptionTranslator::onTableReady, nullptr, nullptr, nullptr),
-      subsModifier("subsModifier", veCtrl::subscription::rowTypeName(), kModifier, this,
+      subsModifier("subsModifier", veCtrl::subscription::rowTypeName(), kModifierMode, this,
                    &SubscriptionTranslator::onTableReady, nullptr, nullptr, nullptr),
-      extPubObserver_("extPubObserver_", External::Publication::rowTypeName(), kObserver, this,
+      extPubObserver_("extPubObserver_", External::Publication::rowTypeName(), kObserverMode, this,
                       &SubscriptionTranslator::onTableReady, &SubscriptionTranslator::extPubOnRow,
                       &SubscriptionTranslator::extPubOnDelete, nullptr),
-      extPubModifier("extPubModifier", External::Publication::rowTypeName(), kModifier, this,
+      extPubModifier("extPubModifier", External::Publication::rowTypeName(), kModifierMode, this,
                      &SubscriptionTranslator::onTableReady, nullptr, nullptr, nullptr),
-      pubObserver_("pubObserver_", veCtrl::publication::rowTypeName(), kObserver, this,
+      pubObserver_("pubObserver_", veCtrl::publication::rowTypeName(), kObserverMode, this,
                    &SubscriptionTranslator::onTableReady, &SubscriptionTranslator::pubOnRow,
                    &SubscriptionTranslator::pubOnDelete, nullptr),
-      pubModifier("pubModifier", veCtrl::publication::rowTypeName(), kModifier, this,
+      pubModifier("pubModifier", veCtrl::publication::rowTypeName(), kModifierMode, this,
                   &SubscriptionTranslator::onTableReady, nullptr, nullptr, nullptr),
-      sysDescReader("sysDescReader", veMetadata::SystemDescription::rowTypeName(), kReader, this,
+      sysDescReader("sysDescReader", veMetadata::SystemDescription::rowTypeName(), kReaderMode, this,
                     &SubscriptionTranslator::onTableReady, nullptr, nullptr, nullptr),
-      veTableObserver("veTableObserver", veMetadata::veTable::rowTypeName(), kObserver, this,
-                      &SubscriptionTranslator::onTableReady, &SubscriptionTranslator::onTableRow, nullptr, nullptr),
+      veTableObserver("veTableObserver", veMetadata::veTable::rowTypeName(), kObserverMode, this,
+                      &SubscriptionTranslator::onTableReady, &SubscriptionTranslator::onTableRow, nullptr,
+                      nullptr),
       requiredInterfaces_{&extSubsObserver_, &subsReader, &sysDescReader, &subsModifier},
       debugChannel_(__kestoDebug::getHandler(), false) {
     KESTO_TRACE(debugChannel_, 0, kFile, Line::ctorStarting, "SubscriptionTranslator",
@@ -299,7 +293,7 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
         return;
     }
     const unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
-    if (typeId == kUnknownType) {
+    if (typeId == VeltaDB::kUnknownTypeId) {
         subscriptionComplete(sub, TableRow(), false, false, false, 0, 0, "Result type undefined.");
         return;
     }
@@ -512,7 +506,7 @@ void SubscriptionTranslator::subscriptionComplete(Subs sub, TableRow table, bool
     const auto found = subscriptions_.find(sub);
     if (found == subscriptions_.end()) {
         unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
-        if (typeId == kUnknownType) typeId = 0;
+        if (typeId == VeltaDB::kUnknownTypeId) typeId = 0;
         entry = std::shared_ptr<SubscriptionEntry>(new SubscriptionEntry(writer, reader, sub.oid(), tableOid, typeId));
         subscriptions_.emplace(sub, entry);
     } else {

@@ -186,12 +186,13 @@ using ForwardingHost = Host::ForwardingVeltaDB;
 // "<ifName> delete <row>" to a shared log; `onEvent` (if set) runs after each entry is logged.
 class RecordingInterface {
 public:
-    RecordingInterface(std::vector<std::string>& log, const std::string& ifName, const std::string& rowTypeName,
-                       unsigned char mode = kModeRead | kModeObserve)
+    RecordingInterface(std::vector<std::string>& log, const std::string& ifName,
+                       const std::string& rowTypeName, unsigned char mode = kObserverMode)
         : log_(&log),
-          iface(ifName, rowTypeName, mode, [this] { record("ready", BaseRow()); },
-                [this](const BaseRow& r) { record("row", r); }, [this](const BaseRow& r) { record("delete", r); },
-                VeTableInterface::FlagCallback()) {}
+          iface(
+              ifName, rowTypeName, mode, [this] { record("ready", BaseRow()); },
+              [this](const BaseRow& r) { record("row", r); },
+              [this](const BaseRow& r) { record("delete", r); }, VeTableInterface::FlagCallback()) {}
     RecordingInterface(const RecordingInterface&) = delete;
     RecordingInterface& operator=(const RecordingInterface&) = delete;
 

@@ -301,9 +301,8 @@ class DeleteBeforeRowLeaves : public Lab {
     VeTableInterface& hidden(const std::string& path) {
         auto& iface = hidden_[path];
         if (!iface) {
-            iface = std::make_unique<VeTableInterface>("hidden", db_->tableType(path)->name(),
-                                                       kModeRead | kModeWrite, nullptr, nullptr, nullptr,
-                                                       nullptr);
+            iface = std::make_unique<VeTableInterface>("hidden", db_->tableType(path)->name(), kModifierMode,
+                                                       nullptr, nullptr, nullptr, nullptr);
             agent_->bindInterface(*iface, path, false);
         }
         return *iface;
@@ -420,7 +419,7 @@ class RebuildsOnDelete : public Lab {
 // Lets readers see a copy of their table that is brought up to date after each delivery.
 class ReadersSeeSnapshots : public Lab {
     void bind(VeltaDB& inner, const std::shared_ptr<Bound>& b, bool flag) override {
-        if (b->iface->mode() != kModeRead) return Lab::bind(inner, b, flag);
+        if (b->iface->mode() != kReaderMode) return Lab::bind(inner, b, flag);
         const std::string copy = b->path + "#snapshot";
         if (!db_->hasTable(copy)) db_->createTable(copy, db_->tableType(b->path)->name());
         copies_[b->path] = copy;
@@ -472,9 +471,9 @@ class LosesRegistrations : public Lab {
     }
 };
 
-// Answers 0 instead of 65535 for an unknown row type.
+// Answers 0 instead of VeltaDB::kUnknownTypeId for an unknown row type.
 class UnknownTypeIsZero : public Lab {
-    unsigned tableTypeId(unsigned id) override { return id == 65535 ? 0 : id; }
+    unsigned tableTypeId(unsigned id) override { return id == VeltaDB::kUnknownTypeId ? 0 : id; }
 };
 
 // Reports the standalone flag the wrong way round.

@@ -82,7 +82,7 @@ TEST(HostDebug, ChannelHandlerIsSharedAndNeverDeletedByItsHolders) {
 TEST(HostDebug, SchedulableTracesClientReadyAtLevelEight) {
     ScopedDebugMask on("Schedulable", 0x100);
     Host::TraceCapture capture;
-    VeTableInterface iface("watcher", "veMetadata::veTable", kModeRead | kModeObserve, {}, {}, {}, {});
+    VeTableInterface iface("watcher", "veMetadata::veTable", kObserverMode, {}, {}, {}, {});
     iface.clientReadyIs(true);
     iface.clientReadyIs(true);  // traced again even when nothing changes
     ASSERT_EQ(capture.records().size(), 2u);

@@ -37,10 +37,10 @@ TEST_F(HostMetadata, VeTableRowsFollowTableCreationAndDrop) {
     db_->createTable("t/one", veMetadata::veTable::rowTypeName(), "other");  // exists: nothing changes
     db_->createTable("t/two", resultType().name(), "", 77);                  // metadata oid chosen by the caller
     // bindInterface on a missing path creates the table of the interface's type, owned by the agent.
-    VeTableInterface reader("r", resultType().name(), kModeRead, {}, {}, {}, {});
+    VeTableInterface reader("r", resultType().name(), kReaderMode, {}, {}, {}, {});
     agent->bindInterface(reader, "t/three", false);
     // An unknown type: bound all the same, but no table.
-    VeTableInterface strange("s", "No::Such", kModeRead, {}, {}, {}, {});
+    VeTableInterface strange("s", "No::Such", kReaderMode, {}, {}, {}, {});
     agent->bindInterface(strange, "t/strange", false);
     EXPECT_NE(strange.attachment(), 0u);
     EXPECT_FALSE(db_->hasTable("t/strange"));

@@ -184,7 +184,7 @@ TEST(HostRowTypes, RegistryIdsAndDefinitions) {
         ASSERT_NE(Host::findRowType(builtins[i]), nullptr);
         EXPECT_EQ(&builtinRowType(static_cast<BuiltinRow>(i)), Host::findRowType(builtins[i]));
     }
-    EXPECT_EQ(handle->tableTypeId("No::SuchType", false), 65535u);
+    EXPECT_EQ(handle->tableTypeId("No::SuchType", false), VeltaDB::kUnknownTypeId);
     EXPECT_GT(pairType().id(), 7u);  // user types come after the built-ins
     EXPECT_EQ(handle->tableTypeId("RowsTest::Pair", false), pairType().id());
 

@@ -26,7 +26,7 @@ std::uint64_t oidOf(const BaseRow& row) { return row.number(0); }
 
 class HostTables : public HostTest {
 protected:
-    HostTables() : agent_(connect("A")), iface_("items", itemType().name(), kModeRead | kModeWrite, {}, {}, {}, {}) {
+    HostTables() : agent_(connect("A")), iface_("items", itemType().name(), kModifierMode, {}, {}, {}, {}) {
         agent_->bindInterface(iface_, kPath, false);
     }
 
@@ -98,7 +98,7 @@ TEST_F(HostTables, OidsAreAssignedOnInsertAndKeptOnReplace) {
     foreign.tablePathIs("ignored");
     db_->createTable("test/meta-like", itemType().name());
     auto other = connect("B");
-    VeTableInterface writer("w", itemType().name(), kModeRead | kModeWrite, {}, {}, {}, {});
+    VeTableInterface writer("w", itemType().name(), kModifierMode, {}, {}, {}, {});
     other->bindInterface(writer, "test/meta-like", false);
     writer.rowIs(foreign);
     EXPECT_EQ(foreign.rowType()->name(), "veMetadata::veTable");
@@ -142,7 +142,7 @@ TEST_F(HostTables, IndexOneFindsTheFirstRowWithAnOid) {
 TEST_F(HostTables, IndexOneOfATypeWithoutOidFollowsThePrimaryKey) {
     const RowType& plain = Host::defineRowType("TablesTest::Plain", {{"name", FieldKind::string}, {"n", FieldKind::u64}},
                                                {"n", "name"});
-    VeTableInterface p("plain", plain.name(), kModeRead | kModeWrite, {}, {}, {}, {});
+    VeTableInterface p("plain", plain.name(), kModifierMode, {}, {}, {}, {});
     agent_->bindInterface(p, "test/plain", false);
     for (const auto& [name, n] : std::vector<std::pair<std::string, unsigned>>{{"x", 2}, {"a", 2}, {"q", 1}}) {
         BaseRow r = makeRow(plain, {{"name", name}, {"n", n}});
@@ -166,7 +166,7 @@ TEST_F(HostTables, LookupsOnEmptyOrForeignKeysAndUnboundInterfaces) {
                                        {{"name", "d"}});
     EXPECT_EQ(nameOf(iface_.row(foreignKey, 0)), "d");
 
-    VeTableInterface unbound("loose", itemType().name(), kModeRead | kModeWrite, {}, {}, {}, {});
+    VeTableInterface unbound("loose", itemType().name(), kModifierMode, {}, {}, {}, {});
     EXPECT_TRUE(unbound.row(key("b"), 0).empty());
     EXPECT_EQ(unbound.find(key("b"), 0), unbound.end(0));
     EXPECT_EQ(unbound.begin(0), unbound.end(0));

@@ -429,7 +429,7 @@ void runTableHistory(const RowType& type, const KeySpace<K>& space, std::size_t 
     auto agent = db->connect({"keys", "keys"});
     const std::string path = "test/keys";
     db->createTable(path, type.name());
-    VeTableInterface iface("keys", type.name(), kModeRead | kModeWrite, {}, {}, {}, {});
+    VeTableInterface iface("keys", type.name(), kModifierMode, {}, {}, {}, {});
     agent->bindInterface(iface, path, false);
     db->runUntilIdle();
     std::mt19937_64 rng(seed);

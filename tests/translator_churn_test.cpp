@@ -453,7 +453,8 @@ private:
 
     bool valid(const External::Subscription& sub, std::string* why) const {
         if (sub.outputPath().empty()) return *why = "no output path", false;
-        if (handle_->tableTypeId(sub.typeName(), false) == 65535) return *why = "unknown type", false;
+        if (handle_->tableTypeId(sub.typeName(), false) == Velta::VeltaDB::kUnknownTypeId)
+            return *why = "unknown type", false;
         const SysDesc d = sysDesc(sub.system_description());
         if (!d.exists) return *why = "no system description", false;
         if ((d.properties & 1) == 0) return *why = "internal member system", false;

@@ -24,12 +24,12 @@ bool has(const std::vector<std::string>& lines, const std::string& line) {
 
 void readyComesFirst(HostAdapter& host) {
     Scene s(host, "ready-first");
-    s.probe("early", kObserver);
+    s.probe("early", kObserverMode);
     host.writeRow(s.path, pub(1, "x"));
     host.writeRow(s.path, pub(2, "y"));
     host.deleteRow(s.path, pub(1));
     host.deliver();
-    s.probe("late", kObserver);  // bound to a table that already holds rows
+    s.probe("late", kObserverMode);  // bound to a table that already holds rows
     host.writeRow(s.path, pub(3, "z"));
     host.deliver();
     for (const char* name : {"early", "late"}) {
@@ -44,7 +44,7 @@ void readyIsTrueInTheReadyCallback(HostAdapter& host) {
     Scene s(host, "ready-flag");
     std::vector<bool> flags;
     Probe& observer =
-        s.probe("observer", kObserver, [&](Probe& self, const std::string& what, const BaseRow&) {
+        s.probe("observer", kObserverMode, [&](Probe& self, const std::string& what, const BaseRow&) {
             if (what == "ready") flags.push_back(self.iface.ready());
         });
     host.deliver();
@@ -60,7 +60,8 @@ void readyIsTrueInTheReadyCallback(HostAdapter& host) {
 
 void readersAndModifiersBecomeReady(HostAdapter& host) {
     Scene s(host, "ready-unasked");
-    for (unsigned char mode : {kReader, kModifier}) s.probe(mode == kReader ? "reader" : "modifier", mode);
+    for (unsigned char mode : {kReaderMode, kModifierMode})
+        s.probe(mode == kReaderMode ? "reader" : "modifier", mode);
     host.deliver();
     for (const char* name : {"reader", "modifier"})
         VELTA_KIT_EXPECT(!s.log->of(name, "ready").empty())
@@ -70,7 +71,7 @@ void readersAndModifiersBecomeReady(HostAdapter& host) {
 
 void observerWaitsForClientReady(HostAdapter& host) {
     Scene s(host, "client-ready");
-    Probe& observer = s.probe("observer", kObserver, nullptr, "A", false);
+    Probe& observer = s.probe("observer", kObserverMode, nullptr, "A", false);
     host.writeRow(s.path, pub(1, "before"));
     host.deliver();
     VELTA_KIT_EXPECT(s.log->lines.empty())
@@ -91,9 +92,9 @@ void observerWaitsForClientReady(HostAdapter& host) {
 
 void everyChangeIsReported(HostAdapter& host) {
     Scene s(host, "every-change");
-    s.probe("observer", kObserver);
-    Probe& own = s.probe("ownModifier", kModifier);
-    Probe& other = s.probe("otherModifier", kModifier, nullptr, "B");
+    s.probe("observer", kObserverMode);
+    Probe& own = s.probe("ownModifier", kModifierMode);
+    Probe& other = s.probe("otherModifier", kModifierMode, nullptr, "B");
     host.deliver();
 
     host.writeRow(s.path, pub(1, "client"));
@@ -121,8 +122,8 @@ void everyChangeIsReported(HostAdapter& host) {
 
 void changesArriveInOrder(HostAdapter& host) {
     Scene s(host, "in-order");
-    s.probe("first", kObserver);
-    s.probe("second", kObserver);
+    s.probe("first", kObserverMode);
+    s.probe("second", kObserverMode);
     host.deliver();
     host.writeRow(s.path, pub(1, "a"));
     host.writeRow(s.path, pub(2, "a"));
@@ -152,12 +153,12 @@ void deleteComesAfterTheRowLeft(HostAdapter& host) {
     Scene s(host, "delete-after");
     for (unsigned id : {1u, 2u, 3u}) host.writeRow(s.path, pub(id, "v"));
     std::vector<std::string> stillThere;
-    s.probe("observer", kObserver, [&](Probe& self, const std::string& what, const BaseRow& row) {
+    s.probe("observer", kObserverMode, [&](Probe& self, const std::string& what, const BaseRow& row) {
         const VeTableInterface& i = self.iface;
         if (what == "delete" && (!i.row(row, 0).empty() || i.find(row, 0) != i.end(0)))
             stillThere.push_back(showPub(row));
     });
-    Probe& other = s.probe("otherModifier", kModifier, nullptr, "B");
+    Probe& other = s.probe("otherModifier", kModifierMode, nullptr, "B");
     host.deliver();
     host.deleteRow(s.path, pub(2));
     other.iface.rowDel(pub(3));
@@ -174,10 +175,10 @@ void deleteComesAfterTheRowLeft(HostAdapter& host) {
 
 void destroyedInterfaceIsLeftAlone(HostAdapter& host) {
     Scene s(host, "destroyed");
-    auto gone = std::make_unique<Probe>(s.log, "gone", s.rowTypeName, kObserver);
-    auto victim = std::make_unique<Probe>(s.log, "victim", s.rowTypeName, kObserver);
+    auto gone = std::make_unique<Probe>(s.log, "gone", s.rowTypeName, kObserverMode);
+    auto victim = std::make_unique<Probe>(s.log, "victim", s.rowTypeName, kObserverMode);
     for (Probe* p : {gone.get(), victim.get()}) p->bind(s.agent(), s.path);
-    Probe& killer = s.probe("killer", kObserver);
+    Probe& killer = s.probe("killer", kObserverMode);
     host.deliver();
     host.writeRow(s.path, pub(1, "queued"));
     gone.reset();  // with a callback queued for it
@@ -201,13 +202,13 @@ void callbacksNeverOverlap(HostAdapter& host) {
     Scene s(host, "one-at-a-time");
     VeltaDB& agent = s.agent();
     bool done = false;
-    s.probe("observer", kObserver, [&](Probe&, const std::string& what, const BaseRow&) {
+    s.probe("observer", kObserverMode, [&](Probe&, const std::string& what, const BaseRow&) {
         if (what != "row" || done) return;
         done = true;
-        s.probe("reader", kReader);
-        s.probe("observer2", kObserver);
-        s.probe("modifier", kModifier).write(pub(2, "from a callback"));
-        s.probe("modifier2", kModifier).iface.rowDel(pub(1));
+        s.probe("reader", kReaderMode);
+        s.probe("observer2", kObserverMode);
+        s.probe("modifier", kModifierMode).write(pub(2, "from a callback"));
+        s.probe("modifier2", kModifierMode).iface.rowDel(pub(1));
         agent.registerTable(s.path + "/registered", s.rowTypeName, static_cast<TableType>(0), 0, 0, "A");
         (void)agent.tableInfo(s.path);
     });
@@ -221,7 +222,7 @@ void callbacksNeverOverlap(HostAdapter& host) {
 
 void scheduledFlagOffKeepsCallbacks(HostAdapter& host) {
     Scene s(host, "scheduled");
-    Probe& observer = s.probe("observer", kObserver, nullptr, "A", false);
+    Probe& observer = s.probe("observer", kObserverMode, nullptr, "A", false);
     observer.iface.scheduledIs(false);
     observer.iface.clientReadyIs(true);
     host.deliver();
@@ -236,7 +237,7 @@ void scheduledFlagOffKeepsCallbacks(HostAdapter& host) {
 void activatedFlagFollowsActivate(HostAdapter& host) {
     Scene s(host, "activated");
     Probe& observer =
-        s.probe("observer", kObserver, [](Probe& self, const std::string& what, const BaseRow&) {
+        s.probe("observer", kObserverMode, [](Probe& self, const std::string& what, const BaseRow&) {
             if (what == "ready") self.iface.activate(true);
         });
     host.deliver();
@@ -254,7 +255,7 @@ void activatedFlagFollowsActivate(HostAdapter& host) {
 
 void attachmentMarksBinding(HostAdapter& host) {
     Scene s(host, "attachment");
-    Probe modifier(s.log, "modifier", s.rowTypeName, kModifier);
+    Probe modifier(s.log, "modifier", s.rowTypeName, kModifierMode);
     VELTA_KIT_EXPECT(modifier.iface.attachment() == 0)
         << "the attachment value of an interface never bound was not zero";
     modifier.bind(s.agent(), s.path);

@@ -214,7 +214,7 @@ void Probe::hookIs(Hook hook) { state_->hook = std::move(hook); }
 
 void Probe::bind(VeltaDB& db, const std::string& path, bool clientReady) {
     db.bindInterface(iface, path, false);
-    if (clientReady && mode_ == kObserver) iface.clientReadyIs(true);
+    if (clientReady && mode_ == kObserverMode) iface.clientReadyIs(true);
 }
 
 Scene::Scene(HostAdapter& host, const std::string& name, const std::string& rowTypeName)

@@ -38,11 +38,6 @@
 
 namespace Velta::Conformance::kit {
 
-// Access modes the agents use: 1 reads, 3 also writes, 5 reads and observes.
-inline constexpr unsigned char kReader = 1;
-inline constexpr unsigned char kModifier = 3;
-inline constexpr unsigned char kObserver = 5;
-
 // A standalone agent named `name`: the server agent or an external one.
 VeltaDB::p_t connectAgent(HostAdapter& host, const std::string& name, bool serverAgent = false);
 

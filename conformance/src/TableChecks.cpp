@@ -159,7 +159,7 @@ void primaryKeyAddressesRows(HostAdapter& host) {
         Scene s(host, "primary-key/" + std::to_string(n++), shape.typeName);
         const auto stored = [&](int key) { return shape.make(key, "stored " + std::to_string(key)); };
         for (int key = 0; key < 3; ++key) host.writeRow(s.path, stored(key));
-        Probe& modifier = s.probe("modifier", kModifier);
+        Probe& modifier = s.probe("modifier", kModifierMode);
         host.deliver();
         const VeTableInterface& i = modifier.iface;
         const auto expectAt = [&](const BaseRow& key, const std::string& want) {
@@ -191,7 +191,7 @@ void primaryKeyAddressesRows(HostAdapter& host) {
 void oidIndexFindsRows(HostAdapter& host) {
     Scene s(host, "oid-index", veCtrl::subscription::rowTypeName());
     host.writeRow(s.path, control(9, 9, 9, 900));
-    Probe& modifier = s.probe("modifier", kModifier);
+    Probe& modifier = s.probe("modifier", kModifierMode);
     host.deliver();
     VeTableInterface& i = modifier.iface;
     i.activateIndex(1);
@@ -235,7 +235,7 @@ void walksSurviveChanges(HostAdapter& host) {
     Scene s(host, "walk/changes");
     const std::string& path = s.path;
     for (unsigned id : {10u, 20u, 30u, 40u, 50u, 60u}) host.writeRow(path, pub(id, "v"));
-    Probe& walker = s.probe("walker", kModifier);
+    Probe& walker = s.probe("walker", kModifierMode);
     host.deliver();
     const std::vector<unsigned> order = ids(walker.iface);
     VELTA_KIT_REQUIRE(order.size() == 6) << "a walk of a table of six rows gave " << text(order);
@@ -262,7 +262,7 @@ void walksSurviveChanges(HostAdapter& host) {
     Scene sweep(host, "walk/sweep");
     const std::string& swept = sweep.path;
     for (unsigned id = 1; id <= 6; ++id) host.writeRow(swept, pub(id, "v"));
-    Probe& sweeper = sweep.probe("sweeper", kModifier);
+    Probe& sweeper = sweep.probe("sweeper", kModifierMode);
     host.deliver();
     const std::vector<unsigned> all = ids(sweeper.iface);
     std::vector<unsigned> deleted, kept;
@@ -309,8 +309,8 @@ void walksSurviveChanges(HostAdapter& host) {
 
 void ownWritesAreVisibleAtOnce(HostAdapter& host) {
     Scene s(host, "own-writes");
-    Probe& modifier = s.probe("modifier", kModifier);
-    Probe& reader = s.probe("reader", kReader);
+    Probe& modifier = s.probe("modifier", kModifierMode);
+    Probe& reader = s.probe("reader", kReaderMode);
     host.deliver();
     std::vector<std::string> problems;
     const auto expectRow = [&](const char* when, const std::string& want) {
@@ -387,7 +387,7 @@ void tablesAreListedAndDescribed(HostAdapter& host) {
     const std::string after = "conformance/tables/after";
     VeltaDB& agent = s.agent();
     const std::shared_ptr<Log>& log = s.log;
-    Probe tables(log, "tables", veMetadata::veTable::rowTypeName(), kObserver, showTable);
+    Probe tables(log, "tables", veMetadata::veTable::rowTypeName(), kObserverMode, showTable);
     std::vector<std::string> walked;
     tables.hookIs([&](Probe& self, const std::string& what, const BaseRow&) {
         if (what == "ready") walked = walk(self.iface, showTable);
@@ -445,7 +445,7 @@ void registrationReachesMetadataObservers(HostAdapter& host) {
     const std::string path = "conformance/registered/elsewhere";
     const VeltaDB::p_t agent = connectAgent(host, "A");
     auto log = std::make_shared<Log>();
-    Probe tables(log, "tables", veMetadata::veTable::rowTypeName(), kObserver, showTable);
+    Probe tables(log, "tables", veMetadata::veTable::rowTypeName(), kObserverMode, showTable);
     tables.bind(*agent, kVeTablePath);
     host.deliver();
     agent->registerTable(path, kPubType, static_cast<TableType>(0), 0, 0, "A");
@@ -464,12 +464,12 @@ void rowTypesKnownAndUnknown(HostAdapter& host) {
          {External::Subscription::rowTypeName(), External::Publication::rowTypeName(),
           veCtrl::subscription::rowTypeName(), veCtrl::publication::rowTypeName(),
           veMetadata::veTable::rowTypeName(), veMetadata::SystemDescription::rowTypeName()}) {
-        if (agent->tableTypeId(type, false) == 65535)
+        if (agent->tableTypeId(type, false) == VeltaDB::kUnknownTypeId)
             problems.push_back("tableTypeId(\"" + type + "\") gave 65535");
         if (VeltaDB::veClass(type).empty()) problems.push_back("veClass(\"" + type + "\") gave an empty row");
     }
     const std::string unknown = "Conformance::NoSuchType";
-    if (const unsigned id = agent->tableTypeId(unknown, false); id != 65535)
+    if (const unsigned id = agent->tableTypeId(unknown, false); id != VeltaDB::kUnknownTypeId)
         problems.push_back("tableTypeId of an unknown type gave " + std::to_string(id) + ", not 65535");
     if (!VeltaDB::veClass(unknown).empty()) problems.push_back("veClass of an unknown type gave a row");
     VELTA_KIT_EXPECT(problems.empty())

@@ -58,6 +58,10 @@ private:
 inline constexpr unsigned char kModeRead = 1;
 inline constexpr unsigned char kModeWrite = 2;
 inline constexpr unsigned char kModeObserve = 4;
+// The mode bytes the agents build their interfaces with.
+inline constexpr unsigned char kReaderMode = kModeRead;                   // 1: reads rows
+inline constexpr unsigned char kModifierMode = kModeRead | kModeWrite;    // 3: also writes rows
+inline constexpr unsigned char kObserverMode = kModeRead | kModeObserve;  // 5: also gets row callbacks
 
 class VeTableInterface : public Schedulable {
 public:

@@ -73,7 +73,9 @@ public:
     // The table's metadata row; an empty row for an unknown table.
     virtual veMetadata::veTable tableInfo(const std::string& path) const = 0;
     virtual veMetadata::veTable tableInfo(unsigned oid) const = 0;
-    // The id of a row type; 65535 for an unknown name.
+    // What tableTypeId answers for a type name the host does not know.
+    static constexpr unsigned kUnknownTypeId = 65535;
+    // The id of a row type; kUnknownTypeId for an unknown name.
     virtual unsigned tableTypeId(const std::string& typeName, bool flag) const = 0;
     // Row operations for an index of a type. Never null: rows of an unknown type, or of two
     // different types, are ordered by type id and then by their own primary keys.
