@@ -257,27 +257,30 @@ protected:
 
 namespace Velta::Test {
 
-// Every write and delete the host makes, by whoever: "+path row" and "-path row" lines.
-class ChangeLog : public Host::EventListener {
-public:
-    void onDeliveryBegin(Delivery, const VeTableInterface*, const BaseRow&, const std::string&) override {}
-    void onDeliveryEnd() override {}
-    void onWrite(const std::string& path, const BaseRow& row) override { lines.push_back("+" + path + " " + row.toString()); }
-    void onDelete(const std::string& path, const BaseRow& row) override { lines.push_back("-" + path + " " + row.toString()); }
-    void onHostCall(const Host::HostCall&) override {}
-    void onTableCreated(const std::string&) override {}
-    void onTableDropped(const std::string&) override {}
-
-    // The lines about `path`, in order, without the path.
-    std::vector<std::string> linesFor(const std::string& path) const {
-        std::vector<std::string> found;
-        for (const std::string& line : lines) {
-            if (line.compare(1, path.size() + 1, path + " ") == 0) found.push_back(line.substr(0, 1) + line.substr(path.size() + 2));
-        }
-        return found;
-    }
+// The changes and host calls an event log holds, by whoever: "+path row" for a write, "-path row"
+// for a deletion and "call <call>" (Host::toString) for a host call.
+inline std::vector<std::string> changeLines(const Host::EventLog& log) {
     std::vector<std::string> lines;
-};
+    for (const Host::EventLog::Entry& e : log.entries()) {
+        using Kind = Host::EventLog::Entry::Kind;
+        if (e.kind == Kind::write || e.kind == Kind::erase)
+            lines.push_back((e.kind == Kind::write ? "+" : "-") + e.path + " " + e.row.toString());
+        else if (e.kind == Kind::hostCall)
+            lines.push_back("call " + Host::toString(*e.call));
+    }
+    return lines;
+}
+
+// The writes and deletions of the table at `path`, without the path: "+row" and "-row".
+inline std::vector<std::string> changeLines(const Host::EventLog& log, const std::string& path) {
+    std::vector<std::string> lines;
+    for (const Host::EventLog::Entry& e : log.entries()) {
+        using Kind = Host::EventLog::Entry::Kind;
+        if ((e.kind == Kind::write || e.kind == Kind::erase) && e.path == path)
+            lines.push_back((e.kind == Kind::write ? "+" : "-") + e.row.toString());
+    }
+    return lines;
+}
 
 // A record's streamed form, for building expected trace messages.
 template <class T>
@@ -288,7 +291,7 @@ std::string streamed(const T& value) {
 }
 
 // A fixture with one translator in an agent of a chosen kind, the user row type "Test::Item" and
-// a change log. The translator holds the only reference to its handle, so destroying it also
+// an event log. The translator holds the only reference to its handle, so destroying it also
 // drops the host's pending query completions for it.
 class TranslatorTest : public HostTest {
 protected:
@@ -315,7 +318,7 @@ protected:
         return o;
     }
 
-    // Builds a translator in a new agent of `kind` (after the database's change log is attached)
+    // Builds a translator in a new agent of `kind` (after the database's event log is attached)
     // and runs the loop, so its ready pass is done.
     Agent::SubscriptionTranslator& start(Kind kind, const std::string& agentName = "A",
                                          const std::string& systemName = "sysA") {
@@ -422,7 +425,7 @@ protected:
     }
 
     std::unique_ptr<Agent::SubscriptionTranslator> translator_;
-    ChangeLog log_;
+    Host::EventLog log_;
 };
 
 }  // namespace Velta::Test

@@ -76,8 +76,6 @@ public:
         seen_ = capture ? capture->records().size() : 0;
     }
 
-    void onDeliveryBegin(Delivery, const VeTableInterface*, const BaseRow&, const std::string&) override {}
-    void onDeliveryEnd() override {}
     void onWrite(const std::string& path, const BaseRow& row) override {
         drain();
         if (path == path_) events_.push_back("+" + show(row));
@@ -86,9 +84,6 @@ public:
         drain();
         if (path == path_) events_.push_back("-" + show(row));
     }
-    void onHostCall(const Host::HostCall&) override {}
-    void onTableCreated(const std::string&) override {}
-    void onTableDropped(const std::string&) override {}
 
     // The events so far; the timeline starts empty again.
     std::vector<std::string> take() {

@@ -241,26 +241,9 @@ TEST_F(HostMetadata, ManualQueriesCompleteOnlyByHandAndCompletionsDieWithTheirHa
     EXPECT_EQ(db_->queries()[0].state, Host::QueryInfo::State::completed);
 }
 
-// Collects what the listener hooks report.
-class Timeline : public Host::EventListener {
-public:
-    void onDeliveryBegin(Delivery d, const VeTableInterface* iface, const BaseRow& row, const std::string& what) override {
-        static const char* names[] = {"ready", "row", "delete", "task"};
-        lines.push_back(std::string("begin ") + names[static_cast<int>(d)] + " " + (iface ? iface->ifName() : what) +
-                        (row.empty() ? "" : " " + row.string(1)));
-    }
-    void onDeliveryEnd() override { lines.push_back("end"); }
-    void onWrite(const std::string& path, const BaseRow&) override { lines.push_back("write " + path); }
-    void onDelete(const std::string& path, const BaseRow&) override { lines.push_back("delete " + path); }
-    void onHostCall(const Host::HostCall& call) override { lines.push_back("call " + call.path); }
-    void onTableCreated(const std::string& path) override { lines.push_back("created " + path); }
-    void onTableDropped(const std::string& path) override { lines.push_back("dropped " + path); }
-    std::vector<std::string> lines;
-};
-
 TEST_F(HostMetadata, ListenerSeesDeliveriesChangesAndHostCalls) {
-    Timeline timeline;
-    db_->listenerIs(&timeline);
+    Host::EventLog events;
+    db_->listenerIs(&events);
     auto agent = connect("A");
     std::vector<std::string> log;
     RecordingInterface o(log, "obs", resultType().name());
@@ -271,11 +254,26 @@ TEST_F(HostMetadata, ListenerSeesDeliveriesChangesAndHostCalls) {
     db_->dropTable("t/x");
     run();
     db_->listenerIs(nullptr);
-    EXPECT_EQ(timeline.lines,
-              (std::vector<std::string>{"created t/x", "write velta/metadata/veTable", "call t/y", "write t/x",
-                                        "dropped t/x", "delete velta/metadata/veTable", "begin ready obs", "end",
-                                        "begin task registerTable t/y", "created t/y", "write velta/metadata/veTable",
-                                        "end", "begin row obs k1", "end"}));
+    // "begin <delivery> <interface or work>[ <key>]", "end", "<change> <path>".
+    std::vector<std::string> lines;
+    for (const Host::EventLog::Entry& e : events.entries()) {
+        static const char* const kinds[] = {"begin", "end", "write", "delete", "call", "created", "dropped"};
+        static const char* const deliveries[] = {"ready", "row", "delete", "task"};
+        std::string line = kinds[static_cast<int>(e.kind)];
+        if (e.kind == Host::EventLog::Entry::Kind::deliveryBegin)
+            line += std::string(" ") + deliveries[static_cast<int>(e.delivery)] + " " +
+                    (e.iface ? e.ifName : e.what) + (e.row.empty() ? "" : " " + e.row.string(1));
+        else if (e.call)
+            line += " " + e.call->path;
+        else if (!e.path.empty())
+            line += " " + e.path;
+        lines.push_back(line);
+    }
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{
+                  "created t/x", "write velta/metadata/veTable", "call t/y", "write t/x", "dropped t/x",
+                  "delete velta/metadata/veTable", "begin ready obs", "end", "begin task registerTable t/y",
+                  "created t/y", "write velta/metadata/veTable", "end", "begin row obs k1", "end"}));
 }
 
 }  // namespace

@@ -213,7 +213,7 @@ TEST_F(IntakeTest, IntakeMirrorsAnInternalPublicationThatIsAlreadyThere) {
         {{"subscription_id", sub.oid()}, {"publication_id", sid}, {"tableId", tableId}, {"typeId", typeId},
          {"status", true}, {"ptime", 7}});
     auto extPubChangesSince = [this](std::size_t mark) {
-        const std::vector<std::string> all = log_.linesFor(kExtPub);
+        const std::vector<std::string> all = changeLines(log_, kExtPub);
         return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(mark), all.end());
     };
 
@@ -221,7 +221,7 @@ TEST_F(IntakeTest, IntakeMirrorsAnInternalPublicationThatIsAlreadyThere) {
     writeSubscription(values);
     db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", sid}, {"tableId", tableId},
                                                           {"typeId", typeId}, {"status", true}, {"ptime", 7}}));
-    std::size_t mark = log_.linesFor(kExtPub).size();
+    std::size_t mark = changeLines(log_, kExtPub).size();
     ASSERT_TRUE(db_->runOne());
     EXPECT_EQ(extPubChangesSince(mark), std::vector<std::string>{"+" + mirrored.toString()});
     EXPECT_EQ(t.publications().size(), 1u);
@@ -230,7 +230,7 @@ TEST_F(IntakeTest, IntakeMirrorsAnInternalPublicationThatIsAlreadyThere) {
     // The client's row is gone: mirrored, then overwritten by the placeholder.
     ASSERT_TRUE(db_->erase(kExtPub, mirrored));
     writeSubscription(values);
-    mark = log_.linesFor(kExtPub).size();
+    mark = changeLines(log_, kExtPub).size();
     run();
     const External::Publication placeholder = makeRecord<External::Publication>(
         {{"subscription_id", sub.oid()}, {"status", true}, {"tableId", tableId}, {"typeId", typeId}});

@@ -98,13 +98,6 @@ TEST_F(LifecycleTest, ConstructionAndReadinessTraces) {
 // interface of the readiness list still waiting. The ready pass replays the existing subscription
 // before its own entry trace.
 TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
-    struct ReadyLog : ChangeLog {
-        void onDeliveryBegin(Delivery d, const VeTableInterface* iface, const BaseRow&, const std::string&) override {
-            if (d == Delivery::ready && iface != nullptr) lines.push_back(iface->ifName());
-        }
-        void onWrite(const std::string&, const BaseRow&) override {}
-        void onDelete(const std::string&, const BaseRow&) override {}
-    };
     struct Observed {
         std::vector<std::string> clientReady;  // Schedulable's clientReadyIs traces
         std::vector<std::string> ready;        // ready deliveries
@@ -119,13 +112,17 @@ TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
         ScopedDebugMask translatorMask(kChannel, (1u << 8) | (1u << 9));
         ScopedDebugMask schedulableMask("Schedulable", 1u << 8);
         Host::TraceCapture capture;
-        ReadyLog readyLog;
-        db_->listenerIs(&readyLog);
+        Host::EventLog events;
+        db_->listenerIs(&events);
         translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(kind, "A", "sysA")));
         run();
         db_->listenerIs(nullptr);
         Observed o;
-        o.ready = readyLog.lines;
+        for (const Host::EventLog::Entry& e : events.entries()) {
+            if (e.kind == Host::EventLog::Entry::Kind::deliveryBegin &&
+                e.delivery == Host::EventListener::Delivery::ready && e.iface != nullptr)
+                o.ready.push_back(e.ifName);
+        }
         const std::string prefix = "virtual void Velta::Schedulable::clientReadyIs(bool) ";
         for (const Host::TraceRecord& r : capture.records()) {
             if (r.channel == "Schedulable") {
@@ -175,7 +172,7 @@ TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
 // Each ready pass walks its table with the walked observer activated and deactivates it after:
 // every change the passes make is made while exactly that observer is active.
 TEST_F(LifecycleTest, ReadyPassesWalkWithTheirObserverActivated) {
-    struct ActiveLog : ChangeLog {
+    struct ActiveLog : Host::EventListener {
         explicit ActiveLog(const std::unique_ptr<Agent::SubscriptionTranslator>& t) : translator(t) {}
         void onWrite(const std::string& path, const BaseRow&) override { lines.push_back("+" + path + active()); }
         void onDelete(const std::string& path, const BaseRow&) override { lines.push_back("-" + path + active()); }
@@ -187,6 +184,7 @@ TEST_F(LifecycleTest, ReadyPassesWalkWithTheirObserverActivated) {
             return out;
         }
         const std::unique_ptr<Agent::SubscriptionTranslator>& translator;
+        std::vector<std::string> lines;
     };
 
     // Server: the replay writes the control row; the publication check fails an orphaned client row.

@@ -52,7 +52,7 @@ protected:
     }
     // The change log's lines for `path` from position `from` on.
     std::vector<std::string> changesSince(const std::string& path, std::size_t from) const {
-        const std::vector<std::string> all = log_.linesFor(path);
+        const std::vector<std::string> all = changeLines(log_, path);
         return {all.begin() + static_cast<std::ptrdiff_t>(std::min(from, all.size())), all.end()};
     }
     std::vector<std::string> allTables() const {
@@ -76,7 +76,7 @@ TEST_F(PublicationTest, UnchangedPublicationIsNotRewrittenButQueryIsDefinedAgain
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
     const Established e = establish({{"system_description", 10}, {"outputPath", "velta/out/m"},
                                      {"queryText", "SELECT key FROM velta/in/items"}, {"standing", true}});
-    const std::size_t mark = log_.linesFor(kExtPub).size();
+    const std::size_t mark = changeLines(log_, kExtPub).size();
 
     struct Step {
         std::uint64_t ptime;
@@ -122,7 +122,7 @@ TEST_F(PublicationTest, PublicationsThatAreNotMirroredOrDefineNoQuery) {
     const Established reader = establish({{"system_description", 10}, {"outputPath", "velta/out/reader"},
                                           {"queryText", "SELECT * FROM velta/out/reader"}, {"standing", true}});
     const std::vector<std::string> pubsBefore = lines(kExtPub);
-    const std::size_t mark = log_.linesFor(kExtPub).size();
+    const std::size_t mark = changeLines(log_, kExtPub).size();
 
     ScopedDebugMask mask("SubscriptionTranslator", 0x3ffu & ~(1u << 8) & ~(1u << 9));
     Host::TraceCapture capture;
@@ -238,7 +238,7 @@ TEST_F(PublicationTest, ReadyPassMarksOrphanedClientRowsAndIsRepeatable) {
     EXPECT_EQ(entryOf(t, good.sub).sid, good.sid);
 
     const std::vector<std::string> tables = allTables();
-    const std::size_t changes = log_.lines.size();
+    log_.clear();
     t.onTableReady();
     t.onTableReady();
     run();
@@ -247,7 +247,7 @@ TEST_F(PublicationTest, ReadyPassMarksOrphanedClientRowsAndIsRepeatable) {
     EXPECT_EQ(t.subscriptionCount(), 3u);
     EXPECT_EQ(defineQueries(), 3u);  // the good publication's query, once per pass
     // Rewrites of unchanged rows are allowed; nothing was deleted.
-    for (std::size_t i = changes; i < log_.lines.size(); ++i) EXPECT_NE(log_.lines[i][0], '-') << log_.lines[i];
+    for (const std::string& line : changeLines(log_)) EXPECT_NE(line[0], '-') << line;
 }
 
 // The ready pass drops control rows with no system description, of an internal member, or without
@@ -328,7 +328,7 @@ protected:
 // A client's publication is carried into the control publication table under the control id;
 // every delivery writes, also when nothing changed.
 TEST_F(ExternalPublicationTest, ClientPublicationIsCarriedOverUnconditionally) {
-    const std::size_t mark = log_.linesFor(kCtrlPub).size();
+    const std::size_t mark = changeLines(log_, kCtrlPub).size();
     db_->write(kExtPub, clientRow(e_.sub.oid(), false, "client says no"));
     run();
     db_->write(kExtPub, clientRow(e_.sub.oid(), false, "client says no"));
@@ -355,7 +355,7 @@ TEST_F(ExternalPublicationTest, EachMissingPieceIsTracedAndNothingWritten) {
     run();
     ASSERT_FALSE(t().subscription(unrelated));
     ASSERT_EQ(entryOf(t(), refused).sid, 0u);
-    const std::size_t mark = log_.linesFor(kCtrlPub).size();
+    const std::size_t mark = changeLines(log_, kCtrlPub).size();
 
     ScopedDebugMask mask("SubscriptionTranslator", (1u << 2) | (1u << 4));
     Host::TraceCapture capture;
@@ -443,7 +443,7 @@ TEST_F(ExternalPublicationTest, ReadyPassSweepsInternalPublicationsAfterTheWalk)
         db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", e_.sid + 1000}, {"status", true}}));
     db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", 8888}, {"status", true}}));
     const std::vector<std::string> clientRows = lines(kExtPub);
-    const std::size_t mark = log_.linesFor(kCtrlPub).size();
+    const std::size_t mark = changeLines(log_, kCtrlPub).size();
 
     translator_.reset();
     start(Kind::standalone, "A", "sysA");

@@ -107,14 +107,13 @@ TEST_F(RegistryTest, FailureResetsSidButTheOldSidStaysMapped) {
     ASSERT_TRUE(db_->erase(kExtPub, extPubFor(other.oid())));
     const veCtrl::subscription otherCtrl = ctrlFor(other.oid());
     const std::uint32_t otherTable = tableRow("velta/out/g").oid();
-    const std::size_t mark = log_.lines.size();
+    log_.clear();
     t.subscriptionComplete(other, tableRow("velta/out/g"), false, false, false, 0, 0, "lost");
     const External::Publication failed = makeRecord<External::Publication>(
         {{"subscription_id", other.oid()}, {"connection_id", other.oid()}, {"tableId", otherTable},
          {"typeId", itemTypeId()}, {"status", false}, {"error", "lost"}});
-    EXPECT_EQ(std::vector<std::string>(log_.lines.begin() + static_cast<std::ptrdiff_t>(mark), log_.lines.end()),
-              (std::vector<std::string>{"-" + kCtrlSubs + " " + otherCtrl.toString(),
-                                        "+" + kExtPub + " " + failed.toString()}));
+    EXPECT_EQ(changeLines(log_), (std::vector<std::string>{"-" + kCtrlSubs + " " + otherCtrl.toString(),
+                                                           "+" + kExtPub + " " + failed.toString()}));
 }
 
 // The external oid of an entry follows a re-created row only in a non-server agent with per-agent
@@ -191,23 +190,19 @@ TEST_F(RegistryTest, ServerWithdrawalOfAQuery) {
 
     // Changes and host calls in the order they happen: the client's publication, then the control
     // row, then the query.
-    struct OrderLog : ChangeLog {
-        void onHostCall(const Host::HostCall& call) override { lines.push_back("call " + Host::toString(call)); }
-    } order;
     const External::Publication pub = extPubFor(sub.oid());
     const veCtrl::subscription ctrl = ctrlFor(sub.oid());
-    db_->listenerIs(&order);
+    log_.clear();
 
     ScopedDebugMask mask("SubscriptionTranslator", 0x3ff);
     Host::TraceCapture capture;
     eraseSubscription(sub);
     run();
-    db_->listenerIs(nullptr);
     ASSERT_EQ(db_->calls().size(), 1u);
-    EXPECT_EQ(order.lines, (std::vector<std::string>{"-" + kExtSubs + " " + sub.toString(),
-                                                     "-" + kExtPub + " " + pub.toString(),
-                                                     "-" + kCtrlSubs + " " + ctrl.toString(),
-                                                     "call " + Host::toString(db_->calls().front())}));
+    EXPECT_EQ(changeLines(log_),
+              (std::vector<std::string>{
+                  "-" + kExtSubs + " " + sub.toString(), "-" + kExtPub + " " + pub.toString(),
+                  "-" + kCtrlSubs + " " + ctrl.toString(), "call " + Host::toString(db_->calls().front())}));
     EXPECT_EQ(traces(capture),
               (std::vector<std::string>{
                   "L8 SubscriptionTranslator:652 extSubsOnDelete | " + kDeleteSignature + ": ",

@@ -53,59 +53,70 @@ std::string keyText(const BaseRow& row) {
 }
 
 // The timeline view: every delivery, and under it the changes and host calls it made.
-class Timeline final : public Velta::Host::EventListener {
+class Timeline {
 public:
-    Timeline(const InterfaceLabels& labels, std::function<void(const std::string&)> out)
-        : labels_(labels), out_(std::move(out)) {}
+    using Entry = Velta::Host::EventLog::Entry;
+    using Delivery = Velta::Host::EventListener::Delivery;
 
-    void onDeliveryBegin(Delivery delivery, const VeTableInterface* iface, const BaseRow& row,
-                         const std::string& what) override {
-        std::string line = "  #" + std::to_string(++count_) + " ";
-        if (iface == nullptr) {
-            line += "host " + what;
-        } else {
-            const auto it = labels_.find(iface);
-            line += (it != labels_.end() ? it->second : std::string("?")) + " " + iface->ifName() + " [" +
-                    iface->tablePath() + "] ";
-            switch (delivery) {
-                case Delivery::ready:
-                    line += "ready";
-                    break;
-                case Delivery::row:
-                    line += "row " + keyText(row);
-                    break;
-                case Delivery::rowDelete:
-                    line += "delete " + keyText(row);
-                    break;
-                case Delivery::hostTask:
-                    line += "task " + what;
-                    break;
-            }
-        }
-        out_(line + "\n");
-        ++depth_;
-    }
-    void onDeliveryEnd() override {
-        if (depth_ > 0) --depth_;
-    }
-    void onWrite(const std::string& path, const BaseRow& row) override {
-        change("write " + path + " " + formatFields(row, keyAndSetFields(row)));
-    }
-    void onDelete(const std::string& path, const BaseRow& row) override {
-        change("delete " + path + " " + keyText(row));
-    }
-    void onHostCall(const Velta::Host::HostCall& call) override { change("call " + formatCall(call)); }
-    void onTableCreated(const std::string& path) override { change("create table " + path); }
-    void onTableDropped(const std::string& path) override { change("drop table " + path); }
+    Timeline(const InterfaceLabels& labels, std::function<void(const std::string&)> out)
+        : labels_(labels), out_(std::move(out)), log_([this](const Entry& e) { show(e); }) {}
+
+    Velta::Host::EventListener* listener() noexcept { return &log_; }
 
 private:
+    void show(const Entry& e) {
+        switch (e.kind) {
+            case Entry::Kind::deliveryBegin:
+                out_(deliveryLine(e) + "\n");
+                break;
+            case Entry::Kind::deliveryEnd:
+                break;
+            case Entry::Kind::write:
+                change(e, "write " + e.path + " " + formatFields(e.row, keyAndSetFields(e.row)));
+                break;
+            case Entry::Kind::erase:
+                change(e, "delete " + e.path + " " + keyText(e.row));
+                break;
+            case Entry::Kind::hostCall:
+                change(e, "call " + formatCall(*e.call));
+                break;
+            case Entry::Kind::tableCreated:
+                change(e, "create table " + e.path);
+                break;
+            case Entry::Kind::tableDropped:
+                change(e, "drop table " + e.path);
+                break;
+        }
+    }
+
+    std::string deliveryLine(const Entry& e) {
+        std::string line = "  #" + std::to_string(++count_) + " ";
+        if (e.iface == nullptr) return line + "host " + e.what;
+        const auto it = labels_.find(e.iface);
+        line += (it != labels_.end() ? it->second : std::string("?")) + " " + e.ifName + " [" +
+                e.iface->tablePath() + "] ";
+        switch (e.delivery) {
+            case Delivery::ready:
+                return line + "ready";
+            case Delivery::row:
+                return line + "row " + keyText(e.row);
+            case Delivery::rowDelete:
+                return line + "delete " + keyText(e.row);
+            case Delivery::hostTask:
+                return line + "task " + e.what;
+        }
+        return line;
+    }
+
     // Changes made by a delivery sit under it; those the step made directly sit under the step.
-    void change(const std::string& text) { out_((depth_ > 0 ? "      " : "  ") + text + "\n"); }
+    void change(const Entry& e, const std::string& text) {
+        out_((e.depth > 0 ? "      " : "  ") + text + "\n");
+    }
 
     const InterfaceLabels& labels_;
     std::function<void(const std::string&)> out_;
     std::size_t count_ = 0;
-    int depth_ = 0;
+    Velta::Host::EventLog log_;
 };
 
 std::string entryText(const Velta::Agent::SubscriptionEntry& e) {
@@ -207,7 +218,7 @@ public:
             if (options_.timeline) {
                 timeline_ =
                     std::make_unique<Timeline>(labels_, [this](const std::string& text) { view(text); });
-                db_->listenerIs(timeline_.get());
+                db_->listenerIs(timeline_->listener());
             }
             for (const Step& step : scenario_.steps) {
                 current_ = &step;

@@ -85,22 +85,71 @@ struct QueryInfo {
     bool definerGone = false;
 };
 
-// What the host did, for timelines: deliveries and the changes made while each ran.
+// What the host did, for timelines: deliveries and the changes made while each ran. Every hook
+// does nothing unless overridden, so a listener overrides only what it watches.
 class EventListener {
 public:
     virtual ~EventListener() = default;
     enum class Delivery { ready, row, rowDelete, hostTask };
     // A callback is about to be delivered to `iface` (nullptr for host work such as a query
     // completion or a table registration arriving).
-    virtual void onDeliveryBegin(Delivery, const VeTableInterface* iface, const BaseRow& row,
-                                 const std::string& what) = 0;
-    virtual void onDeliveryEnd() = 0;
+    virtual void onDeliveryBegin(Delivery, const VeTableInterface* /*iface*/, const BaseRow& /*row*/,
+                                 const std::string& /*what*/) {}
+    virtual void onDeliveryEnd() {}
     // A row was written to or deleted from a table, by whoever.
-    virtual void onWrite(const std::string& path, const BaseRow& row) = 0;
-    virtual void onDelete(const std::string& path, const BaseRow& row) = 0;
-    virtual void onHostCall(const HostCall& call) = 0;
-    virtual void onTableCreated(const std::string& path) = 0;
-    virtual void onTableDropped(const std::string& path) = 0;
+    virtual void onWrite(const std::string& /*path*/, const BaseRow& /*row*/) {}
+    virtual void onDelete(const std::string& /*path*/, const BaseRow& /*row*/) {}
+    virtual void onHostCall(const HostCall& /*call*/) {}
+    virtual void onTableCreated(const std::string& /*path*/) {}
+    virtual void onTableDropped(const std::string& /*path*/) {}
+};
+
+// The listener that records: every hook becomes one entry, in the order the host reported it.
+// It keeps the entries for reading back, or hands each to a sink as it happens.
+class EventLog : public EventListener {
+public:
+    struct Entry {
+        enum class Kind { deliveryBegin, deliveryEnd, write, erase, hostCall, tableCreated, tableDropped };
+        Kind kind = Kind::deliveryBegin;
+        // Deliveries under way around it (0 for what happened outside any callback); a delivery's
+        // begin and end count the deliveries around it, not itself.
+        std::size_t depth = 0;
+        Delivery delivery = Delivery::ready;  // deliveryBegin
+        // deliveryBegin: the interface delivered to, usable only while it lives (nullptr for host
+        // work), and its name.
+        const VeTableInterface* iface = nullptr;
+        std::string ifName;
+        std::string what;              // deliveryBegin of host work: what the work is
+        std::string path;              // write, erase, tableCreated, tableDropped
+        BaseRow row;                   // deliveryBegin of a row or a deletion, write, erase
+        std::optional<HostCall> call;  // hostCall
+    };
+    using Sink = std::function<void(const Entry&)>;
+
+    EventLog() = default;
+    // Hands every entry to `sink` as it happens instead of keeping it.
+    explicit EventLog(Sink sink) : sink_(std::move(sink)) {}
+
+    // The entries kept so far, oldest first (none with a sink).
+    const std::vector<Entry>& entries() const noexcept { return entries_; }
+    void clear() noexcept { entries_.clear(); }
+
+    void onDeliveryBegin(Delivery delivery, const VeTableInterface* iface, const BaseRow& row,
+                         const std::string& what) override;
+    void onDeliveryEnd() override;
+    void onWrite(const std::string& path, const BaseRow& row) override;
+    void onDelete(const std::string& path, const BaseRow& row) override;
+    void onHostCall(const HostCall& call) override;
+    void onTableCreated(const std::string& path) override;
+    void onTableDropped(const std::string& path) override;
+
+private:
+    void add(Entry entry);
+    void addChange(Entry::Kind kind, const std::string& path, const BaseRow& row);
+
+    Sink sink_;
+    std::vector<Entry> entries_;
+    std::size_t depth_ = 0;
 };
 
 class Database : public std::enable_shared_from_this<Database> {
