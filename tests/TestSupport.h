@@ -354,30 +354,6 @@ protected:
         return db_->connect(agentOptions(Kind::standalone, "probe", "probe"))->tableTypeId("Test::Item", false);
     }
 
-    // The host-call log, one line per call with the fields that matter for its kind.
-    std::vector<std::string> calls() const {
-        std::vector<std::string> lines;
-        for (const Host::HostCall& c : db_->calls()) {
-            std::ostringstream out;
-            switch (c.kind) {
-                case Host::HostCall::Kind::registerTable:
-                    out << "registerTable " << c.path << " " << c.typeName << " type=" << static_cast<int>(c.tableType)
-                        << " desired=" << c.desiredFlags << " flags=" << c.flags << " owner=" << c.owner;
-                    break;
-                case Host::HostCall::Kind::defineQuery:
-                    out << "defineQuery " << c.text << " typeId=" << c.typeId << " params={";
-                    for (const auto& [name, value] : c.params) out << name << "=" << value << ";";
-                    out << "} standing=" << c.standing << " name=" << c.name;
-                    break;
-                case Host::HostCall::Kind::removeQuery:
-                    out << "removeQuery " << c.name;
-                    break;
-            }
-            lines.push_back(out.str());
-        }
-        return lines;
-    }
-
     // The translator's captured traces as "L<level> <file>:<line> <function> | <message>".
     static std::vector<std::string> traces(const Host::TraceCapture& capture) {
         std::vector<std::string> lines;

@@ -54,7 +54,9 @@ TEST_F(IntakeTest, QuerySubscriptionRoadInServerAgent) {
     // Intake only: the table is registered and visible at once, the control row and a placeholder
     // publication are written.
     ASSERT_TRUE(db_->runOne());
-    EXPECT_EQ(calls(), std::vector<std::string>{"registerTable velta/out/q1 Test::Item type=0 desired=0 flags=0 owner="});
+    EXPECT_EQ(callLines(*db_),
+              std::vector<std::string>{"registerTable path=velta/out/q1 typeName=Test::Item tableType=0 "
+                                       "desiredFlags=0 flags=0 owner= agent=server"});
     const veMetadata::veTable table = tableRow("velta/out/q1");
     ASSERT_FALSE(table.empty());
     ASSERT_EQ(db_->rowCount(kCtrlSubs), 1u);
@@ -87,11 +89,13 @@ TEST_F(IntakeTest, QuerySubscriptionRoadInServerAgent) {
     EXPECT_EQ(lines(kExtPub), std::vector<std::string>{line(makeRecord<External::Publication>(
                                   {{"subscription_id", sub.oid()}, {"publication_id", sid}, {"status", true},
                                    {"tableId", table.oid()}, {"typeId", typeId}, {"ptime", 500}}))});
-    EXPECT_EQ(calls(), (std::vector<std::string>{
-                           "registerTable velta/out/q1 Test::Item type=0 desired=0 flags=0 owner=",
-                           "defineQuery SELECT key FROM velta/in/items typeId=" + std::to_string(typeId) +
-                               " params={a=3;b=2;} standing=1 name=",
-                       }));
+    EXPECT_EQ(callLines(*db_),
+              (std::vector<std::string>{
+                  "registerTable path=velta/out/q1 typeName=Test::Item tableType=0 desiredFlags=0 flags=0 "
+                  "owner= agent=server",
+                  "defineQuery text=\"SELECT key FROM velta/in/items\" typeId=" + std::to_string(typeId) +
+                      " params={a=3,b=2} standing=1 name=\"\" agent=server",
+              }));
     ASSERT_EQ(db_->queries().size(), 1u);
     EXPECT_EQ(db_->queries()[0].state, Host::QueryInfo::State::completed);
     EXPECT_EQ(t.publications().size(), 1u);
@@ -179,8 +183,9 @@ TEST_F(IntakeTest, RefusalsAreReportedInTheClientsPublication) {
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(lines(kExtPub), rowLines({expected.begin(), expected.end()}));
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
-    EXPECT_EQ(calls(), std::vector<std::string>{
-                           "registerTable velta/out/oneshot Test::Item type=1 desired=64 flags=65 owner="});
+    EXPECT_EQ(callLines(*db_),
+              std::vector<std::string>{"registerTable path=velta/out/oneshot typeName=Test::Item tableType=1 "
+                                       "desiredFlags=64 flags=65 owner= agent=server"});
     for (const External::Subscription& s : {noPath, noType, noSystem, oneShot, owned}) {
         const auto entry = t.subscription(s);
         ASSERT_TRUE(entry) << s;
@@ -353,12 +358,16 @@ TEST_F(IntakeTest, RegisterTableArguments) {
     writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/r4"},
                        {"queryText", "SELECT * FROM velta/out/r4"}, {"standing", false}});
     run();
-    EXPECT_EQ(calls(), (std::vector<std::string>{
-                           "registerTable velta/out/r1 Test::Item type=0 desired=18 flags=52 owner=",
-                           "registerTable velta/out/r2 Test::Item type=1 desired=52 flags=18 owner=",
-                           "registerTable velta/out/r3 Test::Item type=0 desired=0 flags=0 owner=client",
-                           "registerTable velta/out/r4 Test::Item type=1 desired=0 flags=0 owner=",
-                       }));
+    EXPECT_EQ(callLines(*db_), (std::vector<std::string>{
+                                   "registerTable path=velta/out/r1 typeName=Test::Item tableType=0 "
+                                   "desiredFlags=18 flags=52 owner= agent=server",
+                                   "registerTable path=velta/out/r2 typeName=Test::Item tableType=1 "
+                                   "desiredFlags=52 flags=18 owner= agent=server",
+                                   "registerTable path=velta/out/r3 typeName=Test::Item tableType=0 "
+                                   "desiredFlags=0 flags=0 owner=client agent=server",
+                                   "registerTable path=velta/out/r4 typeName=Test::Item tableType=1 "
+                                   "desiredFlags=0 flags=0 owner= agent=server",
+                               }));
     EXPECT_EQ(tableRow("velta/out/r3").owner(), "client");
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 4u);
 }
@@ -525,7 +534,7 @@ TEST_F(IntakeTest, UnrelatedSystemDescriptionIsOnlyTraced) {
                                }));
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
-    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(db_->calls().empty());
     EXPECT_EQ(t.subscriptionCount(), 0u);
     EXPECT_TRUE(t.pendingTableSubscriptions().empty());
 }
@@ -543,7 +552,9 @@ TEST_F(IntakeTest, TableRowNotReadyThenCompletedWhenMetadataArrives) {
                                                           {"standing", true},
                                                           {"desiredFlags", 1}});
     ASSERT_TRUE(db_->runOne());
-    EXPECT_EQ(calls(), std::vector<std::string>{"registerTable velta/out/late Test::Item type=0 desired=1 flags=0 owner=A"});
+    EXPECT_EQ(callLines(*db_),
+              std::vector<std::string>{"registerTable path=velta/out/late typeName=Test::Item tableType=0 "
+                                       "desiredFlags=1 flags=0 owner=A agent=A"});
     EXPECT_EQ(findTraces(capture, "SubscriptionTranslator", 4, "").size(), 1u);
     EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 4, "Table row not ready for velta/out/late"));
     EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 8,
@@ -570,7 +581,7 @@ TEST_F(IntakeTest, TableRowNotReadyThenCompletedWhenMetadataArrives) {
     EXPECT_EQ(t.externalSubscriptionId(ctrl.oid()), sub.oid());
     EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 4, "[sysA:20] subscribe w velta/out/late"));
     // Only one registration: the second pass found the table.
-    EXPECT_EQ(calls().size(), 1u);
+    EXPECT_EQ(db_->calls().size(), 1u);
 }
 
 }  // namespace

@@ -404,7 +404,7 @@ TEST_F(LifecycleTest, WalkThroughServerAgent) {
     const unsigned typeId = itemTypeId();
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
-    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(db_->calls().empty());
 
     // Intake and publication.
     const External::Subscription query = writeSubscription({{"system_description", 10},
@@ -431,12 +431,15 @@ TEST_F(LifecycleTest, WalkThroughServerAgent) {
     EXPECT_EQ(lines(kExtPub), (std::vector<std::string>{extPub(query, querySid, queryTable, true, ""),
                                                         extPub(reader, readerSid, readerTable, true, "")}));
     EXPECT_EQ(db_->rowCount(kCtrlPub), 2u);
-    EXPECT_EQ(calls(), (std::vector<std::string>{
-                           "registerTable velta/out/wq Test::Item type=0 desired=0 flags=0 owner=",
-                           "registerTable velta/out/wr Test::Item type=0 desired=0 flags=0 owner=",
-                           "defineQuery SELECT key FROM velta/in/items typeId=" + std::to_string(typeId) +
-                               " params={} standing=1 name=",
-                       }));
+    EXPECT_EQ(callLines(*db_),
+              (std::vector<std::string>{
+                  "registerTable path=velta/out/wq typeName=Test::Item tableType=0 desiredFlags=0 flags=0 "
+                  "owner= agent=server",
+                  "registerTable path=velta/out/wr typeName=Test::Item tableType=0 desiredFlags=0 flags=0 "
+                  "owner= agent=server",
+                  "defineQuery text=\"SELECT key FROM velta/in/items\" typeId=" + std::to_string(typeId) +
+                      " params={} standing=1 name=\"\" agent=server",
+              }));
     EXPECT_EQ(t.publications().size(), 2u);
 
     // The host reports a problem with the query's publication: the client sees it.
@@ -455,7 +458,7 @@ TEST_F(LifecycleTest, WalkThroughServerAgent) {
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
     EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
-    EXPECT_EQ(calls(), std::vector<std::string>{"removeQuery velta/out/wq"});
+    EXPECT_EQ(callLines(*db_), std::vector<std::string>{"removeQuery name=\"velta/out/wq\" agent=server"});
     EXPECT_EQ(t.subscriptionCount(), 0u);
     EXPECT_TRUE(t.publications().empty());
     EXPECT_EQ(t.externalSubscriptionId(querySid), 0u);
@@ -465,7 +468,7 @@ TEST_F(LifecycleTest, WalkThroughServerAgent) {
     translator_.reset();
     run();
     EXPECT_EQ(snapshot(), before);
-    EXPECT_EQ(calls().size(), 1u);
+    EXPECT_EQ(db_->calls().size(), 1u);
 }
 
 // Standalone non-server agent: a late table, publications carried to the control side, withdrawal,
@@ -486,7 +489,9 @@ TEST_F(LifecycleTest, WalkThroughStandaloneNonServerAgent) {
     EXPECT_EQ(ctrl.tableId(), tableRow("velta/out/sa").oid());
     EXPECT_EQ(tableRow("velta/out/sa").owner(), "A");
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
-    EXPECT_EQ(calls(), std::vector<std::string>{"registerTable velta/out/sa Test::Item type=0 desired=0 flags=0 owner=A"});
+    EXPECT_EQ(callLines(*db_),
+              std::vector<std::string>{"registerTable path=velta/out/sa typeName=Test::Item tableType=0 "
+                                       "desiredFlags=0 flags=0 owner=A agent=A"});
     EXPECT_TRUE(t.pendingTableSubscriptions().empty());
 
     // The client publishes, then changes its publication.
@@ -513,7 +518,7 @@ TEST_F(LifecycleTest, WalkThroughStandaloneNonServerAgent) {
     EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{carried(false, "full")});
     EXPECT_EQ(db_->rowCount(kExtPub), 1u);
     EXPECT_EQ(t.subscriptionCount(), 0u);
-    EXPECT_EQ(calls().size(), 1u);
+    EXPECT_EQ(db_->calls().size(), 1u);
 
     const std::vector<std::string> before = snapshot();
     translator_.reset();
@@ -545,7 +550,7 @@ TEST_F(LifecycleTest, WalkThroughPerAgentNonServerAgent) {
     EXPECT_EQ(clientCtrl.tableId(), tableRow("velta/out/pc").oid());
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 2u);
     EXPECT_EQ(t.subscriptionCount(), 2u);
-    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(db_->calls().empty());
 
     db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", shared.oid()}, {"status", true}}));
     run();

@@ -212,7 +212,7 @@ TEST_F(RegistryTest, ServerWithdrawalOfAQuery) {
                   "L9 SubscriptionTranslator:672 extSubsOnDelete |   Lookup sid: " + std::to_string(sid),
                   "L4 SubscriptionTranslator:683 extSubsOnDelete | [serverSys] removeQuery velta/out/w1",
               }));
-    EXPECT_EQ(calls(), std::vector<std::string>{"removeQuery velta/out/w1"});
+    EXPECT_EQ(callLines(*db_), std::vector<std::string>{"removeQuery name=\"velta/out/w1\" agent=server"});
     EXPECT_FALSE(t.subscription(sub));
     EXPECT_EQ(t.externalSubscriptionId(sid), 0u);
     EXPECT_TRUE(ctrlFor(sub.oid()).empty());
@@ -238,7 +238,7 @@ TEST_F(RegistryTest, DirectAccessWithdrawalRemovesNoQuery) {
     eraseSubscription(reader);
     eraseSubscription(writer);
     run();
-    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(db_->calls().empty());
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
 }
@@ -264,7 +264,7 @@ TEST_F(RegistryTest, WithdrawalWithSidZeroTracesNotFound) {
                                    "L9 SubscriptionTranslator:672 extSubsOnDelete |   Lookup sid: 0",
                                    "L9 SubscriptionTranslator:679 extSubsOnDelete |   Not found",
                                }));
-    EXPECT_EQ(calls(), std::vector<std::string>{"removeQuery velta/out/z"});
+    EXPECT_EQ(callLines(*db_), std::vector<std::string>{"removeQuery name=\"velta/out/z\" agent=server"});
     EXPECT_TRUE(extPubFor(sub.oid()).empty());
     EXPECT_EQ(t.subscriptionCount(), 0u);
 }
@@ -294,7 +294,7 @@ TEST_F(RegistryTest, NonServerWithdrawalLeavesPublicationsAndQueries) {
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     EXPECT_EQ(lines(kExtPub), extPublications);
     EXPECT_EQ(lines(kCtrlPub), ctrlPublications);
-    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(db_->calls().empty());
 }
 
 // A subscription the registry never saw produces only the two entry traces.
@@ -318,7 +318,7 @@ TEST_F(RegistryTest, UnknownSubscriptionProducesOnlyEntryTraces) {
                                }));
     EXPECT_EQ(lines(kCtrlSubs), ctrlBefore);
     EXPECT_EQ(lines(kExtPub), pubBefore);
-    EXPECT_TRUE(calls().empty());
+    EXPECT_TRUE(db_->calls().empty());
     EXPECT_EQ(t.subscriptionCount(), 1u);
 }
 
