@@ -98,13 +98,6 @@ inline std::vector<std::string> tableLines(const Host::Database& db, const std::
     return rowLines(db.rows(path));
 }
 
-// Every row of an interface's table in the order of `index`, as toString() lines.
-inline std::vector<std::string> interfaceLines(const VeTableInterface& iface, unsigned char index = 0) {
-    std::vector<std::string> lines;
-    for (VeRowIterator it = iface.begin(index); it != iface.end(index); ++it) lines.push_back((*it).toString());
-    return lines;
-}
-
 // The host-call log as lines (Host::toString of each call).
 inline std::vector<std::string> callLines(const Host::Database& db) {
     std::vector<std::string> lines;
@@ -128,13 +121,6 @@ inline std::vector<Host::TraceRecord> findTraces(const Host::TraceCapture& captu
 inline bool hasTrace(const Host::TraceCapture& capture, const std::string& channel, unsigned level,
                      const std::string& text) {
     return !findTraces(capture, channel, level, text).empty();
-}
-
-// Captured traces as "Channel[level] file:line function: message" lines.
-inline std::vector<std::string> traceLines(const Host::TraceCapture& capture) {
-    std::vector<std::string> lines;
-    for (const Host::TraceRecord& r : capture.records()) lines.push_back(Host::toString(r));
-    return lines;
 }
 
 // Sets a channel's mask for the lifetime of the object, then restores the previous one.

@@ -20,10 +20,6 @@ public:
 
     Platform::DebugHandler* handler() const noexcept { return handler_; }
     bool ownsHandler() const noexcept { return ownsHandler_; }
-    void handlerIs(Platform::DebugHandler* handler, bool ownsHandler) noexcept {
-        handler_ = handler;
-        ownsHandler_ = ownsHandler;
-    }
     bool enabled(unsigned level) const noexcept { return handler_ != nullptr && handler_->enabled(level); }
 
 private:
