@@ -33,8 +33,8 @@ ensure_packages() {
         DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
     fi
 }
-ensure_packages cmake ninja-build g++ clang libclang-rt-14-dev valgrind libgtest-dev libgmock-dev libyaml-cpp-dev \
-    libcli11-dev libfmt-dev
+ensure_packages cmake ninja-build g++ clang libclang-rt-14-dev valgrind libgtest-dev libyaml-cpp-dev \
+    libcli11-dev
 
 echo "== fuzz build (clang, libFuzzer, AddressSanitizer + UndefinedBehaviorSanitizer)"
 cmake -S . -B "$FUZZ_BUILD" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
