@@ -108,7 +108,8 @@ RatioResult medianRatio(Workload& a, std::size_t aUnits, Workload& b, std::size_
         aTimes.push_back(ta);
         bTimes.push_back(tb);
     }
-    return {median(ratios), median(aTimes), median(bTimes)};
+    const auto [least, greatest] = std::minmax_element(ratios.begin(), ratios.end());
+    return {median(ratios), *least, *greatest, median(aTimes), median(bTimes)};
 }
 
 double medianNs(Workload& w, std::size_t units, int reps) {
