@@ -1,9 +1,11 @@
-// Tables with their two indexes, positions in them (VeRowIterator) and table interfaces.
+// Tables with their indexes, positions in them (VeRowIterator) and table interfaces.
 //
-// A position keeps the index node it stands on together with the index's version at that time
-// and the row it saw. While the version is unchanged the node is used directly; otherwise the
-// position re-seeks by the saved row's key (exact for *, successor for ++), which is what makes
-// walks survive inserts and deletions, including deletion of the row at the position.
+// A position keeps the ordered-index entry it stands on together with the index's version at that
+// time and the row it saw. While the version is unchanged the entry is stepped from directly;
+// otherwise the position re-seeks by the saved row's key (successor for ++), which is what makes
+// walks survive inserts and deletions, including deletion of the row at the position. The row a
+// position shows (*) is always found again by its key in the hash index, so a replaced row shows
+// its replacement and a deleted one stays as it was seen.
 #include "HostInternal.h"
 
 #include <cstring>
@@ -13,56 +15,67 @@ namespace Velta::detail {
 namespace {
 
 template <class It>
-void storeNode(unsigned char (&buf)[sizeof(void*)], It pos) noexcept {
+void storePos(unsigned char (&buf)[2 * sizeof(void*)], It pos) noexcept {
     std::memcpy(buf, &pos, sizeof pos);
 }
 
 template <class It>
-It loadNode(const unsigned char (&buf)[sizeof(void*)]) noexcept {
+It loadPos(const unsigned char (&buf)[2 * sizeof(void*)]) noexcept {
     It pos;
     std::memcpy(&pos, buf, sizeof pos);
     return pos;
 }
 
-bool prefixIsKey(const RowType& type) noexcept {
-    return type.keyFields().size() == 1 && isNumberKind(type.fields()[type.keyFields().front()].kind);
-}
+bool prefixIsKey(const RowType& type) noexcept { return Host::internal::keyHashExact(type); }
 
-std::uint16_t oidSlotOf(const RowType& type) noexcept {
-    return type.oidField() >= 0 ? type.fields()[static_cast<std::size_t>(type.oidField())].slot : 0;
-}
-
-const TableNode* nodeAt(PrimaryIndex::const_iterator pos) noexcept { return &*pos; }
-const TableNode* nodeAt(OidIndex::const_iterator pos) noexcept { return *pos; }
+const OrderKey& orderKeyOf(const OrderKey& k) noexcept { return k; }
+const OrderKey& orderKeyOf(const OidKey& k) noexcept { return k.key; }
 
 }  // namespace
 
-// The node after the position saved in `buf` in `index` (index number `which` of `t`), saving the
+// A walk reads the rows of consecutive keys, which lie anywhere in memory: while it stands at
+// `pos`, the hash-index entries of the keys a few places on and the row data of the nearer ones are
+// fetched into the cache, so that each step finds them there instead of waiting for memory. Only
+// for keys of one number field, whose hash needs nothing but the ordered entry.
+template <class Index>
+void walkAhead(const TableState& t, const Index& index, typename Index::const_iterator pos) {
+    constexpr int kRowAhead = 4;  // its entry was fetched kEntryAhead - kRowAhead steps ago
+    constexpr int kEntryAhead = 8;
+    const auto end = index.end();
+    for (int i = 1; i <= kEntryAhead; ++i) {
+        if (++pos == end) return;
+        if (i == kRowAhead) __builtin_prefetch(t.rowAt(orderKeyOf(*pos)));
+    }
+    t.prefetchEntry(orderKeyOf(*pos));
+}
+
+// The row after the position saved in `buf` in `index` (index number `which` of `t`), saving the
 // new position; null at the end. When the index changed since the position was saved, the next
 // row is found again from `row`'s key.
 template <class Index>
-const TableNode* stepForward(const TableState& t, const Index& index, unsigned char which, std::uint64_t& version,
-                             unsigned char (&buf)[sizeof(void*)], const BaseRow& row) {
+const RowData* stepForward(const TableState& t, const Index& index, unsigned char which, std::uint64_t& version,
+                           unsigned char (&buf)[2 * sizeof(void*)], const BaseRow& row) {
     typename Index::const_iterator pos;
     if (version == t.version(which)) {
-        pos = loadNode<typename Index::const_iterator>(buf);
+        pos = loadPos<typename Index::const_iterator>(buf);
         ++pos;
     } else {
-        pos = index.upper_bound(t.probe(row));
+        pos = index.upper_bound(t.probe(*row.data()));
         version = t.version(which);
     }
     if (pos == index.end()) return nullptr;
-    storeNode(buf, pos);
-    return nodeAt(pos);
+    storePos(buf, pos);
+    if (t.exactKeys()) walkAhead(t, index, pos);
+    return t.rowAt(orderKeyOf(*pos));
 }
 
 TableState::TableState(const RowType& type, std::string path)
     : type_(&type),
       path_(std::move(path)),
-      nodes_(std::make_shared<Host::internal::NodePool>()),
-      primary_(PrimaryLess{&type, prefixIsKey(type)}, Host::internal::NodeAllocator<TableNode>(nodes_)),
-      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, Host::internal::NodeAllocator<const TableNode*>(nodes_)),
-      hashExact_(Host::internal::keyHashExact(type)) {
+      prefixIsKey_(prefixIsKey(type)),
+      rows_(0, SlotHash{}, SlotEq{&type, Host::internal::keyHashExact(type)}),
+      primary_(PrimaryLess{&type, prefixIsKey_}),
+      byOid_(OidLess{PrimaryLess{&type, prefixIsKey_}}) {
     const auto& fields = type.fields();
     if (type.oidField() >= 0) {
         hasOid_ = true;
@@ -79,8 +92,15 @@ TableState::TableState(const RowType& type, std::string path)
     }
 }
 
+TableState::~TableState() {
+    for (const RowSlot& s : rows_) releaseRow(s.row);
+    for (const OrderKey& k : primary_) {
+        if (k.key != nullptr) releaseRow(const_cast<RowData*>(k.key));
+    }
+}
+
 KeyProbe TableState::probe(const RowData& data) const noexcept {
-    KeyProbe p{&data, 0, hasOid_ ? data.numbers[oidSlot_] : 0};
+    KeyProbe p{&data, 0, oidOf(data)};
     if (hasPrefix_) {
         if (isNumberKind(prefixKind_)) {
             p.prefix = data.numbers[prefixSlot_];
@@ -95,87 +115,85 @@ KeyProbe TableState::probe(const RowData& data) const noexcept {
     return p;
 }
 
-const TableState::KeyEntry* TableState::entryFor(const RowData& key, std::uint64_t hash) const {
-    return byKey_.find(hash, hashExact_, [&](PrimaryIndex::const_iterator pos) {
-        return Host::internal::compareKey(*type_, *pos->row.data(), key) == 0;
-    });
+const RowData* TableState::find(const RowData& key) const {
+    const auto it = rows_.find(SlotProbe{hashOf(key), &key});
+    return it == rows_.end() ? nullptr : it->row;
 }
 
-PrimaryIndex::const_iterator TableState::findPos(const BaseRow& key) const {
-    const RowData& k = *key.data();
-    const KeyEntry* e = entryFor(k, Host::internal::hashKey(*type_, k));
-    return e == nullptr ? primary_.end() : e->pos;
+void TableState::prefetchEntry(const OrderKey& key) const { rows_.prefetch(SlotProbe{hashOf(key), key.key}); }
+
+const RowData* TableState::rowAt(const OrderKey& key) const {
+    // Every ordered entry has its row in the hash index.
+    return rows_.find(SlotProbe{hashOf(key), key.key})->row;
 }
 
-const TableNode* TableState::findPrimary(const BaseRow& key) const {
-    const auto it = findPos(key);
-    return it == primary_.end() ? nullptr : &*it;
-}
-
-const TableNode* TableState::findIn(const BaseRow& key, unsigned char index) const {
-    if (effectiveIndex(index) == 0) return findPrimary(key);
+const RowData* TableState::findIn(const RowData& key, unsigned char index) const {
+    if (effectiveIndex(index) == 0) return find(key);
     const auto it = findOid(key);
-    return it == byOid_.end() ? nullptr : *it;
+    return it == byOid_.end() ? nullptr : rowAt(it->key);
 }
 
-OidIndex::const_iterator TableState::findOid(const BaseRow& key) const {
-    const std::uint64_t oid = key.data()->numbers[oidSlot_];
+OidIndex::const_iterator TableState::findOid(const RowData& key) const {
+    const std::uint64_t oid = key.numbers[oidSlot_];
     auto it = byOid_.lower_bound(OidProbe{oid});
-    return it == byOid_.end() || byOid_.key_comp().oidOf(*it) != oid ? byOid_.end() : it;
+    return it == byOid_.end() || it->oid != oid ? byOid_.end() : it;
 }
 
-TableState::Spot TableState::locate(const BaseRow& key) const {
-    const RowData& k = *key.data();
-    const std::uint64_t hash = Host::internal::hashKey(*type_, k);
-    const KeyEntry* e = entryFor(k, hash);
-    if (e != nullptr) return {e->pos, true, hash};
-    // A new key: only now is its place in the order needed.
-    return {primary_.lower_bound(probe(k)), false, hash};
+TableState::Spot TableState::locate(const RowData& key) {
+    const std::uint64_t hash = hashOf(key);
+    const auto it = rows_.find(SlotProbe{hash, &key});
+    return {it, hash, it == rows_.end() ? nullptr : it->row};
 }
 
-const TableNode& TableState::put(Spot spot, BaseRow row) {
-    if (spot.exists) {
-        const TableNode& node = *spot.pos;
-        if (hasOid_ && row.data()->numbers[oidSlot_] != node.row.data()->numbers[oidSlot_]) {
-            // Out of index 1 while the node still shows the old oid, back in with the new one.
-            byOid_.erase(byOid_.find(&node));
-            node.row = std::move(row);
-            byOid_.insert(&node);
+RowData* TableState::put(const Spot& spot, const BaseRow& row) {
+    const RowData& data = *row.data();
+    if (spot.stored != nullptr) {
+        RowData* old = spot.slot->row;
+        if (hasOid_ && oidOf(data) != oidOf(*old)) {
+            // Index 1 follows the oid: out under the old one, back in under the new.
+            const auto at = byOid_.find(probe(*old));
+            const OrderKey key = at->key;
+            byOid_.erase(at);
+            byOid_.insert(OidKey{oidOf(data), key});
             ++version_[1];
-        } else {
-            node.row = std::move(row);
         }
-        return node;
+        spot.slot->row = retainRow(&data);
+        return old;
     }
-    const std::uint64_t prefix = probe(row).prefix;
-    auto it = primary_.emplace_hint(spot.pos, std::move(row), prefix);
-    byKey_.insert(spot.hash, it);
+    rows_.insert(RowSlot{spot.hash, retainRow(&data)});
+    const OrderKey key{probe(data).prefix, prefixIsKey_ ? nullptr : retainRow(&data)};
+    primary_.insert(key);
     ++version_[0];
     if (hasOid_) {
-        byOid_.insert(&*it);
+        byOid_.insert(OidKey{oidOf(data), key});
         ++version_[1];
     }
-    return *it;
+    return nullptr;
 }
 
-BaseRow TableState::remove(const BaseRow& key) {
-    const RowData& k = *key.data();
-    const KeyEntry* e = entryFor(k, Host::internal::hashKey(*type_, k));
-    if (e == nullptr) return BaseRow();
-    const auto it = e->pos;
-    byKey_.erase(e);
+RowData* TableState::remove(const RowData& key) {
+    const auto it = rows_.find(SlotProbe{hashOf(key), &key});
+    if (it == rows_.end()) return nullptr;
+    RowData* row = it->row;
+    rows_.erase(it);
+    const auto at = primary_.find(probe(key));
+    const RowData* keyObject = at->key;
+    primary_.erase(at);
+    ++version_[0];
     if (hasOid_) {
-        byOid_.erase(byOid_.find(&*it));
+        byOid_.erase(probe(*row));
         ++version_[1];
     }
-    BaseRow row = std::move(it->row);
-    primary_.erase(it);
-    ++version_[0];
+    if (keyObject != nullptr) releaseRow(const_cast<RowData*>(keyObject));
     return row;
 }
 
 void TableState::clear() {
-    byKey_.clear();
+    for (const RowSlot& s : rows_) releaseRow(s.row);
+    for (const OrderKey& k : primary_) {
+        if (k.key != nullptr) releaseRow(const_cast<RowData*>(k.key));
+    }
+    rows_.clear();
     byOid_.clear();
     primary_.clear();
     ++version_[0];
@@ -188,8 +206,8 @@ VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, Pr
     it.table_ = table;
     it.index_ = 0;
     it.version_ = table->version(0);
-    storeNode(it.node_, pos);
-    it.row_ = pos->row;
+    storePos(it.pos_, pos);
+    it.row_ = RowRef::share(table->rowAt(*pos));
     return it;
 }
 
@@ -199,8 +217,18 @@ VeRowIterator HostAccess::oidAt(const std::shared_ptr<TableState>& table, OidInd
     it.table_ = table;
     it.index_ = 1;
     it.version_ = table->version(1);
-    storeNode(it.node_, pos);
-    it.row_ = (*pos)->row;
+    storePos(it.pos_, pos);
+    it.row_ = RowRef::share(table->rowAt(pos->key));
+    return it;
+}
+
+VeRowIterator HostAccess::primaryOn(const std::shared_ptr<TableState>& table, const RowData* row) {
+    VeRowIterator it;
+    if (row == nullptr) return it;
+    it.table_ = table;
+    it.index_ = 0;
+    it.version_ = 0;  // versions start at 1: the position is found by the row's key when needed
+    it.row_ = RowRef::share(row);
     return it;
 }
 
@@ -215,41 +243,26 @@ using detail::TableState;
 VeRowIterator& VeRowIterator::operator++() {
     if (row_.empty()) return *this;
     const TableState& t = *table_;
-    const detail::TableNode* node = index_ == 0 ? detail::stepForward(t, t.primary(), 0, version_, node_, row_)
-                                                : detail::stepForward(t, t.byOid(), 1, version_, node_, row_);
-    if (node == nullptr) {
+    const RowData* next = index_ == 0 ? detail::stepForward(t, t.primary(), 0, version_, pos_, row_)
+                                      : detail::stepForward(t, t.byOid(), 1, version_, pos_, row_);
+    if (next == nullptr) {
         row_.clear();
         table_.reset();
         return *this;
     }
-    row_ = node->row;
+    row_ = detail::RowRef::share(next);
     return *this;
 }
 
 const BaseRow& VeRowIterator::operator*() const {
     if (row_.empty()) return row_;
+    // The table's current row with the position's key; in index 1 only while it keeps its oid (a
+    // row that changed its oid has left this place in the order).
     const TableState& t = *table_;
-    const detail::TableNode* node = nullptr;
-    if (version_ == t.version(index_)) {
-        node = index_ == 0 ? &*detail::loadNode<PrimaryIndex::const_iterator>(node_)
-                           : *detail::loadNode<OidIndex::const_iterator>(node_);
-    } else if (index_ == 0) {
-        // The index changed under the position: find its row again (it may be gone).
-        auto pos = t.findPos(row_);
-        if (pos != t.primary().end()) {
-            detail::storeNode(node_, pos);
-            version_ = t.version(0);
-            node = &*pos;
-        }
-    } else {
-        auto pos = t.byOid().find(t.probe(row_));
-        if (pos != t.byOid().end()) {
-            detail::storeNode(node_, pos);
-            version_ = t.version(1);
-            node = *pos;
-        }
-    }
-    if (node != nullptr && !row_.sameData(node->row)) row_ = node->row;
+    const RowData* seen = row_.data();
+    const RowData* current = t.find(*seen);
+    if (current != nullptr && current != seen && (index_ == 0 || t.oidOf(*current) == t.oidOf(*seen)))
+        row_ = detail::RowRef::share(current);
     return row_;
 }
 
@@ -316,8 +329,8 @@ VeRowIterator VeTableInterface::find(const BaseRow& key, unsigned char index) co
     if (table == nullptr || key.empty()) return VeRowIterator();
     const TableState& t = **table;
     const BaseRow k = keyFor(t, key);
-    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.findPos(k));
-    const auto pos = t.findOid(k);
+    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryOn(*table, t.find(*k.data()));
+    const auto pos = t.findOid(*k.data());
     return pos == t.byOid().end() ? VeRowIterator() : detail::HostAccess::oidAt(*table, pos);
 }
 
@@ -327,17 +340,18 @@ VeRowIterator VeTableInterface::lower_bound(const BaseRow& key, unsigned char in
     const TableState& t = **table;
     if (key.empty()) return begin(index);
     const BaseRow k = keyFor(t, key);
-    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.primary().lower_bound(t.probe(k)));
-    return detail::HostAccess::oidAt(*table, t.byOid().lower_bound(t.probe(k)));
+    if (t.effectiveIndex(index) == 0)
+        return detail::HostAccess::primaryAt(*table, t.primary().lower_bound(t.probe(*k.data())));
+    return detail::HostAccess::oidAt(*table, t.byOid().lower_bound(t.probe(*k.data())));
 }
 
 BaseRow VeTableInterface::row(const BaseRow& key, unsigned char index) const {
     const auto* table = tableOf(attachment_);
     if (table == nullptr || key.empty()) return BaseRow();
     const TableState& t = **table;
-    const detail::TableNode* node =
-        key.rowType() == &t.type() ? t.findIn(key, index) : t.findIn(key.as(t.type()), index);
-    return node == nullptr ? BaseRow() : node->row;
+    if (key.rowType() == &t.type()) return detail::RowRef::share(t.findIn(*key.data(), index));
+    const BaseRow k = key.as(t.type());
+    return detail::RowRef::share(t.findIn(*k.data(), index));
 }
 
 void VeTableInterface::rowIs(BaseRow& row) {

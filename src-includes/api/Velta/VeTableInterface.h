@@ -49,8 +49,8 @@ private:
     friend struct detail::HostAccess;
     std::shared_ptr<detail::TableState> table_;
     mutable BaseRow row_;                   // row at the position; empty at the end
-    mutable std::uint64_t version_ = 0;     // index version for which node_ is valid
-    alignas(void*) mutable unsigned char node_[sizeof(void*)] = {};  // host index position
+    mutable std::uint64_t version_ = 0;     // index version for which pos_ is valid
+    alignas(void*) mutable unsigned char pos_[2 * sizeof(void*)] = {};  // host index position
     unsigned char index_ = 0;
 };
 
