@@ -176,7 +176,7 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         if (f >= 0 && isNumberKind(callerType.fields()[static_cast<std::size_t>(f)].kind))
             row.numberIs(static_cast<std::size_t>(f), oidOf(*target));
     }
-    if (RowData* replaced = t.put(spot, *target)) Velta::detail::releaseRow(replaced);
+    if (RowData* replaced = t.put(spot, *target)) retired_.retire(replaced);
     notify(slot, QueuedEvent::Kind::row, *target);
     if (listener != nullptr) listener->onWrite(slot.path, *target);
     if (spot.stored == nullptr && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(*target);
@@ -291,6 +291,8 @@ bool Database::Impl::runOne() {
         const std::size_t pick = std::uniform_int_distribution<std::size_t>(0, queue.size() - 1)(shuffle_);
         const Attachment* receiver = queue.at(pick).att;
         while (queue.at(index).att != receiver) ++index;
+    } else {
+        lookAhead();
     }
     QueuedEvent e = queue.take(index);
     if (e.att != nullptr) --e.att->queued;
@@ -303,6 +305,16 @@ bool Database::Impl::runOne() {
     }
     delivering = false;
     return true;
+}
+
+void Database::Impl::lookAhead() noexcept {
+    constexpr std::size_t kRowAhead = 8;
+    if (queue.size() > kRowAhead) {
+        if (const RowData* data = queue.at(kRowAhead).row.data()) {
+            internal::prefetchLine(data);
+            internal::prefetchLine(reinterpret_cast<const char*>(data) + 64);
+        }
+    }
 }
 
 void Database::Impl::deliver(QueuedEvent& e) {
@@ -521,6 +533,7 @@ unsigned AgentHandle::tableTypeId(const std::string& typeName, bool) const {
 std::shared_ptr<const RowOps> AgentHandle::getRowOps(const std::string& typeName, unsigned char index) const {
     return internal::rowOpsFor(findRowType(typeName), index);
 }
+
 
 // ---------------------------------------------------------------------------------------------
 // The embedding facade

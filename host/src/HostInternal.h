@@ -11,8 +11,9 @@
 //   walks find each entry's current row through the hash index.
 // - An OrderKey of a key that is not one number field holds one reference to the first row
 //   stored under the key, its key object; the OidKey of the same row borrows it.
-// - A table's version counter of an index changes on every structural change of that index
-//   (insert, erase, clear); an iterator whose saved version differs re-seeks by its row's key.
+// - A table's change count changes on every write, deletion and clear. An iterator whose saved
+//   count is the table's stands on a valid ordered-index position and shows the table's row;
+//   otherwise it re-seeks by its row's key.
 // - A queued event names a live attachment: detaching removes the attachment's events first.
 // - One Database is used from one thread at a time; the type registry and the debug channels are
 //   process-wide and locked.
@@ -42,6 +43,17 @@
 #include <vector>
 
 namespace Velta::Host::internal {
+
+// Fetches the cache line at `p` into the cache; `p` may be null or stale (a prefetch never faults).
+// An instruction the compiler must keep: GCC 12 deletes a __builtin_prefetch whose address comes
+// from a loop it finds free of side effects, such as a probe.
+inline void prefetchLine(const void* p) noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    asm volatile("prefetcht0 (%0)" : : "r"(p));
+#else
+    __builtin_prefetch(p);
+#endif
+}
 
 // Unknown type name answer of tableTypeId.
 inline constexpr unsigned kUnknownTypeId = 65535;
@@ -209,7 +221,8 @@ public:
     const RowType& type() const noexcept { return *type_; }
     const std::string& path() const noexcept { return path_; }
     std::size_t size() const noexcept { return rows_.size(); }
-    std::uint64_t version(unsigned char index) const noexcept { return version_[index == 0 ? 0 : 1]; }
+    // Changes on every write, deletion and clear (starts at 1).
+    std::uint64_t changes() const noexcept { return changes_; }
     // The index that serves requests for `index`.
     unsigned char effectiveIndex(unsigned char index) const noexcept { return index != 0 && hasOid_ ? 1 : 0; }
     // The probe of row data of the table's type.
@@ -224,9 +237,16 @@ public:
     // the table next changes.
     const RowData* find(const RowData& key) const;
     // The first row whose key in `index` equals `key`'s (index 1: the first with its oid), or null.
-    const RowData* findIn(const RowData& key, unsigned char index) const;
-    // The row of an ordered-index entry.
-    const RowData* rowAt(const OrderKey& key) const;
+    const RowData* findIn(const RowData& key, unsigned char index) const {
+        return effectiveIndex(index) == 0 ? find(key) : findByOid(key);
+    }
+    // The first row with `key`'s oid (tables with an oid only), or null.
+    const RowData* findByOid(const RowData& key) const;
+    // The row of an ordered-index entry (every entry has its row in the hash index).
+    const RowData* rowAt(const OrderKey& key) const {
+        const std::uint64_t hash = hashOf(key);
+        return rows_.find(SlotProbe{hash, key.key}, hash)->row;
+    }
     // Fetches into the cache what rowAt(key) reads in the hash index.
     void prefetchEntry(const OrderKey& key) const;
     // True when the key is one number field: ordered entries are the keys, hashes are exact.
@@ -269,7 +289,7 @@ private:
     RowIndex rows_;
     PrimaryIndex primary_;
     OidIndex byOid_;
-    std::uint64_t version_[2] = {1, 1};
+    std::uint64_t changes_ = 1;
     bool oidInKey_ = false;
     bool hasOid_ = false;
     bool hasPrefix_ = false;
@@ -329,6 +349,12 @@ struct HostAccess {
     // it is first moved.
     static VeRowIterator primaryOn(const std::shared_ptr<TableState>& table, const RowData* row);
     static const std::shared_ptr<TableState>& table(const VeRowIterator& it) { return it.table_; }
+    // Moving forward in an ordered index (Table.cpp).
+    template <class Index>
+    static void step(VeRowIterator& it, const TableState& t, const Index& index);
+    template <class Index>
+    static void readAhead(VeRowIterator& it, const TableState& t, const Index& index,
+                          typename Index::const_iterator pos);
 };
 
 }  // namespace Velta::detail
@@ -339,6 +365,34 @@ namespace Velta::Host {
 struct HostTask {
     std::string what;  // for listeners
     std::function<void()> run;
+};
+
+// Rows replaced in tables, released a few replacements later. A replaced row lies anywhere in
+// memory and releasing it writes its reference count: retiring fetches that line into the cache,
+// and by the time the row is released the write finds it there instead of waiting for memory.
+class RetiredRows {
+public:
+    RetiredRows() = default;
+    RetiredRows(const RetiredRows&) = delete;
+    RetiredRows& operator=(const RetiredRows&) = delete;
+    ~RetiredRows() {
+        for (RowData* row : rows_) {
+            if (row != nullptr) Velta::detail::releaseRow(row);
+        }
+    }
+    // Takes over one reference to `row` (not null) and releases the one retired kDelay retirements
+    // ago.
+    void retire(RowData* row) noexcept {
+        internal::prefetchLine(row);
+        RowData*& slot = rows_[next_++ % kDelay];
+        if (slot != nullptr) Velta::detail::releaseRow(slot);
+        slot = row;
+    }
+
+private:
+    static constexpr std::size_t kDelay = 16;
+    RowData* rows_[kDelay] = {};
+    std::size_t next_ = 0;
 };
 
 // One queued delivery.
@@ -465,6 +519,8 @@ public:
 
 private:
     void notify(Velta::detail::Slot& slot, QueuedEvent::Kind kind, const BaseRow& row);
+    // Before the oldest event is delivered: fetches the row data of an event kRowAhead places on.
+    void lookAhead() noexcept;
     void push(QueuedEvent&& e);
     void deliver(QueuedEvent& e);
     void controlSubscriptionAdded(const BaseRow& row);
@@ -477,6 +533,7 @@ private:
         VeltaDB::QueryCompletion done;
     };
 
+    RetiredRows retired_;
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;

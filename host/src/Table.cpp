@@ -1,11 +1,11 @@
 // Tables with their indexes, positions in them (VeRowIterator) and table interfaces.
 //
-// A position keeps the ordered-index entry it stands on together with the index's version at that
-// time and the row it saw. While the version is unchanged the entry is stepped from directly;
-// otherwise the position re-seeks by the saved row's key (successor for ++), which is what makes
-// walks survive inserts and deletions, including deletion of the row at the position. The row a
-// position shows (*) is always found again by its key in the hash index, so a replaced row shows
-// its replacement and a deleted one stays as it was seen.
+// A position keeps the ordered-index entry it stands on together with the table's change count at
+// that time and the row it saw. While the count is unchanged the entry is stepped from directly and
+// the row is the table's; otherwise the position re-seeks by the saved row's key (successor for ++),
+// which is what makes walks survive inserts and deletions, including deletion of the row at the
+// position, and the row it shows (*) is found again by its key in the hash index, so a replaced row
+// shows its replacement and a deleted one stays as it was seen.
 #include "HostInternal.h"
 
 #include <cstring>
@@ -33,40 +33,58 @@ const OrderKey& orderKeyOf(const OidKey& k) noexcept { return k.key; }
 
 }  // namespace
 
-// A walk reads the rows of consecutive keys, which lie anywhere in memory: while it stands at
-// `pos`, the hash-index entries of the keys a few places on and the row data of the nearer ones are
-// fetched into the cache, so that each step finds them there instead of waiting for memory. Only
-// for keys of one number field, whose hash needs nothing but the ordered entry.
+// A walk reads the rows of consecutive keys, which lie anywhere in memory. When a position has used
+// up its read-ahead, standing at `pos`, it reads the rows of the next kAhead keys into ahead_
+// (their hash-index entries were fetched into the cache the time before) and fetches their row data
+// and the hash-index entries of the kAhead keys after those, so that the steps that follow find
+// their rows without a lookup and their data in the cache instead of waiting for memory. Only for
+// keys of one number field, whose hash needs nothing but the ordered entry.
 template <class Index>
-void walkAhead(const TableState& t, const Index& index, typename Index::const_iterator pos) {
-    constexpr int kRowAhead = 4;  // its entry was fetched kEntryAhead - kRowAhead steps ago
-    constexpr int kEntryAhead = 8;
+void HostAccess::readAhead(VeRowIterator& it, const TableState& t, const Index& index,
+                           typename Index::const_iterator pos) {
+    constexpr unsigned kAhead = sizeof it.ahead_ / sizeof it.ahead_[0];
     const auto end = index.end();
-    for (int i = 1; i <= kEntryAhead; ++i) {
-        if (++pos == end) return;
-        if (i == kRowAhead) __builtin_prefetch(t.rowAt(orderKeyOf(*pos)));
+    unsigned n = 0;
+    for (unsigned i = 1; i <= 2 * kAhead; ++i) {
+        if (++pos == end) break;
+        if (i <= kAhead) {
+            const RowData* row = t.rowAt(orderKeyOf(*pos));
+            Host::internal::prefetchLine(row);
+            it.ahead_[n++] = row;
+        } else {
+            t.prefetchEntry(orderKeyOf(*pos));
+        }
     }
-    t.prefetchEntry(orderKeyOf(*pos));
+    it.aheadNext_ = 0;
+    it.aheadCount_ = static_cast<unsigned char>(n);
 }
 
-// The row after the position saved in `buf` in `index` (index number `which` of `t`), saving the
-// new position; null at the end. When the index changed since the position was saved, the next
-// row is found again from `row`'s key.
+// Moves `it` to the next row of `index`, or to the end. While the table is unchanged since the
+// position was saved, it steps from there (taking the row from the read-ahead when it has one);
+// otherwise it finds the successor of its row's key again.
 template <class Index>
-const RowData* stepForward(const TableState& t, const Index& index, unsigned char which, std::uint64_t& version,
-                           unsigned char (&buf)[2 * sizeof(void*)], const BaseRow& row) {
-    typename Index::const_iterator pos;
-    if (version == t.version(which)) {
-        pos = loadPos<typename Index::const_iterator>(buf);
+void HostAccess::step(VeRowIterator& it, const TableState& t, const Index& index) {
+    using Pos = typename Index::const_iterator;
+    Pos pos;
+    const RowData* next = nullptr;
+    if (it.seen_ == t.changes()) {
+        pos = loadPos<Pos>(it.pos_);
         ++pos;
+        if (it.aheadNext_ < it.aheadCount_) next = static_cast<const RowData*>(it.ahead_[it.aheadNext_++]);
     } else {
-        pos = index.upper_bound(t.probe(*row.data()));
-        version = t.version(which);
+        pos = index.upper_bound(t.probe(*it.row_.data()));
+        it.aheadNext_ = it.aheadCount_ = 0;
     }
-    if (pos == index.end()) return nullptr;
-    storePos(buf, pos);
-    if (t.exactKeys()) walkAhead(t, index, pos);
-    return t.rowAt(orderKeyOf(*pos));
+    if (pos == index.end()) {
+        it.row_.clear();
+        it.table_.reset();
+        return;
+    }
+    storePos(it.pos_, pos);
+    if (next == nullptr) next = t.rowAt(orderKeyOf(*pos));
+    if (it.aheadNext_ == it.aheadCount_ && t.exactKeys()) readAhead(it, t, index, pos);
+    it.row_ = RowRef::share(next);
+    it.seen_ = t.changes();
 }
 
 TableState::TableState(const RowType& type, std::string path)
@@ -122,13 +140,7 @@ const RowData* TableState::find(const RowData& key) const {
 
 void TableState::prefetchEntry(const OrderKey& key) const { rows_.prefetch(SlotProbe{hashOf(key), key.key}); }
 
-const RowData* TableState::rowAt(const OrderKey& key) const {
-    // Every ordered entry has its row in the hash index.
-    return rows_.find(SlotProbe{hashOf(key), key.key})->row;
-}
-
-const RowData* TableState::findIn(const RowData& key, unsigned char index) const {
-    if (effectiveIndex(index) == 0) return find(key);
+const RowData* TableState::findByOid(const RowData& key) const {
     const auto it = findOid(key);
     return it == byOid_.end() ? nullptr : rowAt(it->key);
 }
@@ -155,19 +167,16 @@ RowData* TableState::put(const Spot& spot, const BaseRow& row) {
             const OrderKey key = at->key;
             byOid_.erase(at);
             byOid_.insert(OidKey{oidOf(data), key});
-            ++version_[1];
         }
         spot.slot->row = retainRow(&data);
+        ++changes_;
         return old;
     }
+    ++changes_;
     rows_.insert(RowSlot{spot.hash, retainRow(&data)});
     const OrderKey key{probe(data).prefix, prefixIsKey_ ? nullptr : retainRow(&data)};
     primary_.insert(key);
-    ++version_[0];
-    if (hasOid_) {
-        byOid_.insert(OidKey{oidOf(data), key});
-        ++version_[1];
-    }
+    if (hasOid_) byOid_.insert(OidKey{oidOf(data), key});
     return nullptr;
 }
 
@@ -176,14 +185,11 @@ RowData* TableState::remove(const RowData& key) {
     if (it == rows_.end()) return nullptr;
     RowData* row = it->row;
     rows_.erase(it);
+    ++changes_;
     const auto at = primary_.find(probe(key));
     const RowData* keyObject = at->key;
     primary_.erase(at);
-    ++version_[0];
-    if (hasOid_) {
-        byOid_.erase(probe(*row));
-        ++version_[1];
-    }
+    if (hasOid_) byOid_.erase(probe(*row));
     if (keyObject != nullptr) releaseRow(const_cast<RowData*>(keyObject));
     return row;
 }
@@ -196,8 +202,7 @@ void TableState::clear() {
     rows_.clear();
     byOid_.clear();
     primary_.clear();
-    ++version_[0];
-    ++version_[1];
+    ++changes_;
 }
 
 VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, PrimaryIndex::const_iterator pos) {
@@ -205,9 +210,9 @@ VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, Pr
     if (pos == table->primary().end()) return it;
     it.table_ = table;
     it.index_ = 0;
-    it.version_ = table->version(0);
     storePos(it.pos_, pos);
     it.row_ = RowRef::share(table->rowAt(*pos));
+    it.seen_ = table->changes();
     return it;
 }
 
@@ -216,9 +221,9 @@ VeRowIterator HostAccess::oidAt(const std::shared_ptr<TableState>& table, OidInd
     if (pos == table->byOid().end()) return it;
     it.table_ = table;
     it.index_ = 1;
-    it.version_ = table->version(1);
     storePos(it.pos_, pos);
     it.row_ = RowRef::share(table->rowAt(pos->key));
+    it.seen_ = table->changes();
     return it;
 }
 
@@ -227,7 +232,7 @@ VeRowIterator HostAccess::primaryOn(const std::shared_ptr<TableState>& table, co
     if (row == nullptr) return it;
     it.table_ = table;
     it.index_ = 0;
-    it.version_ = 0;  // versions start at 1: the position is found by the row's key when needed
+    it.seen_ = 0;  // counts start at 1: the position is found by the row's key when it moves
     it.row_ = RowRef::share(row);
     return it;
 }
@@ -243,14 +248,10 @@ using detail::TableState;
 VeRowIterator& VeRowIterator::operator++() {
     if (row_.empty()) return *this;
     const TableState& t = *table_;
-    const RowData* next = index_ == 0 ? detail::stepForward(t, t.primary(), 0, version_, pos_, row_)
-                                      : detail::stepForward(t, t.byOid(), 1, version_, pos_, row_);
-    if (next == nullptr) {
-        row_.clear();
-        table_.reset();
-        return *this;
-    }
-    row_ = detail::RowRef::share(next);
+    if (index_ == 0)
+        detail::HostAccess::step(*this, t, t.primary());
+    else
+        detail::HostAccess::step(*this, t, t.byOid());
     return *this;
 }
 
@@ -259,6 +260,7 @@ const BaseRow& VeRowIterator::operator*() const {
     // The table's current row with the position's key; in index 1 only while it keeps its oid (a
     // row that changed its oid has left this place in the order).
     const TableState& t = *table_;
+    if (seen_ == t.changes()) return row_;
     const RowData* seen = row_.data();
     const RowData* current = t.find(*seen);
     if (current != nullptr && current != seen && (index_ == 0 || t.oidOf(*current) == t.oidOf(*seen)))
