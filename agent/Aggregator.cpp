@@ -14,6 +14,7 @@
 //   internal/RowKeyMap.h).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/internal/HostKeyHash.h>
+#include <Velta/Agent/internal/HostLookahead.h>
 #include <Velta/Records.h>
 #include <Velta/VeRT.h>
 
@@ -31,6 +32,9 @@ constexpr unsigned char kObserverMode = 5;
 
 static_assert(internal::kHostKeyHashDetected == (VELTA_AGENT_HOST_KEY_HASH != 0),
               "Velta/Agent/Config.h records another choice of the host's key-hash capability than this "
+              "compilation detects: configure the build again");
+static_assert(internal::kHostLookaheadDetected == (VELTA_AGENT_HOST_LOOKAHEAD != 0),
+              "Velta/Agent/Config.h records another choice of the host's lookahead capability than this "
               "compilation detects: configure the build again");
 #if VELTA_AGENT_HOST_KEY_HASH
 static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <= internal::NodePool::kSlot,
@@ -73,6 +77,10 @@ Aggregator::AggregatorInputTable::AggregatorInputTable(VeltaDB::p_t vdb, Aggrega
     inputObserver.scheduledIs(scheduled);
     // Not client-ready yet: nothing is delivered before the output can take rows.
     vdb_->bindInterface(inputObserver, tablePath, bindFlag);
+#if VELTA_AGENT_HOST_LOOKAHEAD
+    if (aggregator_->lookahead_ != nullptr)
+        aggregator_->lookahead_->lookaheadIs(inputObserver, &Aggregator::lookAhead, aggregator_);
+#endif
 }
 
 Aggregator::AggregatorInputTable::~AggregatorInputTable() {
@@ -165,6 +173,9 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
       suppressResync_(false),
       affixLength_(inputPathPrefix.size() + inputPathSuffix.size()),
       inputsScanned_(false),
+#if VELTA_AGENT_HOST_LOOKAHEAD
+      lookahead_(HostCapability::Lookahead::of(*vdb_)),
+#endif
       debugChannel_(__kestoDebug::getHandler(), false) {
     veTableObserver_.scheduledIs(false);
     vdb_->bindInterface(outputModifier, outputPath_, bindFlag_);
@@ -258,6 +269,20 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
 
 // ---------------------------------------------------------------------------------------------
 // Aggregator: merging
+
+#if VELTA_AGENT_HOST_LOOKAHEAD
+void Aggregator::lookAhead(void* aggregator, const BaseRow& row) {
+    auto& self = *static_cast<Aggregator*>(aggregator);
+#if VELTA_AGENT_HOST_KEY_HASH
+    // Two stages: the owner entry of this row now, and the element of the row looked ahead two
+    // calls ago, whose entry has arrived meanwhile (an owner that changes is written there).
+    const std::uint64_t hash = self.outputRowOwners_.prefetch(row);
+    self.outputRowOwners_.prefetchElement(self.aheadHashes_[self.nextAhead_ % self.aheadHashes_.size()]);
+    self.aheadHashes_[self.nextAhead_++ % self.aheadHashes_.size()] = hash;
+#endif
+    self.lookahead_->prefetchKey(self.outputModifier, row);
+}
+#endif
 
 std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::inputFor(const std::string& path) {
     for (const PathHint& hint : pathHints_) {

@@ -309,11 +309,17 @@ bool Database::Impl::runOne() {
 
 void Database::Impl::lookAhead() noexcept {
     constexpr std::size_t kRowAhead = 8;
+    constexpr std::size_t kHookAhead = 4;
     if (queue.size() > kRowAhead) {
         if (const RowData* data = queue.at(kRowAhead).row.data()) {
             internal::prefetchLine(data);
             internal::prefetchLine(reinterpret_cast<const char*>(data) + 64);
         }
+    }
+    if (queue.size() > kHookAhead) {
+        const QueuedEvent& e = queue.at(kHookAhead);
+        if (e.att != nullptr && e.att->lookahead != nullptr && !e.row.empty())
+            e.att->lookahead(e.att->lookaheadContext, e.row);
     }
 }
 
@@ -534,6 +540,18 @@ std::shared_ptr<const RowOps> AgentHandle::getRowOps(const std::string& typeName
     return internal::rowOpsFor(findRowType(typeName), index);
 }
 
+void AgentHandle::lookaheadIs(VeTableInterface& observer, Hook hook, void* context) {
+    const std::shared_ptr<Attachment>& att = HostAccess::attachment(observer);
+    if (!att || att->impl != impl_) return;
+    att->lookahead = hook;
+    att->lookaheadContext = context;
+}
+
+void AgentHandle::prefetchKey(const VeTableInterface& iface, const BaseRow& key) const {
+    const std::shared_ptr<Attachment>& att = HostAccess::attachment(iface);
+    if (!att || !att->slot->table || key.rowType() != &att->slot->table->type()) return;
+    att->slot->table->prefetchKey(*key.data());
+}
 
 // ---------------------------------------------------------------------------------------------
 // The embedding facade

@@ -26,6 +26,7 @@
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
+#include <Velta/HostCapability/Lookahead.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
@@ -249,6 +250,8 @@ public:
     }
     // Fetches into the cache what rowAt(key) reads in the hash index.
     void prefetchEntry(const OrderKey& key) const;
+    // Fetches into the cache what find(key) reads in the hash index.
+    void prefetchKey(const RowData& key) const { rows_.prefetch(SlotProbe{hashOf(key), &key}); }
     // True when the key is one number field: ordered entries are the keys, hashes are exact.
     bool exactKeys() const noexcept { return prefixIsKey_; }
     // Index 1's first entry with `key`'s oid, or its end (tables with an oid only).
@@ -312,6 +315,8 @@ public:
     bool readyQueued = false;
     bool observing = false;
     std::string agentName;  // owner of a table this interface creates
+    HostCapability::Lookahead::Hook lookahead = nullptr;  // called for queued row events ahead
+    void* lookaheadContext = nullptr;
 };
 
 // A table path: the table (when it exists) and the interfaces bound to the path.
@@ -519,7 +524,9 @@ public:
 
 private:
     void notify(Velta::detail::Slot& slot, QueuedEvent::Kind kind, const BaseRow& row);
-    // Before the oldest event is delivered: fetches the row data of an event kRowAhead places on.
+    // Before the oldest event is delivered: fetches the row data of an event kRowAhead places on
+    // and calls the lookahead hook for the row event kHookAhead places on, whose data was fetched
+    // kRowAhead - kHookAhead deliveries ago.
     void lookAhead() noexcept;
     void push(QueuedEvent&& e);
     void deliver(QueuedEvent& e);
@@ -545,7 +552,7 @@ private:
 };
 
 // One agent's handle on a database.
-class AgentHandle final : public VeltaDB {
+class AgentHandle final : public VeltaDB, public HostCapability::Lookahead {
 public:
     AgentHandle(std::shared_ptr<Database> db, AgentOptions options);
     ~AgentHandle() override;
@@ -565,6 +572,8 @@ public:
     veMetadata::veTable tableInfo(unsigned oid) const override;
     unsigned tableTypeId(const std::string& typeName, bool flag) const override;
     std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override;
+    void lookaheadIs(VeTableInterface& observer, Hook hook, void* context) override;
+    void prefetchKey(const VeTableInterface& iface, const BaseRow& key) const override;
 
     const AgentOptions& options() const noexcept { return options_; }
     std::uint64_t id() const noexcept { return id_; }

@@ -31,9 +31,16 @@
 #endif
 #include <Velta/Agent/internal/RowKeyMap.h>
 #endif
+#if VELTA_AGENT_HOST_LOOKAHEAD
+#if !__has_include(<Velta/HostCapability/Lookahead.h>)
+#error "libSubscriptionHandling was built with the host's lookahead capability: put <Velta/HostCapability/Lookahead.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
+#endif
+#include <Velta/HostCapability/Lookahead.h>
+#endif
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -205,6 +212,17 @@ private:
     bool suppressResync_;
     std::size_t affixLength_;
     bool inputsScanned_;
+#if VELTA_AGENT_HOST_LOOKAHEAD
+    // The host's delivery lookahead (null when the handle does not offer it). Every input
+    // observer's hook is lookAhead, which fetches what merging the row will read: the row's owner
+    // entry and element, and its output table entry.
+    HostCapability::Lookahead* lookahead_;
+    static void lookAhead(void* aggregator, const BaseRow& row);
+#if VELTA_AGENT_HOST_KEY_HASH
+    std::array<std::uint64_t, 2> aheadHashes_{};  // key hashes of the last rows looked ahead
+    std::size_t nextAhead_ = 0;
+#endif
+#endif
     __kestoDebug debugChannel_;
 };
 

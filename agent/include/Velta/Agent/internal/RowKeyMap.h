@@ -124,6 +124,23 @@ public:
     }
     const_iterator find(const BaseRow& key) const { return const_cast<RowKeyMap*>(this)->find(key); }
 
+    // Fetches into the cache what locate(key) reads in the hash index, and answers the key's hash
+    // for prefetchElement (0 when the map does not hash).
+    std::uint64_t prefetch(const BaseRow& key) const {
+        if (!hash().available()) return 0;
+        const std::uint64_t h = hash().hash(key);
+        index_.prefetch(h);
+        return h;
+    }
+    // Once what prefetch fetched has arrived: fetches the element of the key whose hash prefetch
+    // answered, which assign writes. Only where hashes are exact (a probe then reads no element);
+    // nothing otherwise, or when there is no such element.
+    void prefetchElement(std::uint64_t keyHash) const {
+        if (!hash().available() || !allExact_) return;
+        const auto* e = index_.find(keyHash, true, [](const Where&) { return true; });
+        if (e != nullptr) prefetchLine(&*e->pos.it);
+    }
+
     // The first element not ordered before `key` (a walk down the tree).
     iterator lower_bound(const BaseRow& key) { return map_.lower_bound(key); }
 
