@@ -103,7 +103,7 @@ void Aggregator::AggregatorInputTable::walkInputTable() {
         walkPosition_ = *position;
         // Stop before the row: the bookmark names a row that has not been forwarded yet.
         if (aggregator_->blocked()) return;
-        aggregator_->onInputRow(inputObserver.tablePath(), walkPosition_);
+        aggregator_->rowFrom(*this, walkPosition_);
         ++position;
     }
     walkPosition_.clear();
@@ -136,7 +136,7 @@ void Aggregator::AggregatorInputTable::onRow(const BaseRow& row) {
                 "void Velta::Agent::Aggregator::AggregatorInputTable::onRow(const Velta::BaseRow&)"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
                     << ", " << copy.toString());
-    aggregator_->onInputRow(inputObserver.tablePath(), copy);
+    aggregator_->rowFrom(*this, copy);
 }
 
 void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
@@ -144,7 +144,7 @@ void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
                 "void Velta::Agent::Aggregator::AggregatorInputTable::onDelete(const Velta::BaseRow&)"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
                     << ", " << row.toString());
-    aggregator_->onInputRowDelete(inputObserver.tablePath(), row);
+    aggregator_->deleteFrom(*this, row);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -237,6 +237,7 @@ void Aggregator::onVeTableRow(const BaseRow& row) {
         auto input = std::make_shared<AggregatorInputTable>(vdb_, this, path, outputModifier.rowTypeName(),
                                                             agentName, scheduled_, bindFlag_);
         const auto entry = inputTables_.emplace(path, std::move(input)).first;
+        entry->second->admitted_ = true;
         // An input appearing while the aggregator runs starts at once.
         if (ready()) entry->second->outputReady();
         return;
@@ -254,10 +255,10 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
     // Out of inputTables_ first, so the leaving input cannot be chosen to replace its own rows.
     std::shared_ptr<AggregatorInputTable> input = found->second;
     inputTables_.erase(found);
-    pathHints_.fill(PathHint{});
+    if (input) input->admitted_ = false;
 
     for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
-        if (entry->second == input) {
+        if (entry->second == input.get()) {
             entry = updateOutputOnDelete(entry);
         } else {
             ++entry;
@@ -284,23 +285,35 @@ void Aggregator::lookAhead(void* aggregator, const BaseRow& row) {
 }
 #endif
 
-std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::inputFor(const std::string& path) {
-    for (const PathHint& hint : pathHints_) {
-        if (hint.path == &path && hint.entry->first == path) return hint.entry->second;
-    }
-    const auto entry = inputTables_.try_emplace(path).first;
-    pathHints_[nextPathHint_++ % pathHints_.size()] = PathHint{&path, entry};
-    return entry->second;
+void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
+    merge(inputTables_.try_emplace(path).first->second.get(), row);
 }
 
-void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
-    const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
+void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
+    mergeDelete(inputTables_.try_emplace(path).first->second.get(), row);
+}
+
+void Aggregator::rowFrom(AggregatorInputTable& input, BaseRow& row) {
+    if (input.admitted_)
+        merge(&input, row);
+    else
+        onInputRow(input.tablePath(), row);
+}
+
+void Aggregator::deleteFrom(AggregatorInputTable& input, const BaseRow& row) {
+    if (input.admitted_)
+        mergeDelete(&input, row);
+    else
+        onInputRowDelete(input.tablePath(), row);
+}
+
+void Aggregator::merge(AggregatorInputTable* owner, BaseRow& row) {
     // No precedence between inputs: the latest delivery wins and takes the key over.
 #if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) {
         outputRowOwners_.emplace(row, owner);
-    } else if (entry.target() != owner.get()) {
+    } else if (entry.target() != owner) {
         // (An owner that stays is left alone, which spares reading the entry at all.)
         outputRowOwners_.assign(entry, owner);
     }
@@ -315,14 +328,12 @@ void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
     outputModifier.rowIs(row);
 }
 
-void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
-    // inputTables_ does not change below, so the reference stays valid.
-    const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
+void Aggregator::mergeDelete(AggregatorInputTable* owner, const BaseRow& row) {
 #if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) return;
     // Another input supplied the output row: it stays.
-    if (entry.target() != owner.get()) return;
+    if (entry.target() != owner) return;
     updateOutputOnDelete(entry.pos());
 #else
     const auto entry = outputRowOwners_.find(row);
@@ -344,7 +355,7 @@ Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRow
             outputModifier.rowIs(replacement);
             const auto next = std::next(entry);
             outputRowOwners_.erase(entry);
-            outputRowOwners_.emplace_hint(next, std::move(replacement), input);
+            outputRowOwners_.emplace_hint(next, std::move(replacement), input.get());
             return next;
         }
     }
@@ -363,13 +374,18 @@ void Aggregator::onReady() {
 
     if (!suppressResync_) {
         // Collect first, delete afterwards: the output is never changed while it is iterated.
+        std::vector<const AggregatorInputTable*> inputs;  // in path order; asked for every row
+        inputs.reserve(inputTables_.size());
+        for (const auto& [path, input] : inputTables_) {
+            if (input) inputs.push_back(input.get());
+        }
         std::vector<BaseRow> unheld;
         const VeRowIterator end = outputModifier.end(0);
         for (VeRowIterator position = outputModifier.begin(0); position != end; ++position) {
             const BaseRow& outputRow = *position;
             bool held = false;
-            for (const auto& [path, input] : inputTables_) {
-                if (input && !input->row(outputRow).empty()) {
+            for (const AggregatorInputTable* input : inputs) {
+                if (!input->row(outputRow).empty()) {
                     held = true;
                     break;
                 }
