@@ -9,9 +9,8 @@
 //   fields are used.
 // - Trace text is built only when its level is on (KESTO_TRACE tests the level first).
 // - With the host's key hashing, outputRowOwners_'s nodes live in a NodePool shared by the map's
-//   allocator copies, so the pool outlives every node whatever the order of destruction, and its
-//   values change only through emplace and assign, which keep its hash index in step (see
-//   internal/RowKeyMap.h).
+//   allocator copies, so the pool outlives every node whatever the order of destruction, and an
+//   owner is read through ownerOf (its index entry holds it, see internal/RowKeyMap.h).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/internal/HostKeyHash.h>
 #include <Velta/Agent/internal/HostLookahead.h>
@@ -258,7 +257,7 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
     if (input) input->admitted_ = false;
 
     for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
-        if (entry->second == input.get()) {
+        if (ownerOf(entry) == input.get()) {
             entry = updateOutputOnDelete(entry);
         } else {
             ++entry;
@@ -275,11 +274,7 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
 void Aggregator::lookAhead(void* aggregator, const BaseRow& row) {
     auto& self = *static_cast<Aggregator*>(aggregator);
 #if VELTA_AGENT_HOST_KEY_HASH
-    // Two stages: the owner entry of this row now, and the element of the row looked ahead two
-    // calls ago, whose entry has arrived meanwhile (an owner that changes is written there).
-    const std::uint64_t hash = self.outputRowOwners_.prefetch(row);
-    self.outputRowOwners_.prefetchElement(self.aheadHashes_[self.nextAhead_ % self.aheadHashes_.size()]);
-    self.aheadHashes_[self.nextAhead_++ % self.aheadHashes_.size()] = hash;
+    self.outputRowOwners_.prefetch(row);
 #endif
     self.lookahead_->prefetchKey(self.outputModifier, row);
 }
@@ -313,8 +308,7 @@ void Aggregator::merge(AggregatorInputTable* owner, BaseRow& row) {
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) {
         outputRowOwners_.emplace(row, owner);
-    } else if (entry.target() != owner) {
-        // (An owner that stays is left alone, which spares reading the entry at all.)
+    } else if (entry.value() != owner) {
         outputRowOwners_.assign(entry, owner);
     }
 #else
@@ -333,7 +327,7 @@ void Aggregator::mergeDelete(AggregatorInputTable* owner, const BaseRow& row) {
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) return;
     // Another input supplied the output row: it stays.
-    if (entry.target() != owner) return;
+    if (entry.value() != owner) return;
     updateOutputOnDelete(entry.pos());
 #else
     const auto entry = outputRowOwners_.find(row);
@@ -341,6 +335,14 @@ void Aggregator::mergeDelete(AggregatorInputTable* owner, const BaseRow& row) {
     // Another input supplied the output row: it stays.
     if (entry->second != owner) return;
     updateOutputOnDelete(entry);
+#endif
+}
+
+Aggregator::AggregatorInputTable* Aggregator::ownerOf(OutputRowOwners::const_iterator entry) const {
+#if VELTA_AGENT_HOST_KEY_HASH
+    return outputRowOwners_.value(entry);
+#else
+    return entry->second;
 #endif
 }
 
@@ -406,8 +408,8 @@ void Aggregator::onReady() {
 std::string Aggregator::outputRowSource(const BaseRow& outputKey) const {
     if (outputKey.empty()) return std::string();
     const auto entry = outputRowOwners_.find(outputKey);
-    if (entry == outputRowOwners_.end() || !entry->second) return std::string();
-    return entry->second->tablePath();
+    if (entry == outputRowOwners_.end() || ownerOf(entry) == nullptr) return std::string();
+    return ownerOf(entry)->tablePath();
 }
 
 std::vector<std::string> Aggregator::inputPaths() const {

@@ -252,21 +252,22 @@ KeySpace<std::string> nameKeys(std::size_t count) {
     return s;
 }
 
-// The map's values are owners, as in the aggregator: shared, and compared by address.
-using Owner = std::shared_ptr<const unsigned>;
-using OwnerMap = Agent::internal::RowKeyMap<Owner>;
+// The map's values are owners, as in the aggregator: compared by address.
+using Owner = const unsigned*;
+using OwnerMap = Agent::internal::RowKeyMap<const unsigned>;
 
 // Owner 0 is null, a value the map carries like any other.
 std::vector<Owner> makeOwners() {
+    static const unsigned values[8] = {0, 1, 2, 3, 4, 5, 6, 7};
     std::vector<Owner> owners{nullptr};
-    for (unsigned i = 1; i < 8; ++i) owners.push_back(std::make_shared<const unsigned>(i));
+    for (unsigned i = 1; i < 8; ++i) owners.push_back(&values[i]);
     return owners;
 }
 
 template <class K>
 std::vector<std::pair<K, const void*>> contentsOf(const OwnerMap& map, const KeySpace<K>& space) {
     std::vector<std::pair<K, const void*>> out;
-    for (const auto& [row, owner] : map) out.emplace_back(space.keyOf(row), owner.get());
+    for (auto it = map.begin(); it != map.end(); ++it) out.emplace_back(space.keyOf(it->first), map.value(it));
     return out;
 }
 
@@ -293,8 +294,8 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
         } else {
             EXPECT_TRUE(found.pos() == it);
             EXPECT_EQ(space.keyOf(it->first), k);
-            EXPECT_EQ(it->second.get(), m->second);
-            EXPECT_EQ(found.target(), m->second)
+            EXPECT_EQ(map.value(it), m->second);
+            EXPECT_EQ(found.value(), m->second)
                 << ::testing::PrintToString(k) << ": the index holds a stale owner";
         }
     };
@@ -313,7 +314,7 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
                 map.emplace(row, owner);
             else
                 map.emplace_hint(map.lower_bound(row), row, owner);
-            model[k] = owner.get();
+            model[k] = owner;
         } else if (op < 70) {
             const auto it = map.find(row);
             const auto m = model.find(k);
@@ -341,7 +342,7 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
                 if (rng() % 4 == 0) {
                     const Owner owner = anyOwner();
                     const auto back = map.emplace_hint(it, key, owner);
-                    model[space.keyOf(key)] = owner.get();
+                    model[space.keyOf(key)] = owner;
                     ASSERT_TRUE(std::next(back) == it) << "step " << step;
                 }
             }
@@ -401,11 +402,11 @@ TEST_F(RowKeyMapTest, KeysOfAnotherTypeTurnHashTrustOff) {
     ASSERT_FALSE(map.locate(num5));  // an equal hash of another type is no match
     map.emplace(num5, owners[2]);
     ASSERT_EQ(map.size(), 2u);
-    EXPECT_EQ(map.locate(num5).target(), owners[2].get());
-    EXPECT_EQ(map.locate(twin5).target(), owners[1].get());
+    EXPECT_EQ(map.locate(num5).value(), owners[2]);
+    EXPECT_EQ(map.locate(twin5).value(), owners[1]);
     map.erase(map.find(twin5));
     ASSERT_TRUE(map.find(twin5) == map.end());
-    EXPECT_EQ(map.find(num5)->second, owners[2]);
+    EXPECT_EQ(map.value(map.find(num5)), owners[2]);
 
     // Both types over the same small numbers, so equal hashes of different keys meet all the time.
     KeySpace<std::pair<unsigned, std::uint64_t>> mixed;

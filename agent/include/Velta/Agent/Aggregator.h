@@ -127,7 +127,7 @@ public:
     // when the host hashes keys, the map keeps a hash index of its keys beside the tree, and its
     // nodes come from a pool of their own, one cache line each.
 #if VELTA_AGENT_HOST_KEY_HASH
-    using OutputRowOwners = internal::RowKeyMap<AggregatorInputTable*>;
+    using OutputRowOwners = internal::RowKeyMap<AggregatorInputTable>;
 #else
     using OutputRowOwners = std::map<BaseRow, AggregatorInputTable*, RowOpsKeyLess>;
 #endif
@@ -200,6 +200,8 @@ private:
     // The merge of a row or a deletion from `owner` (null: a path no admitted input has).
     void merge(AggregatorInputTable* owner, BaseRow& row);
     void mergeDelete(AggregatorInputTable* owner, const BaseRow& row);
+    // The owner of an entry of outputRowOwners_.
+    AggregatorInputTable* ownerOf(OutputRowOwners::const_iterator entry) const;
     std::string inputPathPrefix_;
     std::string inputPathSuffix_;
     std::string outputPath_;
@@ -213,13 +215,9 @@ private:
 #if VELTA_AGENT_HOST_LOOKAHEAD
     // The host's delivery lookahead (null when the handle does not offer it). Every input
     // observer's hook is lookAhead, which fetches what merging the row will read: the row's owner
-    // entry and element, and its output table entry.
+    // entry and its output table entry.
     HostCapability::Lookahead* lookahead_;
     static void lookAhead(void* aggregator, const BaseRow& row);
-#if VELTA_AGENT_HOST_KEY_HASH
-    std::array<std::uint64_t, 2> aheadHashes_{};  // key hashes of the last rows looked ahead
-    std::size_t nextAhead_ = 0;
-#endif
 #endif
     __kestoDebug debugChannel_;
 };
