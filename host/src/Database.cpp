@@ -88,12 +88,12 @@ Slot& Database::Impl::slotFor(const std::string& path) {
     return s;
 }
 
-Slot* Database::Impl::findSlot(const std::string& path) noexcept {
+Slot* Database::Impl::findSlot(std::string_view path) noexcept {
     auto it = slots.find(path);
     return it == slots.end() ? nullptr : &it->second;
 }
 
-const Slot* Database::Impl::findSlot(const std::string& path) const noexcept {
+const Slot* Database::Impl::findSlot(std::string_view path) const noexcept {
     auto it = slots.find(path);
     return it == slots.end() ? nullptr : &it->second;
 }
@@ -195,7 +195,7 @@ bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
     return true;
 }
 
-BaseRow Database::Impl::lookup(const std::string& path, const BaseRow& key, unsigned char index) const {
+BaseRow Database::Impl::lookup(std::string_view path, const BaseRow& key, unsigned char index) const {
     const Slot* slot = findSlot(path);
     if (slot == nullptr || !slot->table || key.empty()) return BaseRow();
     const TableState& t = *slot->table;
@@ -205,9 +205,10 @@ BaseRow Database::Impl::lookup(const std::string& path, const BaseRow& key, unsi
 }
 
 veMetadata::veTable Database::Impl::tableInfo(const std::string& path) const {
-    veMetadata::veTable key;
-    key.tablePathIs(path);
-    return veMetadata::veTable(lookup(kVeTablePath, key, 0));
+    // The key row is kept for these lookups (nothing else shares it): setting its path reuses its
+    // storage.
+    tableKey_.tablePathIs(path);
+    return veMetadata::veTable(lookup(kVeTablePath, tableKey_, 0));
 }
 
 veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {

@@ -469,8 +469,8 @@ public:
 
     // --- tables
     Velta::detail::Slot& slotFor(const std::string& path);
-    Velta::detail::Slot* findSlot(const std::string& path) noexcept;
-    const Velta::detail::Slot* findSlot(const std::string& path) const noexcept;
+    Velta::detail::Slot* findSlot(std::string_view path) noexcept;
+    const Velta::detail::Slot* findSlot(std::string_view path) const noexcept;
     // Creates the table and its metadata row; returns false when it exists already.
     bool createTable(Velta::detail::Slot& slot, const RowType& type, const std::string& owner, unsigned oid);
     // Writes the metadata row of an existing table again when a client removed it (or the whole
@@ -508,7 +508,7 @@ public:
     veMetadata::veTable tableInfo(const std::string& path) const;
     veMetadata::veTable tableInfo(unsigned oid) const;
     // The row with `key`'s key in `index` of the table at `path`, or an empty row.
-    BaseRow lookup(const std::string& path, const BaseRow& key, unsigned char index) const;
+    BaseRow lookup(std::string_view path, const BaseRow& key, unsigned char index) const;
 
     std::uint64_t newHandleId() noexcept { return ++handleIds_; }
 
@@ -541,6 +541,7 @@ private:
     };
 
     RetiredRows retired_;
+    mutable veMetadata::veTable tableKey_;  // the key row of tableInfo(path)
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;
