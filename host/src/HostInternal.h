@@ -423,7 +423,7 @@ public:
         e.kind = kind;
         e.row = row;
     }
-    QueuedEvent& at(std::size_t i) noexcept { return buf_[(head_ + i) & (buf_.size() - 1)]; }
+    QueuedEvent& at(std::size_t i) noexcept { return buf_[(head_ + i) & mask_]; }
     // Removes and returns the entry at position i (0 = oldest), keeping the order of the rest.
     QueuedEvent take(std::size_t i);
     // Removes every entry for which `pred` is true, keeping the order of the rest.
@@ -435,11 +435,12 @@ private:
     // The new last entry, empty (every entry past the live ones is empty).
     QueuedEvent& append() {
         if (size_ == buf_.size()) grow();
-        return buf_[(head_ + size_++) & (buf_.size() - 1)];
+        return buf_[(head_ + size_++) & mask_];
     }
     void grow();
 
     std::vector<QueuedEvent> buf_;
+    std::size_t mask_ = 0;  // buf_.size() - 1 (a power of two) once it has grown
     std::size_t head_ = 0;
     std::size_t size_ = 0;
 };

@@ -399,6 +399,7 @@ void EventQueue::grow() {
     std::vector<QueuedEvent> bigger(buf_.empty() ? 64 : buf_.size() * 2);
     for (std::size_t i = 0; i < size_; ++i) bigger[i] = std::move(at(i));
     buf_.swap(bigger);
+    mask_ = buf_.size() - 1;
     head_ = 0;
 }
 
@@ -407,7 +408,7 @@ void EventQueue::push(QueuedEvent&& e) { append() = std::move(e); }
 QueuedEvent EventQueue::take(std::size_t i) {
     QueuedEvent e = std::move(at(i));
     if (i == 0) {
-        head_ = (head_ + 1) & (buf_.size() - 1);
+        head_ = (head_ + 1) & mask_;
     } else {
         for (std::size_t j = i; j + 1 < size_; ++j) at(j) = std::move(at(j + 1));
         at(size_ - 1) = QueuedEvent{};
