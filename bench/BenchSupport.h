@@ -137,7 +137,7 @@ double median(std::vector<double> values);
 
 // Medians over `reps` interleaved repetitions of a.nsPerUnit(aUnits) and b.nsPerUnit(bUnits) and of
 // their ratio, with the least and greatest ratio; the order within each repetition alternates. Both
-// are warmed up first.
+// are warmed up first by one repetition's worth of work.
 struct RatioResult {
     double ratio;
     double minRatio;
@@ -147,7 +147,7 @@ struct RatioResult {
 };
 RatioResult medianRatio(Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits, int reps);
 
-// Median of `reps` runs of w.nsPerUnit(units), after one warm-up.
+// Median of `reps` runs of w.nsPerUnit(units), after one warm-up run of the same length.
 double medianNs(Workload& w, std::size_t units, int reps);
 
 // Ends the process with a message when a world is not in the state it must be in to be timed.

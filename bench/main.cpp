@@ -179,7 +179,11 @@ void compare(const Goal& goal, const char* what, Workload& a, std::size_t aUnits
 }
 
 int runRatios(int reps) {
-    constexpr std::size_t kEvents = 50'000;
+    // Units per repetition: long enough (tens of milliseconds) that a short burst of other work on
+    // the machine moves a median little. The intake keeps 10k subscriptions per repetition, as its
+    // cost depends on how many are registered.
+    constexpr std::size_t kEvents = 200'000;
+    constexpr std::size_t kIntakes = 10'000;
     MergeShape shape100k;
     shape100k.keys = 100'000;
     {
@@ -224,7 +228,7 @@ int runRatios(int reps) {
     {
         auto intake = makeIntakeWorkload();
         auto write = makeHostWriteWorkload(100'000);
-        compare({"translator_intake_vs_write", "<=", 10}, "intake/host write ns", *intake, kEvents / 5, *write,
+        compare({"translator_intake_vs_write", "<=", 10}, "intake/host write ns", *intake, kIntakes, *write,
                 kEvents, reps);
     }
     {
@@ -237,7 +241,7 @@ int runRatios(int reps) {
 }
 
 int runCurve(int reps) {
-    constexpr std::size_t kEvents = 40'000;
+    constexpr std::size_t kEvents = 200'000;
     std::printf("# keys aggregator_ns_per_event forwarder_ns_per_event floor_ns_per_event\n");
     for (std::size_t keys : {1'000, 3'000, 10'000, 30'000, 100'000, 300'000, 1'000'000}) {
         MergeShape shape;
