@@ -12,8 +12,13 @@
 // - An OrderKey of a key that is not one number field holds one reference to the first row
 //   stored under the key, its key object; the OidKey of the same row borrows it.
 // - A table's change count changes on every write, deletion and clear. An iterator whose saved
-//   count is the table's stands on a valid ordered-index position and shows the table's row;
-//   otherwise it re-seeks by its row's key.
+//   count is the table's stands on a valid ordered-index position, shows the table's row and holds
+//   the table's rows in its read-ahead (plain pointers: the table holds them); otherwise it re-seeks
+//   by its row's key and drops its read-ahead unread.
+// - A row replaced in a table is released by the database's RetiredRows at most sixteen
+//   replacements later; nothing but the moment its data is freed depends on that.
+// - A lookahead hook is called only for an event in the queue, never from inside a delivery or a
+//   host call, and only prefetches (Velta/HostCapability/Lookahead.h).
 // - A queued event names a live attachment: detaching removes the attachment's events first.
 // - One Database is used from one thread at a time; the type registry and the debug channels are
 //   process-wide and locked.
