@@ -440,26 +440,6 @@ void SubscriptionTranslator::extSubsOnReady() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// The registry's key
-
-namespace {
-// The outputPath field of External::Subscription, read in place (its getter copies the string).
-const std::string& outputPathOf(const External::Subscription& sub) {
-    static const auto field = static_cast<std::size_t>(External::Subscription::type().fieldIndex("outputPath"));
-    return sub.string(field);
-}
-}  // namespace
-
-std::size_t SubscriptionTranslator::SubscriptionKeyHash::operator()(const External::Subscription& sub) const noexcept {
-    return std::hash<std::string_view>{}(outputPathOf(sub)) * 31 + sub.system_description();
-}
-
-bool SubscriptionTranslator::SubscriptionKeyEqual::operator()(const External::Subscription& a,
-                                                               const External::Subscription& b) const noexcept {
-    return a.system_description() == b.system_description() && outputPathOf(a) == outputPathOf(b);
-}
-
-// ---------------------------------------------------------------------------------------------
 // External subscription withdrawal
 
 void SubscriptionTranslator::extSubsOnDelete(const BaseRow& row) {

@@ -30,7 +30,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace Velta::Agent {
@@ -162,18 +161,7 @@ private:
     VeTableInterface sysDescReader;
     VeTableInterface veTableObserver;
     std::vector<VeTableInterface*> requiredInterfaces_;
-    // Hash and equality of an external subscription's primary key (system_description,
-    // outputPath), agreeing with its operator<: the registry is looked up by key and never walked in
-    // key order, so it needs no tree.
-    struct SubscriptionKeyHash {
-        std::size_t operator()(const External::Subscription& sub) const noexcept;
-    };
-    struct SubscriptionKeyEqual {
-        bool operator()(const External::Subscription& a, const External::Subscription& b) const noexcept;
-    };
-    std::unordered_map<External::Subscription, std::shared_ptr<SubscriptionEntry>, SubscriptionKeyHash,
-                       SubscriptionKeyEqual>
-        subscriptions_;
+    std::map<External::Subscription, std::shared_ptr<SubscriptionEntry>> subscriptions_;
     std::map<std::uint32_t, std::uint32_t> externalSubscriptionIds_;
     std::set<veCtrl::publication> publications_;
     std::map<std::string, External::Subscription> pendingTableSubscriptions_;
