@@ -34,7 +34,7 @@ ensure_packages() {
     fi
 }
 ensure_packages cmake ninja-build g++ clang libclang-rt-14-dev valgrind libgtest-dev libyaml-cpp-dev \
-    libcli11-dev
+    libcli11-dev libabsl-dev
 
 echo "== fuzz build (clang, libFuzzer, AddressSanitizer + UndefinedBehaviorSanitizer)"
 cmake -S . -B "$FUZZ_BUILD" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \

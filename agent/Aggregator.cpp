@@ -9,11 +9,11 @@
 //   fields are used.
 // - Trace text is built only when its level is on (KESTO_TRACE tests the level first).
 // - With the host's key hashing, outputRowOwners_'s nodes live in a NodePool shared by the map's
-//   allocator copies, so the pool outlives every node whatever the order of destruction, and its
-//   values change only through emplace and assign, which keep its hash index in step (see
-//   internal/RowKeyMap.h).
+//   allocator copies, so the pool outlives every node whatever the order of destruction, and an
+//   owner is read through ownerOf (its index entry holds it, see internal/RowKeyMap.h).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/internal/HostKeyHash.h>
+#include <Velta/Agent/internal/HostLookahead.h>
 #include <Velta/Records.h>
 #include <Velta/VeRT.h>
 
@@ -31,6 +31,9 @@ constexpr unsigned char kObserverMode = 5;
 
 static_assert(internal::kHostKeyHashDetected == (VELTA_AGENT_HOST_KEY_HASH != 0),
               "Velta/Agent/Config.h records another choice of the host's key-hash capability than this "
+              "compilation detects: configure the build again");
+static_assert(internal::kHostLookaheadDetected == (VELTA_AGENT_HOST_LOOKAHEAD != 0),
+              "Velta/Agent/Config.h records another choice of the host's lookahead capability than this "
               "compilation detects: configure the build again");
 #if VELTA_AGENT_HOST_KEY_HASH
 static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <= internal::NodePool::kSlot,
@@ -73,6 +76,10 @@ Aggregator::AggregatorInputTable::AggregatorInputTable(VeltaDB::p_t vdb, Aggrega
     inputObserver.scheduledIs(scheduled);
     // Not client-ready yet: nothing is delivered before the output can take rows.
     vdb_->bindInterface(inputObserver, tablePath, bindFlag);
+#if VELTA_AGENT_HOST_LOOKAHEAD
+    if (aggregator_->lookahead_ != nullptr)
+        aggregator_->lookahead_->lookaheadIs(inputObserver, &Aggregator::lookAhead, aggregator_);
+#endif
 }
 
 Aggregator::AggregatorInputTable::~AggregatorInputTable() {
@@ -95,7 +102,7 @@ void Aggregator::AggregatorInputTable::walkInputTable() {
         walkPosition_ = *position;
         // Stop before the row: the bookmark names a row that has not been forwarded yet.
         if (aggregator_->blocked()) return;
-        aggregator_->onInputRow(inputObserver.tablePath(), walkPosition_);
+        aggregator_->rowFrom(*this, walkPosition_);
         ++position;
     }
     walkPosition_.clear();
@@ -128,7 +135,7 @@ void Aggregator::AggregatorInputTable::onRow(const BaseRow& row) {
                 "void Velta::Agent::Aggregator::AggregatorInputTable::onRow(const Velta::BaseRow&)"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
                     << ", " << copy.toString());
-    aggregator_->onInputRow(inputObserver.tablePath(), copy);
+    aggregator_->rowFrom(*this, copy);
 }
 
 void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
@@ -136,7 +143,7 @@ void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
                 "void Velta::Agent::Aggregator::AggregatorInputTable::onDelete(const Velta::BaseRow&)"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
                     << ", " << row.toString());
-    aggregator_->onInputRowDelete(inputObserver.tablePath(), row);
+    aggregator_->deleteFrom(*this, row);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -165,6 +172,9 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
       suppressResync_(false),
       affixLength_(inputPathPrefix.size() + inputPathSuffix.size()),
       inputsScanned_(false),
+#if VELTA_AGENT_HOST_LOOKAHEAD
+      lookahead_(HostCapability::Lookahead::of(*vdb_)),
+#endif
       debugChannel_(__kestoDebug::getHandler(), false) {
     veTableObserver_.scheduledIs(false);
     vdb_->bindInterface(outputModifier, outputPath_, bindFlag_);
@@ -226,6 +236,7 @@ void Aggregator::onVeTableRow(const BaseRow& row) {
         auto input = std::make_shared<AggregatorInputTable>(vdb_, this, path, outputModifier.rowTypeName(),
                                                             agentName, scheduled_, bindFlag_);
         const auto entry = inputTables_.emplace(path, std::move(input)).first;
+        entry->second->admitted_ = true;
         // An input appearing while the aggregator runs starts at once.
         if (ready()) entry->second->outputReady();
         return;
@@ -243,10 +254,10 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
     // Out of inputTables_ first, so the leaving input cannot be chosen to replace its own rows.
     std::shared_ptr<AggregatorInputTable> input = found->second;
     inputTables_.erase(found);
-    pathHints_.fill(PathHint{});
+    if (input) input->admitted_ = false;
 
     for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
-        if (entry->second == input) {
+        if (ownerOf(entry) == input.get()) {
             entry = updateOutputOnDelete(entry);
         } else {
             ++entry;
@@ -259,24 +270,45 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
 // ---------------------------------------------------------------------------------------------
 // Aggregator: merging
 
-std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::inputFor(const std::string& path) {
-    for (const PathHint& hint : pathHints_) {
-        if (hint.path == &path && hint.entry->first == path) return hint.entry->second;
-    }
-    const auto entry = inputTables_.try_emplace(path).first;
-    pathHints_[nextPathHint_++ % pathHints_.size()] = PathHint{&path, entry};
-    return entry->second;
+#if VELTA_AGENT_HOST_LOOKAHEAD
+void Aggregator::lookAhead(void* aggregator, const BaseRow& row) {
+    auto& self = *static_cast<Aggregator*>(aggregator);
+#if VELTA_AGENT_HOST_KEY_HASH
+    self.outputRowOwners_.prefetch(row);
+#endif
+    self.lookahead_->prefetchKey(self.outputModifier, row);
 }
+#endif
 
 void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
-    const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
+    merge(inputTables_.try_emplace(path).first->second.get(), row);
+}
+
+void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
+    mergeDelete(inputTables_.try_emplace(path).first->second.get(), row);
+}
+
+void Aggregator::rowFrom(AggregatorInputTable& input, BaseRow& row) {
+    if (input.admitted_)
+        merge(&input, row);
+    else
+        onInputRow(input.tablePath(), row);
+}
+
+void Aggregator::deleteFrom(AggregatorInputTable& input, const BaseRow& row) {
+    if (input.admitted_)
+        mergeDelete(&input, row);
+    else
+        onInputRowDelete(input.tablePath(), row);
+}
+
+void Aggregator::merge(AggregatorInputTable* owner, BaseRow& row) {
     // No precedence between inputs: the latest delivery wins and takes the key over.
 #if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) {
         outputRowOwners_.emplace(row, owner);
-    } else if (entry.target() != owner.get()) {
-        // (An owner that stays is left alone, which spares reading the entry at all.)
+    } else if (entry.value() != owner) {
         outputRowOwners_.assign(entry, owner);
     }
 #else
@@ -290,14 +322,12 @@ void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
     outputModifier.rowIs(row);
 }
 
-void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
-    // inputTables_ does not change below, so the reference stays valid.
-    const std::shared_ptr<AggregatorInputTable>& owner = inputFor(path);
+void Aggregator::mergeDelete(AggregatorInputTable* owner, const BaseRow& row) {
 #if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) return;
     // Another input supplied the output row: it stays.
-    if (entry.target() != owner.get()) return;
+    if (entry.value() != owner) return;
     updateOutputOnDelete(entry.pos());
 #else
     const auto entry = outputRowOwners_.find(row);
@@ -305,6 +335,14 @@ void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
     // Another input supplied the output row: it stays.
     if (entry->second != owner) return;
     updateOutputOnDelete(entry);
+#endif
+}
+
+Aggregator::AggregatorInputTable* Aggregator::ownerOf(OutputRowOwners::const_iterator entry) const {
+#if VELTA_AGENT_HOST_KEY_HASH
+    return outputRowOwners_.value(entry);
+#else
+    return entry->second;
 #endif
 }
 
@@ -319,7 +357,7 @@ Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRow
             outputModifier.rowIs(replacement);
             const auto next = std::next(entry);
             outputRowOwners_.erase(entry);
-            outputRowOwners_.emplace_hint(next, std::move(replacement), input);
+            outputRowOwners_.emplace_hint(next, std::move(replacement), input.get());
             return next;
         }
     }
@@ -338,13 +376,18 @@ void Aggregator::onReady() {
 
     if (!suppressResync_) {
         // Collect first, delete afterwards: the output is never changed while it is iterated.
+        std::vector<const AggregatorInputTable*> inputs;  // in path order; asked for every row
+        inputs.reserve(inputTables_.size());
+        for (const auto& [path, input] : inputTables_) {
+            if (input) inputs.push_back(input.get());
+        }
         std::vector<BaseRow> unheld;
         const VeRowIterator end = outputModifier.end(0);
         for (VeRowIterator position = outputModifier.begin(0); position != end; ++position) {
             const BaseRow& outputRow = *position;
             bool held = false;
-            for (const auto& [path, input] : inputTables_) {
-                if (input && !input->row(outputRow).empty()) {
+            for (const AggregatorInputTable* input : inputs) {
+                if (!input->row(outputRow).empty()) {
                     held = true;
                     break;
                 }
@@ -365,8 +408,8 @@ void Aggregator::onReady() {
 std::string Aggregator::outputRowSource(const BaseRow& outputKey) const {
     if (outputKey.empty()) return std::string();
     const auto entry = outputRowOwners_.find(outputKey);
-    if (entry == outputRowOwners_.end() || !entry->second) return std::string();
-    return entry->second->tablePath();
+    if (entry == outputRowOwners_.end() || ownerOf(entry) == nullptr) return std::string();
+    return ownerOf(entry)->tablePath();
 }
 
 std::vector<std::string> Aggregator::inputPaths() const {

@@ -89,8 +89,8 @@ double median(std::vector<double> values) {
 }
 
 RatioResult medianRatio(Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits, int reps) {
-    a.nsPerUnit(aUnits / 4 + 1);
-    b.nsPerUnit(bUnits / 4 + 1);
+    a.nsPerUnit(aUnits);
+    b.nsPerUnit(bUnits);
     std::vector<double> ratios;
     std::vector<double> aTimes;
     std::vector<double> bTimes;
@@ -108,11 +108,12 @@ RatioResult medianRatio(Workload& a, std::size_t aUnits, Workload& b, std::size_
         aTimes.push_back(ta);
         bTimes.push_back(tb);
     }
-    return {median(ratios), median(aTimes), median(bTimes)};
+    const auto [least, greatest] = std::minmax_element(ratios.begin(), ratios.end());
+    return {median(ratios), *least, *greatest, median(aTimes), median(bTimes)};
 }
 
 double medianNs(Workload& w, std::size_t units, int reps) {
-    w.nsPerUnit(units / 4 + 1);
+    w.nsPerUnit(units);
     std::vector<double> times;
     for (int r = 0; r < reps; ++r) times.push_back(w.nsPerUnit(units));
     return median(times);

@@ -104,6 +104,10 @@ std::unique_ptr<Workload> makeAggregatorWorkload(const MergeShape& shape);
 std::unique_ptr<Workload> makeForwarderWorkload(const MergeShape& shape);
 // The same merge done with SQLite in memory.
 std::unique_ptr<Workload> makeSqliteWorkload(const MergeShape& shape);
+// The same merge done by a plain program, no host and no agent: input and output tables as
+// std::unordered_map keyed by the number, holding the rows. What the work itself costs on this
+// machine.
+std::unique_ptr<Workload> makeFloorWorkload(const MergeShape& shape);
 
 // One row written through a modifier and delivered to one observer, on a table of `keys` rows.
 std::unique_ptr<Workload> makeHostWriteWorkload(std::size_t keys);
@@ -132,15 +136,18 @@ double measureBytesPerRow(std::size_t rows);
 double median(std::vector<double> values);
 
 // Medians over `reps` interleaved repetitions of a.nsPerUnit(aUnits) and b.nsPerUnit(bUnits) and of
-// their ratio; the order within each repetition alternates. Both are warmed up first.
+// their ratio, with the least and greatest ratio; the order within each repetition alternates. Both
+// are warmed up first by one repetition's worth of work.
 struct RatioResult {
     double ratio;
+    double minRatio;
+    double maxRatio;
     double aNs;
     double bNs;
 };
 RatioResult medianRatio(Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits, int reps);
 
-// Median of `reps` runs of w.nsPerUnit(units), after one warm-up.
+// Median of `reps` runs of w.nsPerUnit(units), after one warm-up run of the same length.
 double medianNs(Workload& w, std::size_t units, int reps);
 
 // Ends the process with a message when a world is not in the state it must be in to be timed.

@@ -1,5 +1,5 @@
-// Merge workloads: the aggregator, a minimal forwarding agent and SQLite doing the same merge over
-// the same event stream, and the memory an aggregated row costs.
+// Merge workloads: the aggregator, a minimal forwarding agent, SQLite and a plain program doing the
+// same merge over the same event stream, and the memory an aggregated row costs.
 #include "BenchSupport.h"
 
 #include <Velta/Agent/Aggregator.h>
@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 namespace Velta::Bench {
@@ -275,6 +276,68 @@ private:
     std::size_t next_ = 0;
 };
 
+// ---------------------------------------------------------------------------------------------
+// The floor: the merge with nothing around it. Each input and the output is a std::unordered_map
+// keyed by the number holding the rows (their data shared with the events, as the host shares it
+// with its tables); a write stores the row in its input and in the output with the input as owner;
+// a deletion removes the input's entry and, when that input owned the output entry, takes the
+// first remaining holder in input order or removes the output entry.
+
+class FloorWorld : public Workload {
+public:
+    explicit FloorWorld(const MergeShape& shape) : shape_(shape), inputs_(shape.inputs) {
+        for (std::uint64_t key = 0; key < shape_.keys; ++key) {
+            for (unsigned h = 0; h < shape_.holders; ++h) write(holderInput(shape_, key, h), benchRow(key, key));
+        }
+        events_ = makeMergeEvents(shape_);
+    }
+
+    double nsPerUnit(std::size_t units) override {
+        const double start = nowNs();
+        for (std::size_t i = 0; i < units; ++i) {
+            const MergeEvent& event = events_[next_];
+            if (event.erase)
+                erase(event.input, event.row.number(kIdField));
+            else
+                write(event.input, event.row);
+            if (++next_ == events_.size()) next_ = 0;
+        }
+        const double elapsed = nowNs() - start;
+        if (output_.empty()) worldBroken("floor world: output empty");
+        return elapsed / static_cast<double>(units);
+    }
+
+private:
+    struct Owned {
+        BaseRow row;
+        unsigned owner = 0;
+    };
+
+    void write(unsigned input, const BaseRow& row) {
+        const std::uint64_t key = row.number(kIdField);
+        inputs_[input].insert_or_assign(key, row);
+        output_.insert_or_assign(key, Owned{row, input});
+    }
+    void erase(unsigned input, std::uint64_t key) {
+        inputs_[input].erase(key);
+        const auto out = output_.find(key);
+        if (out == output_.end() || out->second.owner != input) return;
+        for (unsigned holder = 0; holder < inputs_.size(); ++holder) {
+            const auto held = inputs_[holder].find(key);
+            if (held == inputs_[holder].end()) continue;
+            out->second = Owned{held->second, holder};
+            return;
+        }
+        output_.erase(out);
+    }
+
+    MergeShape shape_;
+    std::vector<std::unordered_map<std::uint64_t, BaseRow>> inputs_;
+    std::unordered_map<std::uint64_t, Owned> output_;
+    std::vector<MergeEvent> events_;
+    std::size_t next_ = 0;
+};
+
 std::size_t heapInUse() {
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
@@ -293,6 +356,8 @@ std::unique_ptr<Workload> makeForwarderWorkload(const MergeShape& shape) {
 }
 
 std::unique_ptr<Workload> makeSqliteWorkload(const MergeShape& shape) { return std::make_unique<SqliteWorld>(shape); }
+
+std::unique_ptr<Workload> makeFloorWorkload(const MergeShape& shape) { return std::make_unique<FloorWorld>(shape); }
 
 double measureBytesPerRow(std::size_t rows) {
     MergeShape shape;

@@ -2,15 +2,16 @@
 //
 //   velta-bench [benchmark options]   the BM_ functions, as Google Benchmark runs them
 //   velta-bench --ratios [--reps=N]   each comparison in one process, interleaved repetitions,
-//                                     medians; one "ratio <name> <value> goal <op> <limit>" line
-//                                     each and a "bytes_per_row <value>" line on standard output,
-//                                     the absolute times as "#" lines on standard error
-//   velta-bench --curve [--reps=N]    "<keys> <aggregator ns/event> <forwarder ns/event>" lines
+//                                     medians; one "ratio <name> <median> [goal <op> <limit>]
+//                                     min <min> max <max>" line each and a "bytes_per_row <value>"
+//                                     line on standard output, the absolute times as "#" lines on
+//                                     standard error
+//   velta-bench --curve [--reps=N]    "<keys> <aggregator> <forwarder> <floor>" lines (ns per event)
 //                                     for 1k to 1M keys (the data of docs/performance.png)
 //   velta-bench --profile=NAME [--keys=N] [--units=N]
-//                                     builds one workload (aggregator, forwarder, sqlite, hostwrite,
-//                                     map, intake, resync, lookups, memory) and runs it once, for a
-//                                     profiler such as valgrind --tool=callgrind
+//                                     builds one workload (aggregator, forwarder, sqlite, floor,
+//                                     hostwrite, map, intake, resync, lookups, memory) and runs it
+//                                     once, for a profiler such as valgrind --tool=callgrind
 #include "BenchSupport.h"
 
 #include <benchmark/benchmark.h>
@@ -84,6 +85,13 @@ void BM_SqliteMergeEvent(benchmark::State& state) {
 }
 BENCHMARK(BM_SqliteMergeEvent)->Arg(100'000)->UseManualTime();
 
+void BM_FloorMergeEvent(benchmark::State& state) {
+    const MergeShape shape = shapeWithKeys(state.range(0));
+    runWorkload(state,
+                cachedWorkload("floor/" + std::to_string(shape.keys), [&] { return makeFloorWorkload(shape); }));
+}
+BENCHMARK(BM_FloorMergeEvent)->Arg(1'000)->Arg(100'000)->Arg(1'000'000)->UseManualTime();
+
 void BM_HostWriteDelivered(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(0));
     runWorkload(state, cachedWorkload("hostwrite/" + std::to_string(keys), [&] { return makeHostWriteWorkload(keys); }));
@@ -151,88 +159,96 @@ BENCHMARK(BM_DependentLoad)->Arg(4)->Arg(16)->Arg(64)->Arg(256)->Unit(benchmark:
 // ---------------------------------------------------------------------------------------------
 // --ratios and --curve.
 
+// A ratio line's name and goal; a null `op` means the ratio is printed without a goal.
 struct Goal {
     const char* name;
-    const char* op;  // "<=" or ">="
+    const char* op;  // "<=", ">=" or null
     double limit;
 };
 
-void printRatio(const Goal& goal, double value) {
-    std::printf("ratio %s %.3g goal %s %g\n", goal.name, value, goal.op, goal.limit);
+// Measures a against b and prints "ratio <name> <median> [goal <op> <limit>] min <min> max <max>",
+// with the medians of both sides noted on standard error as "# <what>: <a> ns / <b> ns".
+void compare(const Goal& goal, const char* what, Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits,
+             int reps) {
+    const RatioResult r = medianRatio(a, aUnits, b, bUnits, reps);
+    std::fprintf(stderr, "# %s: %.1f ns / %.1f ns\n", what, r.aNs, r.bNs);
+    std::printf("ratio %s %.3g", goal.name, r.ratio);
+    if (goal.op != nullptr) std::printf(" goal %s %g", goal.op, goal.limit);
+    std::printf(" min %.3g max %.3g\n", r.minRatio, r.maxRatio);
     std::fflush(stdout);
 }
 
-void note(const char* what, double aNs, double bNs) {
-    std::fprintf(stderr, "# %s: %.1f ns / %.1f ns\n", what, aNs, bNs);
-}
-
-// Median ratio, with the medians of both sides noted on standard error.
-double compare(const char* what, Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits, int reps) {
-    const RatioResult result = medianRatio(a, aUnits, b, bUnits, reps);
-    note(what, result.aNs, result.bNs);
-    return result.ratio;
-}
-
 int runRatios(int reps) {
-    constexpr std::size_t kEvents = 50'000;
+    // Units per repetition: long enough (tens of milliseconds) that a short burst of other work on
+    // the machine moves a median little. The intake keeps 10k subscriptions per repetition, as its
+    // cost depends on how many are registered.
+    constexpr std::size_t kEvents = 200'000;
+    constexpr std::size_t kIntakes = 10'000;
     MergeShape shape100k;
     shape100k.keys = 100'000;
     {
         auto aggregator = makeAggregatorWorkload(shape100k);
         {
             auto forwarder = makeForwarderWorkload(shape100k);
-            printRatio({"aggregator_vs_forwarder", "<=", 1.3},
-                       compare("aggregator/forwarder ns per event, 100k keys", *aggregator, kEvents, *forwarder,
-                               kEvents, reps));
+            compare({"aggregator_vs_forwarder", "<=", 1.3}, "aggregator/forwarder ns per event, 100k keys",
+                    *aggregator, kEvents, *forwarder, kEvents, reps);
+        }
+        {
+            auto floor = makeFloorWorkload(shape100k);
+            compare({"aggregator_vs_floor_100k", "<=", 2.5}, "aggregator/floor ns per event, 100k keys",
+                    *aggregator, kEvents, *floor, kEvents, reps);
         }
         {
             auto write = makeHostWriteWorkload(100'000);
             auto map = makeMapWorkload(100'000);
-            printRatio({"host_write_vs_map", "<=", 3},
-                       compare("host write+delivery/map insert-or-assign ns, 100k keys", *write, kEvents, *map,
-                               kEvents, reps));
+            compare({"host_write_vs_map", "<=", 3}, "host write+delivery/map insert-or-assign ns, 100k keys", *write,
+                    kEvents, *map, kEvents, reps);
         }
         {
             auto sqlite = makeSqliteWorkload(shape100k);
-            printRatio({"sqlite_vs_aggregator", ">=", 10},
-                       compare("sqlite/aggregator ns per event, 100k keys", *sqlite, kEvents / 5, *aggregator,
-                               kEvents, reps));
+            compare({"sqlite_vs_aggregator", ">=", 10}, "sqlite/aggregator ns per event, 100k keys", *sqlite,
+                    kEvents / 5, *aggregator, kEvents, reps);
         }
     }
     {
-        MergeShape small = shape100k;
-        small.keys = 1'000;
         MergeShape large = shape100k;
         large.keys = 1'000'000;
         auto big = makeAggregatorWorkload(large);
+        {
+            auto floor = makeFloorWorkload(large);
+            compare({"aggregator_vs_floor_1m", "<=", 2.5}, "aggregator/floor ns per event, 1M keys", *big, kEvents,
+                    *floor, kEvents, reps);
+        }
+        MergeShape small = shape100k;
+        small.keys = 1'000;
         auto little = makeAggregatorWorkload(small);
-        printRatio({"scaling_1m_vs_1k", "<=", 3},
-                   compare("aggregator ns per event, 1M/1k keys", *big, kEvents, *little, kEvents, reps));
+        compare({"scaling_1m_vs_1k", nullptr, 0}, "aggregator ns per event, 1M/1k keys", *big, kEvents, *little,
+                kEvents, reps);
     }
     {
         auto intake = makeIntakeWorkload();
         auto write = makeHostWriteWorkload(100'000);
-        printRatio({"translator_intake_vs_write", "<=", 10},
-                   compare("intake/host write ns", *intake, kEvents / 5, *write, kEvents, reps));
+        compare({"translator_intake_vs_write", "<=", 10}, "intake/host write ns", *intake, kIntakes, *write,
+                kEvents, reps);
     }
     {
         ResyncPair resync = makeResyncWorkloads(100'000);
-        printRatio({"resync_vs_lookup", "<=", 1.5},
-                   compare("resync/4 lookups ns per output row, 100k rows", *resync.resync, 100'000,
-                           *resync.lookups, 100'000, reps));
+        compare({"resync_vs_lookup", "<=", 1.5}, "resync/4 lookups ns per output row, 100k rows", *resync.resync,
+                100'000, *resync.lookups, 100'000, reps);
     }
     std::printf("bytes_per_row %.0f\n", measureBytesPerRow(100'000));
     return 0;
 }
 
 int runCurve(int reps) {
-    constexpr std::size_t kEvents = 40'000;
-    std::printf("# keys aggregator_ns_per_event forwarder_ns_per_event\n");
+    constexpr std::size_t kEvents = 200'000;
+    std::printf("# keys aggregator_ns_per_event forwarder_ns_per_event floor_ns_per_event\n");
     for (std::size_t keys : {1'000, 3'000, 10'000, 30'000, 100'000, 300'000, 1'000'000}) {
         MergeShape shape;
         shape.keys = keys;
         double aggregatorNs = 0;
         double forwarderNs = 0;
+        double floorNs = 0;
         {
             auto aggregator = makeAggregatorWorkload(shape);
             aggregatorNs = medianNs(*aggregator, kEvents, reps);
@@ -241,7 +257,11 @@ int runCurve(int reps) {
             auto forwarder = makeForwarderWorkload(shape);
             forwarderNs = medianNs(*forwarder, kEvents, reps);
         }
-        std::printf("%zu %.1f %.1f\n", keys, aggregatorNs, forwarderNs);
+        {
+            auto floor = makeFloorWorkload(shape);
+            floorNs = medianNs(*floor, kEvents, reps);
+        }
+        std::printf("%zu %.1f %.1f %.1f\n", keys, aggregatorNs, forwarderNs, floorNs);
         std::fflush(stdout);
     }
     return 0;
@@ -256,6 +276,7 @@ int runProfile(const std::string& name, std::size_t keys, std::size_t units) {
     if (name == "aggregator") workload = makeAggregatorWorkload(shape);
     else if (name == "forwarder") workload = makeForwarderWorkload(shape);
     else if (name == "sqlite") workload = makeSqliteWorkload(shape);
+    else if (name == "floor") workload = makeFloorWorkload(shape);
     else if (name == "hostwrite") workload = makeHostWriteWorkload(keys);
     else if (name == "map") workload = makeMapWorkload(keys);
     else if (name == "intake") workload = makeIntakeWorkload();
@@ -279,7 +300,7 @@ int runProfile(const std::string& name, std::size_t keys, std::size_t units) {
 int main(int argc, char** argv) {
     bool ratios = false;
     bool curve = false;
-    int reps = 7;
+    int reps = 5;
     std::string profile;
     std::size_t keys = 100'000;
     std::size_t units = 100'000;

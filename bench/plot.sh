@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Renders docs/performance.png: time per input row event against the number of keys (1k to 1M,
-# log scale) for the aggregator and for a minimal forwarding agent on the same host.
+# log scale) for the aggregator, for a minimal forwarding agent on the same host and for the floor (the
+# same merge by a plain program over hash maps).
 #   bench/plot.sh [VELTA_BENCH]     run VELTA_BENCH --curve (default build/release/bench/velta-bench)
 #   bench/plot.sh --data FILE       re-render from the saved output of an earlier --curve run
 # The curve's data is kept beside the picture in docs/performance.dat.
@@ -30,6 +31,7 @@ set yrange [0:*]
 set grid xtics ytics mxtics
 set key top left
 plot "$data" using 1:2 with linespoints lw 2 pt 7 title "Aggregator", \
-     "$data" using 1:3 with linespoints lw 2 pt 5 title "minimal forwarder"
+     "$data" using 1:3 with linespoints lw 2 pt 5 title "minimal forwarder", \
+     "$data" using 1:4 with linespoints lw 2 pt 9 title "floor (plain program, hash maps)"
 GNUPLOT
 echo "wrote docs/performance.png from $data"

@@ -3,6 +3,7 @@
 # host capability. (A strict build's agent target has exactly that path already.)
 if(NOT VELTA_STRICT_INTERFACE)
   set(VELTA_AGENT_HOST_KEY_HASH 0)
+  set(VELTA_AGENT_HOST_LOOKAHEAD 0)
   configure_file(${PROJECT_SOURCE_DIR}/agent/Config.h.in
     ${CMAKE_CURRENT_BINARY_DIR}/interface-only/Velta/Agent/Config.h @ONLY)
   add_test(NAME agents_compile_on_interface_alone
@@ -11,4 +12,5 @@ if(NOT VELTA_STRICT_INTERFACE)
       -I${CMAKE_CURRENT_BINARY_DIR}/interface-only
       ${PROJECT_SOURCE_DIR}/agent/SubscriptionTranslator.cpp ${PROJECT_SOURCE_DIR}/agent/Aggregator.cpp)
   unset(VELTA_AGENT_HOST_KEY_HASH)
+  unset(VELTA_AGENT_HOST_LOOKAHEAD)
 endif()

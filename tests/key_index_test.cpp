@@ -1,12 +1,13 @@
 // Hash indexes beside ordered containers: the bare index under heavily colliding hashes, the key
 // hashes of rows (the host's key-hash capability), the aggregator's row-keyed map and the host
 // tables that find keys through them. Every history is random but seeded, and is checked step by
-// step against a plain ordered model.
+// step against a plain ordered model. Last, the host's delivery lookahead capability.
 #include "TestSupport.h"
 
 #include <Velta/Agent/internal/KeyHashIndex.h>
 #include <Velta/Agent/internal/RowKeyMap.h>
 #include <Velta/HostCapability/KeyHash.h>
+#include <Velta/HostCapability/Lookahead.h>
 
 #include <functional>
 #include <iterator>
@@ -251,21 +252,22 @@ KeySpace<std::string> nameKeys(std::size_t count) {
     return s;
 }
 
-// The map's values are owners, as in the aggregator: shared, and compared by address.
-using Owner = std::shared_ptr<const unsigned>;
-using OwnerMap = Agent::internal::RowKeyMap<Owner>;
+// The map's values are owners, as in the aggregator: compared by address.
+using Owner = const unsigned*;
+using OwnerMap = Agent::internal::RowKeyMap<const unsigned>;
 
 // Owner 0 is null, a value the map carries like any other.
 std::vector<Owner> makeOwners() {
+    static const unsigned values[8] = {0, 1, 2, 3, 4, 5, 6, 7};
     std::vector<Owner> owners{nullptr};
-    for (unsigned i = 1; i < 8; ++i) owners.push_back(std::make_shared<const unsigned>(i));
+    for (unsigned i = 1; i < 8; ++i) owners.push_back(&values[i]);
     return owners;
 }
 
 template <class K>
 std::vector<std::pair<K, const void*>> contentsOf(const OwnerMap& map, const KeySpace<K>& space) {
     std::vector<std::pair<K, const void*>> out;
-    for (const auto& [row, owner] : map) out.emplace_back(space.keyOf(row), owner.get());
+    for (auto it = map.begin(); it != map.end(); ++it) out.emplace_back(space.keyOf(it->first), map.value(it));
     return out;
 }
 
@@ -292,8 +294,8 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
         } else {
             EXPECT_TRUE(found.pos() == it);
             EXPECT_EQ(space.keyOf(it->first), k);
-            EXPECT_EQ(it->second.get(), m->second);
-            EXPECT_EQ(found.target(), m->second)
+            EXPECT_EQ(map.value(it), m->second);
+            EXPECT_EQ(found.value(), m->second)
                 << ::testing::PrintToString(k) << ": the index holds a stale owner";
         }
     };
@@ -312,7 +314,7 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
                 map.emplace(row, owner);
             else
                 map.emplace_hint(map.lower_bound(row), row, owner);
-            model[k] = owner.get();
+            model[k] = owner;
         } else if (op < 70) {
             const auto it = map.find(row);
             const auto m = model.find(k);
@@ -340,7 +342,7 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
                 if (rng() % 4 == 0) {
                     const Owner owner = anyOwner();
                     const auto back = map.emplace_hint(it, key, owner);
-                    model[space.keyOf(key)] = owner.get();
+                    model[space.keyOf(key)] = owner;
                     ASSERT_TRUE(std::next(back) == it) << "step " << step;
                 }
             }
@@ -400,11 +402,11 @@ TEST_F(RowKeyMapTest, KeysOfAnotherTypeTurnHashTrustOff) {
     ASSERT_FALSE(map.locate(num5));  // an equal hash of another type is no match
     map.emplace(num5, owners[2]);
     ASSERT_EQ(map.size(), 2u);
-    EXPECT_EQ(map.locate(num5).target(), owners[2].get());
-    EXPECT_EQ(map.locate(twin5).target(), owners[1].get());
+    EXPECT_EQ(map.locate(num5).value(), owners[2]);
+    EXPECT_EQ(map.locate(twin5).value(), owners[1]);
     map.erase(map.find(twin5));
     ASSERT_TRUE(map.find(twin5) == map.end());
-    EXPECT_EQ(map.find(num5)->second, owners[2]);
+    EXPECT_EQ(map.value(map.find(num5)), owners[2]);
 
     // Both types over the same small numbers, so equal hashes of different keys meet all the time.
     KeySpace<std::pair<unsigned, std::uint64_t>> mixed;
@@ -532,6 +534,92 @@ TEST(KeyIndexTables, ListKeyTableMatchesTheModel) {
     };
     s.keyOf = [](const BaseRow& r) { return r.strings(0); };
     runTableHistory(taggedType(), s, 1, 23, 12000);
+}
+
+// ---- Delivery lookahead ----
+
+// A hook sees each queued row event's row before that event is delivered, in queue order, and
+// changes nothing about the deliveries; a null hook, a rebinding or another handle's interface stop
+// it. Prefetching a key is harmless whatever the interface.
+TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
+    auto db = Host::Database::create();
+    auto reader = db->connect({"reader", "sys"});
+    auto writer = db->connect({"writer", "sys"});
+    auto* lookahead = HostCapability::Lookahead::of(*reader);
+    ASSERT_NE(lookahead, nullptr);
+    std::vector<std::string> log;  // "hook k" and "row k" / "delete k", in the order they happened
+    VeTableInterface observer(
+        "observer", numType().name(), kModeObserve | kModeRead, {},
+        [&](const BaseRow& r) { log.push_back("row " + std::to_string(r.number(0))); },
+        [&](const BaseRow& r) { log.push_back("delete " + std::to_string(r.number(0))); }, {});
+    VeTableInterface modifier("modifier", numType().name(), kModeRead | kModeWrite, {}, {}, {}, {});
+    reader->bindInterface(observer, "test/ahead", false);
+    writer->bindInterface(modifier, "test/ahead", false);
+    observer.clientReadyIs(true);
+    db->runUntilIdle();
+    auto hook = [](void* context, const BaseRow& r) {
+        static_cast<std::vector<std::string>*>(context)->push_back("hook " + std::to_string(r.number(0)));
+    };
+    lookahead->lookaheadIs(observer, hook, &log);
+    lookahead->lookaheadIs(modifier, hook, &log);  // bound through another handle: ignored
+
+    constexpr int kEvents = 40;
+    for (int k = 0; k < kEvents; ++k) {
+        BaseRow row = makeRow(numType(), {{"k", k}, {"v", k}});
+        modifier.rowIs(row);
+        if (k % 3 == 0) modifier.rowDel(row);
+    }
+    lookahead->prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
+    lookahead->prefetchKey(observer, makeRow(twinType(), {{"k", 5}}));
+    lookahead->prefetchKey(VeTableInterface("unbound", numType().name(), 1, {}, {}, {}, {}), BaseRow());
+    db->runUntilIdle();
+
+    // The deliveries are exactly the events, in order. The hooks name the same keys in the same
+    // order, all but the first few events (queued too close to the front to be looked ahead), each
+    // before its event is delivered.
+    std::vector<std::string> expected;
+    for (int k = 0; k < kEvents; ++k) {
+        expected.push_back("row " + std::to_string(k));
+        if (k % 3 == 0) expected.push_back("delete " + std::to_string(k));
+    }
+    std::vector<std::string> deliveries;
+    std::vector<std::size_t> hookedAt;  // index in `deliveries` of the next delivery at each hook
+    std::vector<std::string> hooked;
+    for (const std::string& line : log) {
+        if (line.rfind("hook ", 0) == 0) {
+            hooked.push_back(line.substr(5));
+            hookedAt.push_back(deliveries.size());
+        } else {
+            deliveries.push_back(line);
+        }
+    }
+    ASSERT_EQ(deliveries, expected);
+    const std::size_t first = expected.size() - hooked.size();
+    ASSERT_TRUE(first > 0 && first <= 8) << hooked.size() << " hooks for " << expected.size() << " events";
+    for (std::size_t i = 0; i < hooked.size(); ++i) {
+        const std::string& event = expected[first + i];
+        EXPECT_EQ(hooked[i], event.substr(event.find(' ') + 1)) << "hook " << i;
+        EXPECT_LT(hookedAt[i], first + i) << "hook " << i << " came after its delivery";
+    }
+
+    // No hook: the log holds deliveries only; nor after a rebinding forgot it.
+    for (const bool rebind : {false, true}) {
+        if (rebind) {
+            lookahead->lookaheadIs(observer, hook, &log);
+            reader->bindInterface(observer, "test/ahead", false);
+            observer.clientReadyIs(true);
+        } else {
+            lookahead->lookaheadIs(observer, nullptr, nullptr);
+        }
+        db->runUntilIdle();
+        log.clear();
+        for (int k = 0; k < 20; ++k) {
+            BaseRow row = makeRow(numType(), {{"k", 100 + k}});
+            modifier.rowIs(row);
+        }
+        db->runUntilIdle();
+        EXPECT_EQ(log.size(), 20u) << (rebind ? "after rebinding" : "without a hook");
+    }
 }
 
 }  // namespace

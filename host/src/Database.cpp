@@ -17,8 +17,8 @@ namespace Velta::Host {
 
 using Velta::detail::Attachment;
 using Velta::detail::HostAccess;
+using Velta::detail::RowRef;
 using Velta::detail::Slot;
-using Velta::detail::TableNode;
 using Velta::detail::TableState;
 
 namespace {
@@ -88,12 +88,12 @@ Slot& Database::Impl::slotFor(const std::string& path) {
     return s;
 }
 
-Slot* Database::Impl::findSlot(const std::string& path) noexcept {
+Slot* Database::Impl::findSlot(std::string_view path) noexcept {
     auto it = slots.find(path);
     return it == slots.end() ? nullptr : &it->second;
 }
 
-const Slot* Database::Impl::findSlot(const std::string& path) const noexcept {
+const Slot* Database::Impl::findSlot(std::string_view path) const noexcept {
     auto it = slots.find(path);
     return it == slots.end() ? nullptr : &it->second;
 }
@@ -123,7 +123,7 @@ void Database::Impl::restoreMetadataRow(Slot& slot, const std::string& ownerName
     if (!meta.table) createTable(meta, veMetadata::veTable::type(), "", 0);
     veMetadata::veTable key;
     key.tablePathIs(slot.path);
-    if (meta.table->findPrimary(key) != nullptr) return;
+    if (meta.table->find(*key.data()) != nullptr) return;
     veMetadata::veTable row;
     row.tablePathIs(slot.path);
     row.typeNameIs(slot.table->type().name());
@@ -146,8 +146,8 @@ bool Database::Impl::dropTable(const std::string& path) {
     return true;
 }
 
-const BaseRow& Database::Impl::writeRow(Slot& slot, BaseRow& row) {
-    if (row.empty()) return kNoRow;
+const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
+    if (row.empty()) return nullptr;
     TableState& t = *slot.table;
     const RowType& type = t.type();
     const int oidField = type.oidField();
@@ -163,9 +163,9 @@ const BaseRow& Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         target->numberIs(static_cast<std::size_t>(oidField), ++nextOid_);
         oidAssigned = true;
     }
-    const TableState::Spot spot = t.locate(*target);
+    const TableState::Spot spot = t.locate(*target->data());
     if (oidField >= 0 && target->number(static_cast<std::size_t>(oidField)) == 0) {
-        const std::uint64_t oid = spot.exists ? oidOf(spot.pos->row) : ++nextOid_;
+        const std::uint64_t oid = spot.stored != nullptr ? t.oidOf(*spot.stored) : ++nextOid_;
         target->numberIs(static_cast<std::size_t>(oidField), oid);
         oidAssigned = true;
     }
@@ -176,17 +176,18 @@ const BaseRow& Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         if (f >= 0 && isNumberKind(callerType.fields()[static_cast<std::size_t>(f)].kind))
             row.numberIs(static_cast<std::size_t>(f), oidOf(*target));
     }
-    const TableNode& node = t.put(spot, *target);
-    notify(slot, QueuedEvent::Kind::row, node.row);
-    if (listener != nullptr) listener->onWrite(slot.path, node.row);
-    if (!spot.exists && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(node.row);
-    return node.row;
+    if (RowData* replaced = t.put(spot, *target)) retired_.retire(replaced);
+    notify(slot, QueuedEvent::Kind::row, *target);
+    if (listener != nullptr) listener->onWrite(slot.path, *target);
+    if (spot.stored == nullptr && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(*target);
+    return target->data();  // the table holds it too
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
     if (!slot.table || key.empty()) return false;
     TableState& t = *slot.table;
-    const BaseRow removed = key.rowType() == &t.type() ? t.remove(key) : t.remove(key.as(t.type()));
+    const BaseRow removed =
+        RowRef::adopt(key.rowType() == &t.type() ? t.remove(*key.data()) : t.remove(*key.as(t.type()).data()));
     if (removed.empty()) return false;
     notify(slot, QueuedEvent::Kind::rowDelete, removed);
     if (listener != nullptr) listener->onDelete(slot.path, removed);
@@ -194,18 +195,20 @@ bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
     return true;
 }
 
-BaseRow Database::Impl::lookup(const std::string& path, const BaseRow& key, unsigned char index) const {
+BaseRow Database::Impl::lookup(std::string_view path, const BaseRow& key, unsigned char index) const {
     const Slot* slot = findSlot(path);
     if (slot == nullptr || !slot->table || key.empty()) return BaseRow();
     const TableState& t = *slot->table;
-    const TableNode* node = key.rowType() == &t.type() ? t.findIn(key, index) : t.findIn(key.as(t.type()), index);
-    return node == nullptr ? BaseRow() : node->row;
+    if (key.rowType() == &t.type()) return RowRef::share(t.findIn(*key.data(), index));
+    const BaseRow k = key.as(t.type());
+    return RowRef::share(t.findIn(*k.data(), index));
 }
 
 veMetadata::veTable Database::Impl::tableInfo(const std::string& path) const {
-    veMetadata::veTable key;
-    key.tablePathIs(path);
-    return veMetadata::veTable(lookup(kVeTablePath, key, 0));
+    // The key row is kept for these lookups (nothing else shares it): setting its path reuses its
+    // storage.
+    tableKey_.tablePathIs(path);
+    return veMetadata::veTable(lookup(kVeTablePath, tableKey_, 0));
 }
 
 veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {
@@ -289,6 +292,8 @@ bool Database::Impl::runOne() {
         const std::size_t pick = std::uniform_int_distribution<std::size_t>(0, queue.size() - 1)(shuffle_);
         const Attachment* receiver = queue.at(pick).att;
         while (queue.at(index).att != receiver) ++index;
+    } else {
+        lookAhead();
     }
     QueuedEvent e = queue.take(index);
     if (e.att != nullptr) --e.att->queued;
@@ -301,6 +306,22 @@ bool Database::Impl::runOne() {
     }
     delivering = false;
     return true;
+}
+
+void Database::Impl::lookAhead() noexcept {
+    constexpr std::size_t kRowAhead = 8;
+    constexpr std::size_t kHookAhead = 4;
+    if (queue.size() > kRowAhead) {
+        if (const RowData* data = queue.at(kRowAhead).row.data()) {
+            internal::prefetchLine(data);
+            internal::prefetchLine(reinterpret_cast<const char*>(data) + 64);
+        }
+    }
+    if (queue.size() > kHookAhead) {
+        const QueuedEvent& e = queue.at(kHookAhead);
+        if (e.att != nullptr && e.att->lookahead != nullptr && !e.row.empty())
+            e.att->lookahead(e.att->lookaheadContext, e.row);
+    }
 }
 
 void Database::Impl::deliver(QueuedEvent& e) {
@@ -459,9 +480,9 @@ void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
     queueTask("control publication " + std::to_string(oid), [this, key, oid] {
         Slot* subs = findSlot(kCtrlSubscriptionPath);
         if (subs == nullptr || !subs->table) return;
-        const TableNode* node = subs->table->findPrimary(key);
-        if (node == nullptr || oidOf(node->row) != oid) return;  // the control row went meanwhile
-        const veCtrl::subscription sub(node->row);
+        const BaseRow stored = RowRef::share(subs->table->find(*key.data()));
+        if (stored.empty() || oidOf(stored) != oid) return;  // the control row went meanwhile
+        const veCtrl::subscription sub(stored);
         const veMetadata::veTable info = tableInfo(sub.tableId());
         const RowType* resultType = info.empty() ? nullptr : findRowType(info.typeName());
         veCtrl::publication pub;
@@ -524,6 +545,19 @@ unsigned AgentHandle::tableTypeId(const std::string& typeName, bool) const {
 
 std::shared_ptr<const RowOps> AgentHandle::getRowOps(const std::string& typeName, unsigned char index) const {
     return internal::rowOpsFor(findRowType(typeName), index);
+}
+
+void AgentHandle::lookaheadIs(VeTableInterface& observer, Hook hook, void* context) {
+    const std::shared_ptr<Attachment>& att = HostAccess::attachment(observer);
+    if (!att || att->impl != impl_) return;
+    att->lookahead = hook;
+    att->lookaheadContext = context;
+}
+
+void AgentHandle::prefetchKey(const VeTableInterface& iface, const BaseRow& key) const {
+    const std::shared_ptr<Attachment>& att = HostAccess::attachment(iface);
+    if (!att || !att->slot->table || key.rowType() != &att->slot->table->type()) return;
+    att->slot->table->prefetchKey(*key.data());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -608,7 +642,7 @@ BaseRow Database::write(const std::string& path, const BaseRow& row) {
     Slot& slot = impl_->slotFor(path);
     if (!slot.table) impl_->createTable(slot, *row.rowType(), "", 0);
     BaseRow copy = row;
-    return impl_->writeRow(slot, copy);
+    return RowRef::share(impl_->writeRow(slot, copy));
 }
 
 bool Database::erase(const std::string& path, const BaseRow& key) {
@@ -625,7 +659,8 @@ std::vector<BaseRow> Database::rows(const std::string& path) const {
     const Slot* slot = impl_->findSlot(path);
     if (slot == nullptr || !slot->table) return out;
     out.reserve(slot->table->size());
-    for (const TableNode& node : slot->table->primary()) out.push_back(node.row);
+    const TableState& t = *slot->table;
+    for (const Velta::detail::OrderKey& key : t.primary()) out.push_back(RowRef::share(t.rowAt(key)));
     return out;
 }
 

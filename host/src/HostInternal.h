@@ -1,29 +1,37 @@
 // Internals of the in-memory host shared by its source files: the row-type registry, table state
-// with its two indexes, attachments of interfaces, the event queue and the database core.
+// with its indexes, attachments of interfaces, the event queue and the database core.
 //
 // Invariants:
 // - Every row stored in a table has the table's row type.
-// - Index 0 holds the nodes (ordered by primary key); index 1 holds pointers to the same nodes
-//   (ordered by oid, read from the node's row, then primary key). A replace that keeps the oid
-//   assigns the node's row in place and leaves index 1 alone.
-// - byKey_ holds one entry per index-0 node, keyed by the hash of its primary key, so exact-key
-//   lookups (reads, replaces, deletions) probe it instead of walking the tree; only an insertion
-//   or an ordered walk uses the tree.
-// - Index nodes live in the table's NodePool: one cache line per node, so a lookup touches one
-//   line per tree level (nodes carry only the row and its key prefix for that reason).
-// - A table's version counter of an index changes on every structural change of that index
-//   (insert, erase, clear); an iterator whose saved version differs re-seeks by its row's key.
+// - A table's rows live in its hash index (rows_), one entry per key holding the key's hash and
+//   the row, so reads, replaces and deletions by key find the row in one probe and never read a
+//   tree. The ordered indexes hold keys, not rows: index 0 one OrderKey per row (ordered by
+//   primary key), index 1 one OidKey per row (ordered by oid, then primary key). Their entries
+//   change only when a key comes or goes, or (index 1) when a replace changes the oid; ordered
+//   walks find each entry's current row through the hash index.
+// - An OrderKey of a key that is not one number field holds one reference to the first row
+//   stored under the key, its key object; the OidKey of the same row borrows it.
+// - A table's change count changes on every write, deletion and clear. An iterator whose saved
+//   count is the table's stands on a valid ordered-index position, shows the table's row and holds
+//   the table's rows in its read-ahead (plain pointers: the table holds them); otherwise it re-seeks
+//   by its row's key and drops its read-ahead unread.
+// - A row replaced in a table is released by the database's RetiredRows at most sixteen
+//   replacements later; nothing but the moment its data is freed depends on that.
+// - A lookahead hook is called only for an event in the queue, never from inside a delivery or a
+//   host call, and only prefetches (Velta/HostCapability/Lookahead.h).
 // - A queued event names a live attachment: detaching removes the attachment's events first.
 // - One Database is used from one thread at a time; the type registry and the debug channels are
 //   process-wide and locked.
 #pragma once
 
-#include "KeyHashIndex.h"
-#include "NodePool.h"
 #include "RowKeys.h"
+
+#include <absl/container/btree_set.h>
+#include <absl/container/flat_hash_set.h>
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
+#include <Velta/HostCapability/Lookahead.h>
 #include <Velta/Records.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
@@ -42,6 +50,17 @@
 
 namespace Velta::Host::internal {
 
+// Fetches the cache line at `p` into the cache; `p` may be null or stale (a prefetch never faults).
+// An instruction the compiler must keep: GCC 12 deletes a __builtin_prefetch whose address comes
+// from a loop it finds free of side effects, such as a probe.
+inline void prefetchLine(const void* p) noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    asm volatile("prefetcht0 (%0)" : : "r"(p));
+#else
+    __builtin_prefetch(p);
+#endif
+}
+
 // Unknown type name answer of tableTypeId.
 inline constexpr unsigned kUnknownTypeId = 65535;
 
@@ -59,14 +78,54 @@ int compareRows(const BaseRow& a, const BaseRow& b, unsigned char index, const R
 
 namespace Velta::detail {
 
-// One row in a table: the index-0 node holding the row, the inline parts of its keys (so that
-// most comparisons stay inside the tree node) and its index-1 position.
-struct TableNode;
+// Host-side construction of row values from row data.
+class RowRef : public BaseRow {
+public:
+    // A row sharing `data` (one more reference); empty for null.
+    static BaseRow share(const RowData* data) noexcept {
+        RowRef r;
+        r.data_ = const_cast<RowData*>(data);
+        if (data != nullptr) ++r.data_->refs;
+        return BaseRow(std::move(r));
+    }
+    // A row taking over one reference to `data` that the caller holds; empty for null.
+    static BaseRow adopt(RowData* data) noexcept {
+        RowRef r;
+        r.data_ = data;
+        return BaseRow(std::move(r));
+    }
+};
 
-// What a lookup compares: row data of the table's type with the inline parts of its keys.
+// One more reference to `data` (not null), and dropping one.
+inline RowData* retainRow(const RowData* data) noexcept {
+    auto* d = const_cast<RowData*>(data);
+    ++d->refs;
+    return d;
+}
+inline void releaseRow(RowData* data) noexcept {
+    if (--data->refs == 0) RowData::destroy(data);
+}
+
+// An index-0 entry: what orders one key. It stays as it is while the key is in the table, however
+// often the row is replaced, so a replace never touches the ordered indexes.
+struct OrderKey {
+    std::uint64_t prefix;  // order-preserving projection of the first key field (for a key of one
+                           // number field, the key itself)
+    const RowData* key;    // null for a key of one number field; otherwise the first row stored
+                           // under the key (a reference the table holds), read for its key only
+};
+
+// An index-1 entry: the row's oid and its key's index-0 entry.
+struct OidKey {
+    std::uint64_t oid;
+    OrderKey key;
+};
+
+// What a lookup in the ordered indexes compares: row data of the table's type with the inline
+// parts of its keys.
 struct KeyProbe {
     const RowData* data;
-    std::uint64_t prefix;  // order-preserving projection of the first key field
+    std::uint64_t prefix;
     std::uint64_t oid;
 };
 
@@ -79,135 +138,166 @@ struct PrimaryLess {
     using is_transparent = void;
     const RowType* type;
     bool prefixIsKey;  // the key is one number field: equal prefixes are equal keys
-    bool less(std::uint64_t pa, const RowData& a, std::uint64_t pb, const RowData& b) const noexcept {
+    bool less(std::uint64_t pa, const RowData* a, std::uint64_t pb, const RowData* b) const noexcept {
         if (pa != pb) return pa < pb;
-        return !prefixIsKey && Host::internal::compareKey(*type, a, b) < 0;
+        return !prefixIsKey && Host::internal::compareKey(*type, *a, *b) < 0;
     }
-    inline bool operator()(const TableNode& a, const TableNode& b) const noexcept;
-    inline bool operator()(const TableNode& a, const KeyProbe& b) const noexcept;
-    inline bool operator()(const KeyProbe& a, const TableNode& b) const noexcept;
+    bool operator()(const OrderKey& a, const OrderKey& b) const noexcept { return less(a.prefix, a.key, b.prefix, b.key); }
+    bool operator()(const OrderKey& a, const KeyProbe& b) const noexcept { return less(a.prefix, a.key, b.prefix, b.data); }
+    bool operator()(const KeyProbe& a, const OrderKey& b) const noexcept { return less(a.prefix, a.data, b.prefix, b.key); }
 };
 
 struct OidLess {
     using is_transparent = void;
-    const RowType* type;
-    bool prefixIsKey;
-    std::uint16_t oidSlot;  // of the type's oid field (unused for types without one)
-    std::uint64_t oidOf(const TableNode* n) const noexcept;
-    bool less(std::uint64_t oa, std::uint64_t pa, const RowData& a, std::uint64_t ob, std::uint64_t pb,
-              const RowData& b) const noexcept {
+    PrimaryLess primary;
+    bool less(std::uint64_t oa, std::uint64_t pa, const RowData* a, std::uint64_t ob, std::uint64_t pb,
+              const RowData* b) const noexcept {
         if (oa != ob) return oa < ob;
-        if (pa != pb) return pa < pb;
-        return !prefixIsKey && Host::internal::compareKey(*type, a, b) < 0;
+        return primary.less(pa, a, pb, b);
     }
-    inline bool operator()(const TableNode* a, const TableNode* b) const noexcept;
-    inline bool operator()(const TableNode* a, const KeyProbe& b) const noexcept;
-    inline bool operator()(const KeyProbe& a, const TableNode* b) const noexcept;
-    inline bool operator()(const TableNode* a, OidProbe b) const noexcept;
-    inline bool operator()(OidProbe a, const TableNode* b) const noexcept;
+    bool operator()(const OidKey& a, const OidKey& b) const noexcept {
+        return less(a.oid, a.key.prefix, a.key.key, b.oid, b.key.prefix, b.key.key);
+    }
+    bool operator()(const OidKey& a, const KeyProbe& b) const noexcept {
+        return less(a.oid, a.key.prefix, a.key.key, b.oid, b.prefix, b.data);
+    }
+    bool operator()(const KeyProbe& a, const OidKey& b) const noexcept {
+        return less(a.oid, a.prefix, a.data, b.oid, b.key.prefix, b.key.key);
+    }
+    bool operator()(const OidKey& a, OidProbe b) const noexcept { return a.oid < b.oid; }
+    bool operator()(OidProbe a, const OidKey& b) const noexcept { return a.oid < b.oid; }
 };
 
-using OidIndex = std::set<const TableNode*, OidLess, Host::internal::NodeAllocator<const TableNode*>>;
+using PrimaryIndex = absl::btree_set<OrderKey, PrimaryLess>;
+using OidIndex = absl::btree_set<OidKey, OidLess>;
 
-struct TableNode {
-    TableNode(BaseRow r, std::uint64_t keyPrefix) : row(std::move(r)), prefix(keyPrefix) {}
-    mutable BaseRow row;
-    std::uint64_t prefix;  // the key never changes while the node lives
+// A row in the hash index: its key's hash and the row itself, so that finding, replacing or
+// removing a row by key reads one entry and no tree.
+struct RowSlot {
+    std::uint64_t hash;    // hashKey of the row's key; for a key of one number field a bijection of it
+    mutable RowData* row;  // one reference held by the table; replaced in place
 };
 
-using PrimaryIndex = std::set<TableNode, PrimaryLess, Host::internal::NodeAllocator<TableNode>>;
+// What a lookup in the hash index compares: the key's hash and row data of the table's type
+// holding the key (read only when hashes are not exact).
+struct SlotProbe {
+    std::uint64_t hash;
+    const RowData* key;
+};
 
-inline bool PrimaryLess::operator()(const TableNode& a, const TableNode& b) const noexcept {
-    return less(a.prefix, *a.row.data(), b.prefix, *b.row.data());
-}
-inline bool PrimaryLess::operator()(const TableNode& a, const KeyProbe& b) const noexcept {
-    return less(a.prefix, *a.row.data(), b.prefix, *b.data);
-}
-inline bool PrimaryLess::operator()(const KeyProbe& a, const TableNode& b) const noexcept {
-    return less(a.prefix, *a.data, b.prefix, *b.row.data());
-}
-inline std::uint64_t OidLess::oidOf(const TableNode* n) const noexcept { return n->row.data()->numbers[oidSlot]; }
-inline bool OidLess::operator()(const TableNode* a, const TableNode* b) const noexcept {
-    return less(oidOf(a), a->prefix, *a->row.data(), oidOf(b), b->prefix, *b->row.data());
-}
-inline bool OidLess::operator()(const TableNode* a, const KeyProbe& b) const noexcept {
-    return less(oidOf(a), a->prefix, *a->row.data(), b.oid, b.prefix, *b.data);
-}
-inline bool OidLess::operator()(const KeyProbe& a, const TableNode* b) const noexcept {
-    return less(a.oid, a.prefix, *a.data, oidOf(b), b->prefix, *b->row.data());
-}
-inline bool OidLess::operator()(const TableNode* a, OidProbe b) const noexcept { return oidOf(a) < b.oid; }
-inline bool OidLess::operator()(OidProbe a, const TableNode* b) const noexcept { return a.oid < oidOf(b); }
+struct SlotHash {
+    using is_transparent = void;
+    std::size_t operator()(const RowSlot& s) const noexcept { return s.hash; }
+    std::size_t operator()(const SlotProbe& p) const noexcept { return p.hash; }
+};
 
-static_assert(sizeof(TableNode) + 4 * sizeof(void*) <= Host::internal::NodePool::kSlot, "an index-0 node must fit a pool slot");
+struct SlotEq {
+    using is_transparent = void;
+    const RowType* type;
+    bool exact;  // equal hashes are equal keys
+    bool same(std::uint64_t ha, const RowData* a, std::uint64_t hb, const RowData* b) const noexcept {
+        return ha == hb && (exact || Host::internal::compareKey(*type, *a, *b) == 0);
+    }
+    bool operator()(const RowSlot& a, const RowSlot& b) const noexcept { return same(a.hash, a.row, b.hash, b.row); }
+    bool operator()(const RowSlot& a, const SlotProbe& b) const noexcept { return same(a.hash, a.row, b.hash, b.key); }
+    bool operator()(const SlotProbe& a, const RowSlot& b) const noexcept { return same(a.hash, a.key, b.hash, b.row); }
+};
 
-static_assert(sizeof(PrimaryIndex::const_iterator) <= sizeof(void*) &&
+using RowIndex = absl::flat_hash_set<RowSlot, SlotHash, SlotEq>;
+
+// A position in an ordered index, kept in the iterator's opaque buffer.
+static_assert(sizeof(PrimaryIndex::const_iterator) <= 2 * sizeof(void*) &&
                   std::is_trivially_copyable_v<PrimaryIndex::const_iterator>,
-              "an index position must fit the iterator's node buffer");
-static_assert(sizeof(OidIndex::const_iterator) <= sizeof(void*) &&
+              "an index position must fit the iterator's position buffer");
+static_assert(sizeof(OidIndex::const_iterator) <= 2 * sizeof(void*) &&
                   std::is_trivially_copyable_v<OidIndex::const_iterator>,
-              "an index position must fit the iterator's node buffer");
+              "an index position must fit the iterator's position buffer");
 
-// One table: its rows in both indexes. Shared with iterators, which may outlive the table (a
-// dropped table is emptied and stays empty). A type without an oid field has index 1 in the
-// order of index 0, so such a table keeps no second tree and index 1 requests use index 0.
+// One table: its rows in the hash index and their keys in the ordered indexes. Shared with
+// iterators, which may outlive the table (a dropped table is emptied and stays empty). A type
+// without an oid field has index 1 in the order of index 0, so such a table keeps no second tree
+// and index 1 requests use index 0.
 class TableState {
 public:
     TableState(const RowType& type, std::string path);
+    ~TableState();
+    TableState(const TableState&) = delete;
+    TableState& operator=(const TableState&) = delete;
 
     const RowType& type() const noexcept { return *type_; }
     const std::string& path() const noexcept { return path_; }
-    std::size_t size() const noexcept { return primary_.size(); }
-    std::uint64_t version(unsigned char index) const noexcept { return version_[index == 0 ? 0 : 1]; }
+    std::size_t size() const noexcept { return rows_.size(); }
+    // Changes on every write, deletion and clear (starts at 1).
+    std::uint64_t changes() const noexcept { return changes_; }
     // The index that serves requests for `index`.
     unsigned char effectiveIndex(unsigned char index) const noexcept { return index != 0 && hasOid_ ? 1 : 0; }
-    // The probe of a row of the table's type.
-    KeyProbe probe(const BaseRow& row) const noexcept { return probe(*row.data()); }
+    // The probe of row data of the table's type.
     KeyProbe probe(const RowData& data) const noexcept;
+    // The oid of row data of the table's type (0 for a type without one).
+    std::uint64_t oidOf(const RowData& data) const noexcept { return hasOid_ ? data.numbers[oidSlot_] : 0; }
 
     // True when the oid field is part of the primary key.
     bool oidInKey() const noexcept { return oidInKey_; }
 
-    // The row with `key`'s primary key (key of the table's type), or nullptr.
-    const TableNode* findPrimary(const BaseRow& key) const;
-    // The index-0 position of `key`'s primary key (key of the table's type), or the end.
-    PrimaryIndex::const_iterator findPos(const BaseRow& key) const;
-    // The first row whose key in `index` equals `key`'s (index 1: the first with its oid).
-    const TableNode* findIn(const BaseRow& key, unsigned char index) const;
+    // The row stored under `key`'s primary key (data of the table's type), or null. Valid until
+    // the table next changes.
+    const RowData* find(const RowData& key) const;
+    // The first row whose key in `index` equals `key`'s (index 1: the first with its oid), or null.
+    const RowData* findIn(const RowData& key, unsigned char index) const {
+        return effectiveIndex(index) == 0 ? find(key) : findByOid(key);
+    }
+    // The first row with `key`'s oid (tables with an oid only), or null.
+    const RowData* findByOid(const RowData& key) const;
+    // The row of an ordered-index entry (every entry has its row in the hash index).
+    const RowData* rowAt(const OrderKey& key) const {
+        const std::uint64_t hash = hashOf(key);
+        return rows_.find(SlotProbe{hash, key.key}, hash)->row;
+    }
+    // Fetches into the cache what rowAt(key) reads in the hash index.
+    void prefetchEntry(const OrderKey& key) const;
+    // Fetches into the cache what find(key) reads in the hash index.
+    void prefetchKey(const RowData& key) const { rows_.prefetch(SlotProbe{hashOf(key), &key}); }
+    // True when the key is one number field: ordered entries are the keys, hashes are exact.
+    bool exactKeys() const noexcept { return prefixIsKey_; }
     // Index 1's first entry with `key`'s oid, or its end (tables with an oid only).
-    OidIndex::const_iterator findOid(const BaseRow& key) const;
-    // Where `key` (of the table's type) is or would go in index 0.
+    OidIndex::const_iterator findOid(const RowData& key) const;
+
+    // Where `key` (data of the table's type) is or would go in the hash index. Valid until the
+    // table next changes.
     struct Spot {
-        PrimaryIndex::const_iterator pos;
-        bool exists;
-        std::uint64_t hash;  // of the key
+        RowIndex::iterator slot;  // rows_.end() when the key is new
+        std::uint64_t hash;       // of the key
+        const RowData* stored;    // the row stored under the key, or null
     };
-    Spot locate(const BaseRow& key) const;
-    // Stores `row` (of the table's type, final oid) at a located spot: assigns in place when the
-    // key exists, inserts otherwise. Touches index 1 only when the row is new or its oid changed.
-    const TableNode& put(Spot spot, BaseRow row);
-    // Removes the row with `key`'s primary key and returns it (empty when absent).
-    BaseRow remove(const BaseRow& key);
+    Spot locate(const RowData& key);
+    // Stores `row` (of the table's type, final oid) at a located spot: in place when the key
+    // exists, inserted otherwise. Touches index 1 only when the row is new or its oid changed.
+    // Returns the replaced row, whose reference passes to the caller, or null.
+    RowData* put(const Spot& spot, const BaseRow& row);
+    // Removes the row with `key`'s primary key and returns it with the table's reference, or null.
+    RowData* remove(const RowData& key);
     // Removes everything (the table is being dropped).
     void clear();
 
-    PrimaryIndex& primary() noexcept { return primary_; }
     const PrimaryIndex& primary() const noexcept { return primary_; }
     const OidIndex& byOid() const noexcept { return byOid_; }
 
 private:
+    // hashKey of a key, inline for a key of one number field (the prefix is that number).
+    std::uint64_t hashOf(const RowData& key) const noexcept {
+        return prefixIsKey_ ? HostCapability::mixKey(key.numbers[prefixSlot_]) : Host::internal::hashKey(*type_, key);
+    }
+    std::uint64_t hashOf(const OrderKey& key) const noexcept {
+        return prefixIsKey_ ? HostCapability::mixKey(key.prefix) : Host::internal::hashKey(*type_, *key.key);
+    }
+
     const RowType* type_;
     std::string path_;
-    std::shared_ptr<Host::internal::NodePool> nodes_;  // declared before the indexes, which hold it too
+    bool prefixIsKey_;
+    RowIndex rows_;
     PrimaryIndex primary_;
     OidIndex byOid_;
-    using KeyEntry = Host::internal::KeyHashIndex<PrimaryIndex::const_iterator>::Entry;
-    // byKey_'s entry for `key` (of the table's type, hashing to `hash`), or null.
-    const KeyEntry* entryFor(const RowData& key, std::uint64_t hash) const;
-
-    Host::internal::KeyHashIndex<PrimaryIndex::const_iterator> byKey_;
-    bool hashExact_;
-    std::uint64_t version_[2] = {1, 1};
+    std::uint64_t changes_ = 1;
     bool oidInKey_ = false;
     bool hasOid_ = false;
     bool hasPrefix_ = false;
@@ -230,6 +320,8 @@ public:
     bool readyQueued = false;
     bool observing = false;
     std::string agentName;  // owner of a table this interface creates
+    HostCapability::Lookahead::Hook lookahead = nullptr;  // called for queued row events ahead
+    void* lookaheadContext = nullptr;
 };
 
 // A table path: the table (when it exists) and the interfaces bound to the path.
@@ -260,10 +352,19 @@ struct HostAccess {
     static const VeTableInterface::RowCallback& onRow(const VeTableInterface& i) { return i.onRow_; }
     static const VeTableInterface::RowCallback& onDelete(const VeTableInterface& i) { return i.onDelete_; }
 
-    // Iterator construction at a node of one index (or at the end when `node` is null).
+    // Iterator construction at a position of one index (the end when `pos` is the index's end).
     static VeRowIterator primaryAt(const std::shared_ptr<TableState>& table, PrimaryIndex::const_iterator pos);
-    static const std::shared_ptr<TableState>& table(const VeRowIterator& it) { return it.table_; }
     static VeRowIterator oidAt(const std::shared_ptr<TableState>& table, OidIndex::const_iterator pos);
+    // An index-0 iterator on `row` whose position is not known yet: found again by its key when
+    // it is first moved.
+    static VeRowIterator primaryOn(const std::shared_ptr<TableState>& table, const RowData* row);
+    static const std::shared_ptr<TableState>& table(const VeRowIterator& it) { return it.table_; }
+    // Moving forward in an ordered index (Table.cpp).
+    template <class Index>
+    static void step(VeRowIterator& it, const TableState& t, const Index& index);
+    template <class Index>
+    static void readAhead(VeRowIterator& it, const TableState& t, const Index& index,
+                          typename Index::const_iterator pos);
 };
 
 }  // namespace Velta::detail
@@ -274,6 +375,34 @@ namespace Velta::Host {
 struct HostTask {
     std::string what;  // for listeners
     std::function<void()> run;
+};
+
+// Rows replaced in tables, released a few replacements later. A replaced row lies anywhere in
+// memory and releasing it writes its reference count: retiring fetches that line into the cache,
+// and by the time the row is released the write finds it there instead of waiting for memory.
+class RetiredRows {
+public:
+    RetiredRows() = default;
+    RetiredRows(const RetiredRows&) = delete;
+    RetiredRows& operator=(const RetiredRows&) = delete;
+    ~RetiredRows() {
+        for (RowData* row : rows_) {
+            if (row != nullptr) Velta::detail::releaseRow(row);
+        }
+    }
+    // Takes over one reference to `row` (not null) and releases the one retired kDelay retirements
+    // ago.
+    void retire(RowData* row) noexcept {
+        internal::prefetchLine(row);
+        RowData*& slot = rows_[next_++ % kDelay];
+        if (slot != nullptr) Velta::detail::releaseRow(slot);
+        slot = row;
+    }
+
+private:
+    static constexpr std::size_t kDelay = 16;
+    RowData* rows_[kDelay] = {};
+    std::size_t next_ = 0;
 };
 
 // One queued delivery.
@@ -299,7 +428,7 @@ public:
         e.kind = kind;
         e.row = row;
     }
-    QueuedEvent& at(std::size_t i) noexcept { return buf_[(head_ + i) & (buf_.size() - 1)]; }
+    QueuedEvent& at(std::size_t i) noexcept { return buf_[(head_ + i) & mask_]; }
     // Removes and returns the entry at position i (0 = oldest), keeping the order of the rest.
     QueuedEvent take(std::size_t i);
     // Removes every entry for which `pred` is true, keeping the order of the rest.
@@ -311,11 +440,12 @@ private:
     // The new last entry, empty (every entry past the live ones is empty).
     QueuedEvent& append() {
         if (size_ == buf_.size()) grow();
-        return buf_[(head_ + size_++) & (buf_.size() - 1)];
+        return buf_[(head_ + size_++) & mask_];
     }
     void grow();
 
     std::vector<QueuedEvent> buf_;
+    std::size_t mask_ = 0;  // buf_.size() - 1 (a power of two) once it has grown
     std::size_t head_ = 0;
     std::size_t size_ = 0;
 };
@@ -345,8 +475,8 @@ public:
 
     // --- tables
     Velta::detail::Slot& slotFor(const std::string& path);
-    Velta::detail::Slot* findSlot(const std::string& path) noexcept;
-    const Velta::detail::Slot* findSlot(const std::string& path) const noexcept;
+    Velta::detail::Slot* findSlot(std::string_view path) noexcept;
+    const Velta::detail::Slot* findSlot(std::string_view path) const noexcept;
     // Creates the table and its metadata row; returns false when it exists already.
     bool createTable(Velta::detail::Slot& slot, const RowType& type, const std::string& owner, unsigned oid);
     // Writes the metadata row of an existing table again when a client removed it (or the whole
@@ -355,8 +485,9 @@ public:
     bool dropTable(const std::string& path);
     void eraseSlotIfUnused(Velta::detail::Slot& slot);
     // Inserts or replaces `row` (oid written back into it) in the slot's table; returns the
-    // stored row. The table must exist.
-    const BaseRow& writeRow(Velta::detail::Slot& slot, BaseRow& row);
+    // stored row data (valid until the table next changes), null for an empty row. The table must
+    // exist.
+    const RowData* writeRow(Velta::detail::Slot& slot, BaseRow& row);
     // Deletes by primary key; false when there was no such row (or no table).
     bool eraseRow(Velta::detail::Slot& slot, const BaseRow& key);
 
@@ -383,7 +514,7 @@ public:
     veMetadata::veTable tableInfo(const std::string& path) const;
     veMetadata::veTable tableInfo(unsigned oid) const;
     // The row with `key`'s key in `index` of the table at `path`, or an empty row.
-    BaseRow lookup(const std::string& path, const BaseRow& key, unsigned char index) const;
+    BaseRow lookup(std::string_view path, const BaseRow& key, unsigned char index) const;
 
     std::uint64_t newHandleId() noexcept { return ++handleIds_; }
 
@@ -399,6 +530,10 @@ public:
 
 private:
     void notify(Velta::detail::Slot& slot, QueuedEvent::Kind kind, const BaseRow& row);
+    // Before the oldest event is delivered: fetches the row data of an event kRowAhead places on
+    // and calls the lookahead hook for the row event kHookAhead places on, whose data was fetched
+    // kRowAhead - kHookAhead deliveries ago.
+    void lookAhead() noexcept;
     void push(QueuedEvent&& e);
     void deliver(QueuedEvent& e);
     void controlSubscriptionAdded(const BaseRow& row);
@@ -411,6 +546,8 @@ private:
         VeltaDB::QueryCompletion done;
     };
 
+    RetiredRows retired_;
+    mutable veMetadata::veTable tableKey_;  // the key row of tableInfo(path)
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;
@@ -422,7 +559,7 @@ private:
 };
 
 // One agent's handle on a database.
-class AgentHandle final : public VeltaDB {
+class AgentHandle final : public VeltaDB, public HostCapability::Lookahead {
 public:
     AgentHandle(std::shared_ptr<Database> db, AgentOptions options);
     ~AgentHandle() override;
@@ -442,6 +579,8 @@ public:
     veMetadata::veTable tableInfo(unsigned oid) const override;
     unsigned tableTypeId(const std::string& typeName, bool flag) const override;
     std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override;
+    void lookaheadIs(VeTableInterface& observer, Hook hook, void* context) override;
+    void prefetchKey(const VeTableInterface& iface, const BaseRow& key) const override;
 
     const AgentOptions& options() const noexcept { return options_; }
     std::uint64_t id() const noexcept { return id_; }

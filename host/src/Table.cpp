@@ -1,9 +1,11 @@
-// Tables with their two indexes, positions in them (VeRowIterator) and table interfaces.
+// Tables with their indexes, positions in them (VeRowIterator) and table interfaces.
 //
-// A position keeps the index node it stands on together with the index's version at that time
-// and the row it saw. While the version is unchanged the node is used directly; otherwise the
-// position re-seeks by the saved row's key (exact for *, successor for ++), which is what makes
-// walks survive inserts and deletions, including deletion of the row at the position.
+// A position keeps the ordered-index entry it stands on together with the table's change count at
+// that time and the row it saw. While the count is unchanged the entry is stepped from directly and
+// the row is the table's; otherwise the position re-seeks by the saved row's key (successor for ++),
+// which is what makes walks survive inserts and deletions, including deletion of the row at the
+// position, and the row it shows (*) is found again by its key in the hash index, so a replaced row
+// shows its replacement and a deleted one stays as it was seen.
 #include "HostInternal.h"
 
 #include <cstring>
@@ -13,56 +15,85 @@ namespace Velta::detail {
 namespace {
 
 template <class It>
-void storeNode(unsigned char (&buf)[sizeof(void*)], It pos) noexcept {
+void storePos(unsigned char (&buf)[2 * sizeof(void*)], It pos) noexcept {
     std::memcpy(buf, &pos, sizeof pos);
 }
 
 template <class It>
-It loadNode(const unsigned char (&buf)[sizeof(void*)]) noexcept {
+It loadPos(const unsigned char (&buf)[2 * sizeof(void*)]) noexcept {
     It pos;
     std::memcpy(&pos, buf, sizeof pos);
     return pos;
 }
 
-bool prefixIsKey(const RowType& type) noexcept {
-    return type.keyFields().size() == 1 && isNumberKind(type.fields()[type.keyFields().front()].kind);
-}
+bool prefixIsKey(const RowType& type) noexcept { return Host::internal::keyHashExact(type); }
 
-std::uint16_t oidSlotOf(const RowType& type) noexcept {
-    return type.oidField() >= 0 ? type.fields()[static_cast<std::size_t>(type.oidField())].slot : 0;
-}
-
-const TableNode* nodeAt(PrimaryIndex::const_iterator pos) noexcept { return &*pos; }
-const TableNode* nodeAt(OidIndex::const_iterator pos) noexcept { return *pos; }
+const OrderKey& orderKeyOf(const OrderKey& k) noexcept { return k; }
+const OrderKey& orderKeyOf(const OidKey& k) noexcept { return k.key; }
 
 }  // namespace
 
-// The node after the position saved in `buf` in `index` (index number `which` of `t`), saving the
-// new position; null at the end. When the index changed since the position was saved, the next
-// row is found again from `row`'s key.
+// A walk reads the rows of consecutive keys, which lie anywhere in memory. When a position has used
+// up its read-ahead, standing at `pos`, it reads the rows of the next kAhead keys into ahead_
+// (their hash-index entries were fetched into the cache the time before) and fetches their row data
+// and the hash-index entries of the kAhead keys after those, so that the steps that follow find
+// their rows without a lookup and their data in the cache instead of waiting for memory. Only for
+// keys of one number field, whose hash needs nothing but the ordered entry.
 template <class Index>
-const TableNode* stepForward(const TableState& t, const Index& index, unsigned char which, std::uint64_t& version,
-                             unsigned char (&buf)[sizeof(void*)], const BaseRow& row) {
-    typename Index::const_iterator pos;
-    if (version == t.version(which)) {
-        pos = loadNode<typename Index::const_iterator>(buf);
-        ++pos;
-    } else {
-        pos = index.upper_bound(t.probe(row));
-        version = t.version(which);
+void HostAccess::readAhead(VeRowIterator& it, const TableState& t, const Index& index,
+                           typename Index::const_iterator pos) {
+    constexpr unsigned kAhead = sizeof it.ahead_ / sizeof it.ahead_[0];
+    const auto end = index.end();
+    unsigned n = 0;
+    for (unsigned i = 1; i <= 2 * kAhead; ++i) {
+        if (++pos == end) break;
+        if (i <= kAhead) {
+            const RowData* row = t.rowAt(orderKeyOf(*pos));
+            Host::internal::prefetchLine(row);
+            it.ahead_[n++] = row;
+        } else {
+            t.prefetchEntry(orderKeyOf(*pos));
+        }
     }
-    if (pos == index.end()) return nullptr;
-    storeNode(buf, pos);
-    return nodeAt(pos);
+    it.aheadNext_ = 0;
+    it.aheadCount_ = static_cast<unsigned char>(n);
+}
+
+// Moves `it` to the next row of `index`, or to the end. While the table is unchanged since the
+// position was saved, it steps from there (taking the row from the read-ahead when it has one);
+// otherwise it finds the successor of its row's key again.
+template <class Index>
+void HostAccess::step(VeRowIterator& it, const TableState& t, const Index& index) {
+    using Pos = typename Index::const_iterator;
+    Pos pos;
+    const RowData* next = nullptr;
+    if (it.seen_ == t.changes()) {
+        pos = loadPos<Pos>(it.pos_);
+        ++pos;
+        if (it.aheadNext_ < it.aheadCount_) next = static_cast<const RowData*>(it.ahead_[it.aheadNext_++]);
+    } else {
+        pos = index.upper_bound(t.probe(*it.row_.data()));
+        it.aheadNext_ = it.aheadCount_ = 0;
+    }
+    if (pos == index.end()) {
+        it.row_.clear();
+        it.table_.reset();
+        return;
+    }
+    storePos(it.pos_, pos);
+    if (next == nullptr) next = t.rowAt(orderKeyOf(*pos));
+    if (it.aheadNext_ == it.aheadCount_ && t.exactKeys()) readAhead(it, t, index, pos);
+    it.row_ = RowRef::share(next);
+    it.seen_ = t.changes();
 }
 
 TableState::TableState(const RowType& type, std::string path)
     : type_(&type),
       path_(std::move(path)),
-      nodes_(std::make_shared<Host::internal::NodePool>()),
-      primary_(PrimaryLess{&type, prefixIsKey(type)}, Host::internal::NodeAllocator<TableNode>(nodes_)),
-      byOid_(OidLess{&type, prefixIsKey(type), oidSlotOf(type)}, Host::internal::NodeAllocator<const TableNode*>(nodes_)),
-      hashExact_(Host::internal::keyHashExact(type)) {
+      prefixIsKey_(prefixIsKey(type)),
+      rows_(0, SlotHash{}, SlotEq{&type, Host::internal::keyHashExact(type)}),
+      primary_(PrimaryLess{&type, prefixIsKey_}),
+      byOid_(OidLess{PrimaryLess{&type, prefixIsKey_}}) {
     const auto& fields = type.fields();
     if (type.oidField() >= 0) {
         hasOid_ = true;
@@ -79,8 +110,15 @@ TableState::TableState(const RowType& type, std::string path)
     }
 }
 
+TableState::~TableState() {
+    for (const RowSlot& s : rows_) releaseRow(s.row);
+    for (const OrderKey& k : primary_) {
+        if (k.key != nullptr) releaseRow(const_cast<RowData*>(k.key));
+    }
+}
+
 KeyProbe TableState::probe(const RowData& data) const noexcept {
-    KeyProbe p{&data, 0, hasOid_ ? data.numbers[oidSlot_] : 0};
+    KeyProbe p{&data, 0, oidOf(data)};
     if (hasPrefix_) {
         if (isNumberKind(prefixKind_)) {
             p.prefix = data.numbers[prefixSlot_];
@@ -95,91 +133,76 @@ KeyProbe TableState::probe(const RowData& data) const noexcept {
     return p;
 }
 
-const TableState::KeyEntry* TableState::entryFor(const RowData& key, std::uint64_t hash) const {
-    return byKey_.find(hash, hashExact_, [&](PrimaryIndex::const_iterator pos) {
-        return Host::internal::compareKey(*type_, *pos->row.data(), key) == 0;
-    });
+const RowData* TableState::find(const RowData& key) const {
+    const auto it = rows_.find(SlotProbe{hashOf(key), &key});
+    return it == rows_.end() ? nullptr : it->row;
 }
 
-PrimaryIndex::const_iterator TableState::findPos(const BaseRow& key) const {
-    const RowData& k = *key.data();
-    const KeyEntry* e = entryFor(k, Host::internal::hashKey(*type_, k));
-    return e == nullptr ? primary_.end() : e->pos;
-}
+void TableState::prefetchEntry(const OrderKey& key) const { rows_.prefetch(SlotProbe{hashOf(key), key.key}); }
 
-const TableNode* TableState::findPrimary(const BaseRow& key) const {
-    const auto it = findPos(key);
-    return it == primary_.end() ? nullptr : &*it;
-}
-
-const TableNode* TableState::findIn(const BaseRow& key, unsigned char index) const {
-    if (effectiveIndex(index) == 0) return findPrimary(key);
+const RowData* TableState::findByOid(const RowData& key) const {
     const auto it = findOid(key);
-    return it == byOid_.end() ? nullptr : *it;
+    return it == byOid_.end() ? nullptr : rowAt(it->key);
 }
 
-OidIndex::const_iterator TableState::findOid(const BaseRow& key) const {
-    const std::uint64_t oid = key.data()->numbers[oidSlot_];
+OidIndex::const_iterator TableState::findOid(const RowData& key) const {
+    const std::uint64_t oid = key.numbers[oidSlot_];
     auto it = byOid_.lower_bound(OidProbe{oid});
-    return it == byOid_.end() || byOid_.key_comp().oidOf(*it) != oid ? byOid_.end() : it;
+    return it == byOid_.end() || it->oid != oid ? byOid_.end() : it;
 }
 
-TableState::Spot TableState::locate(const BaseRow& key) const {
-    const RowData& k = *key.data();
-    const std::uint64_t hash = Host::internal::hashKey(*type_, k);
-    const KeyEntry* e = entryFor(k, hash);
-    if (e != nullptr) return {e->pos, true, hash};
-    // A new key: only now is its place in the order needed.
-    return {primary_.lower_bound(probe(k)), false, hash};
+TableState::Spot TableState::locate(const RowData& key) {
+    const std::uint64_t hash = hashOf(key);
+    const auto it = rows_.find(SlotProbe{hash, &key});
+    return {it, hash, it == rows_.end() ? nullptr : it->row};
 }
 
-const TableNode& TableState::put(Spot spot, BaseRow row) {
-    if (spot.exists) {
-        const TableNode& node = *spot.pos;
-        if (hasOid_ && row.data()->numbers[oidSlot_] != node.row.data()->numbers[oidSlot_]) {
-            // Out of index 1 while the node still shows the old oid, back in with the new one.
-            byOid_.erase(byOid_.find(&node));
-            node.row = std::move(row);
-            byOid_.insert(&node);
-            ++version_[1];
-        } else {
-            node.row = std::move(row);
+RowData* TableState::put(const Spot& spot, const BaseRow& row) {
+    const RowData& data = *row.data();
+    if (spot.stored != nullptr) {
+        RowData* old = spot.slot->row;
+        if (hasOid_ && oidOf(data) != oidOf(*old)) {
+            // Index 1 follows the oid: out under the old one, back in under the new.
+            const auto at = byOid_.find(probe(*old));
+            const OrderKey key = at->key;
+            byOid_.erase(at);
+            byOid_.insert(OidKey{oidOf(data), key});
         }
-        return node;
+        spot.slot->row = retainRow(&data);
+        ++changes_;
+        return old;
     }
-    const std::uint64_t prefix = probe(row).prefix;
-    auto it = primary_.emplace_hint(spot.pos, std::move(row), prefix);
-    byKey_.insert(spot.hash, it);
-    ++version_[0];
-    if (hasOid_) {
-        byOid_.insert(&*it);
-        ++version_[1];
-    }
-    return *it;
+    ++changes_;
+    rows_.insert(RowSlot{spot.hash, retainRow(&data)});
+    const OrderKey key{probe(data).prefix, prefixIsKey_ ? nullptr : retainRow(&data)};
+    primary_.insert(key);
+    if (hasOid_) byOid_.insert(OidKey{oidOf(data), key});
+    return nullptr;
 }
 
-BaseRow TableState::remove(const BaseRow& key) {
-    const RowData& k = *key.data();
-    const KeyEntry* e = entryFor(k, Host::internal::hashKey(*type_, k));
-    if (e == nullptr) return BaseRow();
-    const auto it = e->pos;
-    byKey_.erase(e);
-    if (hasOid_) {
-        byOid_.erase(byOid_.find(&*it));
-        ++version_[1];
-    }
-    BaseRow row = std::move(it->row);
-    primary_.erase(it);
-    ++version_[0];
+RowData* TableState::remove(const RowData& key) {
+    const auto it = rows_.find(SlotProbe{hashOf(key), &key});
+    if (it == rows_.end()) return nullptr;
+    RowData* row = it->row;
+    rows_.erase(it);
+    ++changes_;
+    const auto at = primary_.find(probe(key));
+    const RowData* keyObject = at->key;
+    primary_.erase(at);
+    if (hasOid_) byOid_.erase(probe(*row));
+    if (keyObject != nullptr) releaseRow(const_cast<RowData*>(keyObject));
     return row;
 }
 
 void TableState::clear() {
-    byKey_.clear();
+    for (const RowSlot& s : rows_) releaseRow(s.row);
+    for (const OrderKey& k : primary_) {
+        if (k.key != nullptr) releaseRow(const_cast<RowData*>(k.key));
+    }
+    rows_.clear();
     byOid_.clear();
     primary_.clear();
-    ++version_[0];
-    ++version_[1];
+    ++changes_;
 }
 
 VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, PrimaryIndex::const_iterator pos) {
@@ -187,9 +210,9 @@ VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, Pr
     if (pos == table->primary().end()) return it;
     it.table_ = table;
     it.index_ = 0;
-    it.version_ = table->version(0);
-    storeNode(it.node_, pos);
-    it.row_ = pos->row;
+    storePos(it.pos_, pos);
+    it.row_ = RowRef::share(table->rowAt(*pos));
+    it.seen_ = table->changes();
     return it;
 }
 
@@ -198,9 +221,19 @@ VeRowIterator HostAccess::oidAt(const std::shared_ptr<TableState>& table, OidInd
     if (pos == table->byOid().end()) return it;
     it.table_ = table;
     it.index_ = 1;
-    it.version_ = table->version(1);
-    storeNode(it.node_, pos);
-    it.row_ = (*pos)->row;
+    storePos(it.pos_, pos);
+    it.row_ = RowRef::share(table->rowAt(pos->key));
+    it.seen_ = table->changes();
+    return it;
+}
+
+VeRowIterator HostAccess::primaryOn(const std::shared_ptr<TableState>& table, const RowData* row) {
+    VeRowIterator it;
+    if (row == nullptr) return it;
+    it.table_ = table;
+    it.index_ = 0;
+    it.seen_ = 0;  // counts start at 1: the position is found by the row's key when it moves
+    it.row_ = RowRef::share(row);
     return it;
 }
 
@@ -215,41 +248,23 @@ using detail::TableState;
 VeRowIterator& VeRowIterator::operator++() {
     if (row_.empty()) return *this;
     const TableState& t = *table_;
-    const detail::TableNode* node = index_ == 0 ? detail::stepForward(t, t.primary(), 0, version_, node_, row_)
-                                                : detail::stepForward(t, t.byOid(), 1, version_, node_, row_);
-    if (node == nullptr) {
-        row_.clear();
-        table_.reset();
-        return *this;
-    }
-    row_ = node->row;
+    if (index_ == 0)
+        detail::HostAccess::step(*this, t, t.primary());
+    else
+        detail::HostAccess::step(*this, t, t.byOid());
     return *this;
 }
 
 const BaseRow& VeRowIterator::operator*() const {
     if (row_.empty()) return row_;
+    // The table's current row with the position's key; in index 1 only while it keeps its oid (a
+    // row that changed its oid has left this place in the order).
     const TableState& t = *table_;
-    const detail::TableNode* node = nullptr;
-    if (version_ == t.version(index_)) {
-        node = index_ == 0 ? &*detail::loadNode<PrimaryIndex::const_iterator>(node_)
-                           : *detail::loadNode<OidIndex::const_iterator>(node_);
-    } else if (index_ == 0) {
-        // The index changed under the position: find its row again (it may be gone).
-        auto pos = t.findPos(row_);
-        if (pos != t.primary().end()) {
-            detail::storeNode(node_, pos);
-            version_ = t.version(0);
-            node = &*pos;
-        }
-    } else {
-        auto pos = t.byOid().find(t.probe(row_));
-        if (pos != t.byOid().end()) {
-            detail::storeNode(node_, pos);
-            version_ = t.version(1);
-            node = *pos;
-        }
-    }
-    if (node != nullptr && !row_.sameData(node->row)) row_ = node->row;
+    if (seen_ == t.changes()) return row_;
+    const RowData* seen = row_.data();
+    const RowData* current = t.find(*seen);
+    if (current != nullptr && current != seen && (index_ == 0 || t.oidOf(*current) == t.oidOf(*seen)))
+        row_ = detail::RowRef::share(current);
     return row_;
 }
 
@@ -316,8 +331,8 @@ VeRowIterator VeTableInterface::find(const BaseRow& key, unsigned char index) co
     if (table == nullptr || key.empty()) return VeRowIterator();
     const TableState& t = **table;
     const BaseRow k = keyFor(t, key);
-    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.findPos(k));
-    const auto pos = t.findOid(k);
+    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryOn(*table, t.find(*k.data()));
+    const auto pos = t.findOid(*k.data());
     return pos == t.byOid().end() ? VeRowIterator() : detail::HostAccess::oidAt(*table, pos);
 }
 
@@ -327,17 +342,18 @@ VeRowIterator VeTableInterface::lower_bound(const BaseRow& key, unsigned char in
     const TableState& t = **table;
     if (key.empty()) return begin(index);
     const BaseRow k = keyFor(t, key);
-    if (t.effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, t.primary().lower_bound(t.probe(k)));
-    return detail::HostAccess::oidAt(*table, t.byOid().lower_bound(t.probe(k)));
+    if (t.effectiveIndex(index) == 0)
+        return detail::HostAccess::primaryAt(*table, t.primary().lower_bound(t.probe(*k.data())));
+    return detail::HostAccess::oidAt(*table, t.byOid().lower_bound(t.probe(*k.data())));
 }
 
 BaseRow VeTableInterface::row(const BaseRow& key, unsigned char index) const {
     const auto* table = tableOf(attachment_);
     if (table == nullptr || key.empty()) return BaseRow();
     const TableState& t = **table;
-    const detail::TableNode* node =
-        key.rowType() == &t.type() ? t.findIn(key, index) : t.findIn(key.as(t.type()), index);
-    return node == nullptr ? BaseRow() : node->row;
+    if (key.rowType() == &t.type()) return detail::RowRef::share(t.findIn(*key.data(), index));
+    const BaseRow k = key.as(t.type());
+    return detail::RowRef::share(t.findIn(*k.data(), index));
 }
 
 void VeTableInterface::rowIs(BaseRow& row) {
@@ -383,6 +399,7 @@ void EventQueue::grow() {
     std::vector<QueuedEvent> bigger(buf_.empty() ? 64 : buf_.size() * 2);
     for (std::size_t i = 0; i < size_; ++i) bigger[i] = std::move(at(i));
     buf_.swap(bigger);
+    mask_ = buf_.size() - 1;
     head_ = 0;
 }
 
@@ -391,7 +408,7 @@ void EventQueue::push(QueuedEvent&& e) { append() = std::move(e); }
 QueuedEvent EventQueue::take(std::size_t i) {
     QueuedEvent e = std::move(at(i));
     if (i == 0) {
-        head_ = (head_ + 1) & (buf_.size() - 1);
+        head_ = (head_ + 1) & mask_;
     } else {
         for (std::size_t j = i; j + 1 < size_; ++j) at(j) = std::move(at(j + 1));
         at(size_ - 1) = QueuedEvent{};

@@ -49,9 +49,12 @@ private:
     friend struct detail::HostAccess;
     std::shared_ptr<detail::TableState> table_;
     mutable BaseRow row_;                   // row at the position; empty at the end
-    mutable std::uint64_t version_ = 0;     // index version for which node_ is valid
-    alignas(void*) mutable unsigned char node_[sizeof(void*)] = {};  // host index position
+    std::uint64_t seen_ = 0;                // the table's change count when pos_ and row_ were read
+    alignas(void*) unsigned char pos_[2 * sizeof(void*)] = {};  // host index position
+    const void* ahead_[4] = {};             // the host's read-ahead of the rows that follow
     unsigned char index_ = 0;
+    unsigned char aheadNext_ = 0;           // ahead_[aheadNext_, aheadCount_) are valid
+    unsigned char aheadCount_ = 0;
 };
 
 // Access-mode bits of an interface.

@@ -10,10 +10,12 @@
 // - inputTables_ holds exactly the admitted inputs, keyed by table path; its (lexicographic) order
 //   is the order in which inputs are consulted everywhere.
 // - Every entry of outputRowOwners_ names the input whose row the output currently holds for that
-//   key; an input leaves inputTables_ before its entries are settled, so it is never chosen to
-//   replace its own rows.
-// - Input tables are shared between inputTables_ and outputRowOwners_ and never outlive the
-//   aggregator: both maps are destroyed before the interfaces the input tables' destructors read.
+//   key (by address; null for rows merged under a path no admitted input has); an input leaves
+//   inputTables_ before its entries are settled, so it is never chosen to replace its own rows,
+//   and no entry names it once it has left.
+// - An input table is admitted (admitted_) exactly while inputTables_ holds it; input tables never
+//   outlive the aggregator: inputTables_ is destroyed before the interfaces the input tables'
+//   destructors read.
 // - All work runs inside host callbacks, constructors and destructors, one at a time; no locks.
 #pragma once
 
@@ -31,9 +33,16 @@
 #endif
 #include <Velta/Agent/internal/RowKeyMap.h>
 #endif
+#if VELTA_AGENT_HOST_LOOKAHEAD
+#if !__has_include(<Velta/HostCapability/Lookahead.h>)
+#error "libSubscriptionHandling was built with the host's lookahead capability: put <Velta/HostCapability/Lookahead.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
+#endif
+#include <Velta/HostCapability/Lookahead.h>
+#endif
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -97,10 +106,12 @@ public:
         const std::string& tablePath() const noexcept { return inputObserver.tablePath(); }
 
     private:
+        friend class Aggregator;
         VeltaDB::p_t vdb_;
         Aggregator* aggregator_;  // owner; not owned
         std::string agentName_;
         bool outputReady_;
+        bool admitted_ = false;  // held by the aggregator's inputTables_
 
     public:
         // The observer of the input table (host-visible interface; read its state, do not rebind).
@@ -112,13 +123,13 @@ public:
     };
 
     using InputTables = std::map<std::string, std::shared_ptr<AggregatorInputTable>>;
-    // Ordered by keyLess_. Every row event looks its key up: when the host hashes keys, the map
-    // keeps a hash index of its keys beside the tree, and its nodes come from a pool of their own,
-    // one cache line each.
+    // Ordered by keyLess_; each key's owner among inputTables_. Every row event looks its key up:
+    // when the host hashes keys, the map keeps a hash index of its keys beside the tree, and its
+    // nodes come from a pool of their own, one cache line each.
 #if VELTA_AGENT_HOST_KEY_HASH
-    using OutputRowOwners = internal::RowKeyMap<std::shared_ptr<AggregatorInputTable>>;
+    using OutputRowOwners = internal::RowKeyMap<AggregatorInputTable>;
 #else
-    using OutputRowOwners = std::map<BaseRow, std::shared_ptr<AggregatorInputTable>, RowOpsKeyLess>;
+    using OutputRowOwners = std::map<BaseRow, AggregatorInputTable*, RowOpsKeyLess>;
 #endif
 
     // Binds the output modifier to `outputPath` and the metadata observer, both with `bindFlag`,
@@ -154,6 +165,9 @@ public:
     void onInputRow(const std::string& path, BaseRow& row);
     // The input at `path` lost `row`: settles the output row if that input supplied it.
     void onInputRowDelete(const std::string& path, const BaseRow& row);
+    // The same for `input`'s own rows: an admitted input is the owner without a search by path.
+    void rowFrom(AggregatorInputTable& input, BaseRow& row);
+    void deleteFrom(AggregatorInputTable& input, const BaseRow& row);
     // Replaces the output row of `entry` from the first input in path order that holds its key
     // (unless deleteWithoutReplacement), or deletes it; returns the entry that followed.
     OutputRowOwners::iterator updateOutputOnDelete(OutputRowOwners::iterator entry);
@@ -183,18 +197,11 @@ private:
     RowOpsKeyLess keyLess_;
     InputTables inputTables_;
     OutputRowOwners outputRowOwners_;
-    // Row events name their input by path; each input passes the same string object (its
-    // observer's table path) every time, so the entry is remembered by that string's address and
-    // confirmed by its content, which spares walking inputTables_ by path comparisons. Emptied
-    // whenever an entry leaves inputTables_.
-    struct PathHint {
-        const std::string* path = nullptr;
-        InputTables::iterator entry;
-    };
-    std::array<PathHint, 16> pathHints_{};
-    std::size_t nextPathHint_ = 0;
-    // inputTables_[path] (insert-or-find), through pathHints_.
-    std::shared_ptr<AggregatorInputTable>& inputFor(const std::string& path);
+    // The merge of a row or a deletion from `owner` (null: a path no admitted input has).
+    void merge(AggregatorInputTable* owner, BaseRow& row);
+    void mergeDelete(AggregatorInputTable* owner, const BaseRow& row);
+    // The owner of an entry of outputRowOwners_.
+    AggregatorInputTable* ownerOf(OutputRowOwners::const_iterator entry) const;
     std::string inputPathPrefix_;
     std::string inputPathSuffix_;
     std::string outputPath_;
@@ -205,6 +212,13 @@ private:
     bool suppressResync_;
     std::size_t affixLength_;
     bool inputsScanned_;
+#if VELTA_AGENT_HOST_LOOKAHEAD
+    // The host's delivery lookahead (null when the handle does not offer it). Every input
+    // observer's hook is lookAhead, which fetches what merging the row will read: the row's owner
+    // entry and its output table entry.
+    HostCapability::Lookahead* lookahead_;
+    static void lookAhead(void* aggregator, const BaseRow& row);
+#endif
     __kestoDebug debugChannel_;
 };
 

@@ -2,24 +2,23 @@
 // hashing). Written here rather than taken from a container library because a plug-in brings no
 // third-party library into its host's process.
 //
-// An ordered map keyed by rows, with pointer-like values (raw or smart pointers), and a hash index
-// of its keys beside the tree.
+// An ordered map from row keys to pointers, and a hash index of its keys beside the tree.
 //
 // Order, iteration, lower_bound and positional insertion are those of the underlying std::map
 // ordered by the host's RowOpsKeyLess (with the host's inline shortcut for a number key); find and
 // locate, which a row event needs, probe the hash index instead of walking the tree, so their cost
-// does not grow with the number of keys. The index also keeps the address each value points to, so
-// that "is this key's value still x" is answered without reading the element itself. When the row
-// operations turn out not to hash (a host that wraps them, say), the index stays empty and find and
-// locate walk the tree.
+// does not grow with the number of keys. The index entry of a key also holds its value, so that
+// reading or changing the value of a located key never touches the element in the tree (which
+// lies elsewhere in memory). When the row operations turn out not to hash (a host that wraps them,
+// say), the index stays empty, find and locate walk the tree and the elements hold the values.
 //
 // Invariants:
 // - While hashing is available, index_ has exactly one entry per element of map_, keyed by the
-//   hash of the element's key and holding the element's iterator and the address its value points
-//   to (std::map iterators stay valid until their element is erased, so only insertion and erasure
-//   move entries). Otherwise index_ is empty.
-// - Values change only through emplace, emplace_hint and assign (never through an iterator), so
-//   the addresses in the index are those of the values.
+//   hash of the element's key and holding the element's iterator (std::map iterators stay valid
+//   until their element is erased, so only insertion and erasure move entries) and the key's
+//   value. Otherwise index_ is empty.
+// - A key's value is its index entry's while hashing is available (assign writes nothing else, and
+//   an element keeps the value it was inserted with), the element's otherwise: value() answers it.
 // - allExact_ is true while every key inserted since the map was empty is of a type whose hash is
 //   exact (RowKeyHash::exact); only then may a probe trust equal hashes without comparing.
 #pragma once
@@ -40,7 +39,7 @@ static_assert(Velta::Agent::internal::kHostKeyHashDetected,
 
 namespace Velta::Agent::internal {
 
-template <class V>
+template <class T>
 class RowKeyMap {
     using KeyHash = HostCapability::RowKeyHash;
 
@@ -61,16 +60,16 @@ public:
         KeyHash hash_;
     };
 
-    using value_type = std::pair<const BaseRow, V>;
+    using value_type = std::pair<const BaseRow, T*>;
     using allocator_type = NodeAllocator<value_type>;
-    using Map = std::map<BaseRow, V, KeyLess, allocator_type>;
+    using Map = std::map<BaseRow, T*, KeyLess, allocator_type>;
     using iterator = typename Map::iterator;
     using const_iterator = typename Map::const_iterator;
 
 private:
     struct Where {
         iterator it;
-        const void* target;
+        T* value;
     };
     using Index = KeyHashIndex<Where>;
 
@@ -92,17 +91,16 @@ public:
     public:
         explicit operator bool() const noexcept { return found_; }
         iterator pos() const noexcept { return it_; }
-        // The address the element's value points to (read from the index when there is one, not
-        // from the element).
-        const void* target() const noexcept { return target_; }
+        // The key's value (read from the index when there is one, not from the element).
+        T* value() const noexcept { return value_; }
 
     private:
         friend class RowKeyMap;
         Found() noexcept = default;
-        Found(iterator it, const void* target, typename Index::Entry* entry) noexcept
-            : it_(it), target_(target), entry_(entry), found_(true) {}
+        Found(iterator it, T* value, typename Index::Entry* entry) noexcept
+            : it_(it), value_(value), entry_(entry), found_(true) {}
         iterator it_{};
-        const void* target_ = nullptr;
+        T* value_ = nullptr;
         typename Index::Entry* entry_ = nullptr;
         bool found_ = false;
     };
@@ -111,10 +109,10 @@ public:
     Found locate(const BaseRow& key) {
         if (!hash().available()) {
             const iterator it = map_.find(key);
-            return it == map_.end() ? Found() : Found(it, targetOf(it->second), nullptr);
+            return it == map_.end() ? Found() : Found(it, it->second, nullptr);
         }
         auto* e = probe(key);
-        return e == nullptr ? Found() : Found(e->pos.it, e->pos.target, e);
+        return e == nullptr ? Found() : Found(e->pos.it, e->pos.value, e);
     }
     // The same as an iterator: the element or end().
     iterator find(const BaseRow& key) {
@@ -123,37 +121,48 @@ public:
         return e == nullptr ? map_.end() : e->pos.it;
     }
     const_iterator find(const BaseRow& key) const { return const_cast<RowKeyMap*>(this)->find(key); }
+    // The value of the element at `pos` (an element of this map).
+    T* value(const_iterator pos) const {
+        if (!hash().available()) return pos->second;
+        const auto* e = const_cast<RowKeyMap*>(this)->entryOf(pos);
+        return e != nullptr ? e->pos.value : pos->second;
+    }
+
+    // Fetches into the cache what locate(key) reads in the hash index.
+    void prefetch(const BaseRow& key) const {
+        if (hash().available()) index_.prefetch(hash().hash(key));
+    }
 
     // The first element not ordered before `key` (a walk down the tree).
     iterator lower_bound(const BaseRow& key) { return map_.lower_bound(key); }
 
     // Inserts `key` (not yet present) with `value` at the place `hint` suggests.
-    iterator emplace_hint(const_iterator hint, BaseRow key, V value) {
+    iterator emplace_hint(const_iterator hint, BaseRow key, T* value) {
         const std::size_t before = map_.size();
-        const iterator it = map_.emplace_hint(hint, std::move(key), std::move(value));
+        const iterator it = map_.emplace_hint(hint, std::move(key), value);
         if (map_.size() != before && hash().available()) {
             if (!hash().exact(it->first)) allExact_ = false;
-            index_.insert(hash().hash(it->first), Where{it, targetOf(it->second)});
+            index_.insert(hash().hash(it->first), Where{it, value});
         }
         return it;
     }
     // Replaces the value of a located element.
-    void assign(Found found, V value) {
-        if (found.entry_ != nullptr) found.entry_->pos.target = targetOf(value);
-        found.it_->second = std::move(value);
+    void assign(Found found, T* value) {
+        if (found.entry_ != nullptr)
+            found.entry_->pos.value = value;
+        else
+            found.it_->second = value;
     }
     // Inserts `key` (not yet present) with `value` where it belongs.
-    iterator emplace(BaseRow key, V value) {
+    iterator emplace(BaseRow key, T* value) {
         const const_iterator hint = map_.lower_bound(key);
-        return emplace_hint(hint, std::move(key), std::move(value));
+        return emplace_hint(hint, std::move(key), value);
     }
 
     // Removes the element at `pos`; returns the element after it.
     iterator erase(iterator pos) {
         if (hash().available()) {
-            auto* e = index_.find(hash().hash(pos->first), false,
-                                  [&](const Where& candidate) { return candidate.it == pos; });
-            if (e != nullptr) index_.erase(e);
+            if (auto* e = entryOf(pos)) index_.erase(e);
         }
         const iterator next = map_.erase(pos);
         if (map_.empty()) allExact_ = true;
@@ -164,9 +173,9 @@ private:
     // (std::map::key_comp returns a copy: the map's own order is kept here as well.)
     const KeyHash& hash() const noexcept { return less_.hash(); }
 
-    static const void* targetOf(const V& value) noexcept {
-        if (!value) return nullptr;
-        return static_cast<const void*>(std::to_address(value));
+    typename Index::Entry* entryOf(const_iterator pos) {
+        return index_.find(hash().hash(pos->first), false,
+                           [&](const Where& candidate) { return candidate.it == pos; });
     }
 
     typename Index::Entry* probe(const BaseRow& key) {
