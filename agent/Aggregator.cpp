@@ -25,8 +25,17 @@ namespace Velta::Agent {
 namespace {
 constexpr const char* kTraceFile = "Aggregator";
 constexpr const char* kMetadataPath = "velta/metadata/veTable";
-constexpr unsigned char kModifierMode = 3;
-constexpr unsigned char kObserverMode = 5;
+
+// The fixed source lines the traces report.
+namespace Line {
+constexpr unsigned inputDestroyed = 34;
+constexpr unsigned inputRow = 89;
+constexpr unsigned inputDelete = 95;
+constexpr unsigned destroyed = 137;
+constexpr unsigned adding = 234;
+constexpr unsigned invalidRowType = 251;
+constexpr unsigned agentNameWithSlash = 256;
+}  // namespace Line
 }  // namespace
 
 static_assert(internal::kHostKeyHashDetected == (VELTA_AGENT_HOST_KEY_HASH != 0),
@@ -77,13 +86,13 @@ Aggregator::AggregatorInputTable::AggregatorInputTable(VeltaDB::p_t vdb, Aggrega
     // Not client-ready yet: nothing is delivered before the output can take rows.
     vdb_->bindInterface(inputObserver, tablePath, bindFlag);
 #if VELTA_AGENT_HOST_LOOKAHEAD
-    if (aggregator_->lookahead_ != nullptr)
-        aggregator_->lookahead_->lookaheadIs(inputObserver, &Aggregator::lookAhead, aggregator_);
+    if (auto* lookahead = HostCapability::Lookahead::of(*vdb_))
+        lookahead->lookaheadIs(inputObserver, &Aggregator::lookAhead, aggregator_);
 #endif
 }
 
 Aggregator::AggregatorInputTable::~AggregatorInputTable() {
-    KESTO_TRACE(debugChannel_, 9, kTraceFile, 34, "~AggregatorInputTable",
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, Line::inputDestroyed, "~AggregatorInputTable",
                 "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable()"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath());
 }
@@ -102,7 +111,7 @@ void Aggregator::AggregatorInputTable::walkInputTable() {
         walkPosition_ = *position;
         // Stop before the row: the bookmark names a row that has not been forwarded yet.
         if (aggregator_->blocked()) return;
-        aggregator_->rowFrom(*this, walkPosition_);
+        aggregator_->onInputRow(inputObserver.tablePath(), walkPosition_);
         ++position;
     }
     walkPosition_.clear();
@@ -131,19 +140,19 @@ void Aggregator::AggregatorInputTable::onObserverReady() {
 
 void Aggregator::AggregatorInputTable::onRow(const BaseRow& row) {
     BaseRow copy(row);  // shares the row data; the aggregator needs a modifiable row
-    KESTO_TRACE(debugChannel_, 9, kTraceFile, 89, "onRow",
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, Line::inputRow, "onRow",
                 "void Velta::Agent::Aggregator::AggregatorInputTable::onRow(const Velta::BaseRow&)"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
                     << ", " << copy.toString());
-    aggregator_->rowFrom(*this, copy);
+    aggregator_->onInputRow(inputObserver.tablePath(), copy);
 }
 
 void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
-    KESTO_TRACE(debugChannel_, 9, kTraceFile, 95, "onDelete",
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, Line::inputDelete, "onDelete",
                 "void Velta::Agent::Aggregator::AggregatorInputTable::onDelete(const Velta::BaseRow&)"
                     << " " << inputObserver.tablePath() << "=>" << aggregator_->outputModifier.tablePath()
                     << ", " << row.toString());
-    aggregator_->deleteFrom(*this, row);
+    aggregator_->onInputRowDelete(inputObserver.tablePath(), row);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -172,9 +181,6 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
       suppressResync_(false),
       affixLength_(inputPathPrefix.size() + inputPathSuffix.size()),
       inputsScanned_(false),
-#if VELTA_AGENT_HOST_LOOKAHEAD
-      lookahead_(HostCapability::Lookahead::of(*vdb_)),
-#endif
       debugChannel_(__kestoDebug::getHandler(), false) {
     veTableObserver_.scheduledIs(false);
     vdb_->bindInterface(outputModifier, outputPath_, bindFlag_);
@@ -184,7 +190,7 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
 }
 
 Aggregator::~Aggregator() {
-    KESTO_TRACE(debugChannel_, 9, kTraceFile, 137, "~Aggregator",
+    KESTO_TRACE(debugChannel_, 9, kTraceFile, Line::destroyed, "~Aggregator",
                 "Velta::Agent::Aggregator::~Aggregator()" << " " << outputModifier.tablePath());
 }
 
@@ -221,14 +227,14 @@ void Aggregator::onVeTableRow(const BaseRow& row) {
 
     const std::string agentName = path.substr(inputPathPrefix_.size(), path.size() - affixLength_);
     if (agentName.find('/') != std::string::npos) {
-        KESTO_TRACE(debugChannel_, 1, kTraceFile, 256, "onVeTableRow",
+        KESTO_TRACE(debugChannel_, 1, kTraceFile, Line::agentNameWithSlash, "onVeTableRow",
                     "Aggregated input table " << path << " has agent name " << agentName << " containing '/' ");
         return;
     }
     // An admitted table is not examined again, even when its metadata changes.
     if (inputTables_.find(path) != inputTables_.end()) return;
 
-    KESTO_TRACE(debugChannel_, 6, kTraceFile, 234, "onVeTableRow",
+    KESTO_TRACE(debugChannel_, 6, kTraceFile, Line::adding, "onVeTableRow",
                 "Adding aggregated input table " << path << " to " << outputModifier.tablePath());
 
     const std::string typeName = table.typeName();
@@ -236,13 +242,12 @@ void Aggregator::onVeTableRow(const BaseRow& row) {
         auto input = std::make_shared<AggregatorInputTable>(vdb_, this, path, outputModifier.rowTypeName(),
                                                             agentName, scheduled_, bindFlag_);
         const auto entry = inputTables_.emplace(path, std::move(input)).first;
-        entry->second->admitted_ = true;
         // An input appearing while the aggregator runs starts at once.
         if (ready()) entry->second->outputReady();
         return;
     }
     // Not remembered: a later metadata row for this path is examined afresh.
-    KESTO_TRACE(debugChannel_, 1, kTraceFile, 251, "onVeTableRow",
+    KESTO_TRACE(debugChannel_, 1, kTraceFile, Line::invalidRowType, "onVeTableRow",
                 "Row type " << typeName << " is not valid, input table not added.");
 }
 
@@ -254,10 +259,9 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
     // Out of inputTables_ first, so the leaving input cannot be chosen to replace its own rows.
     std::shared_ptr<AggregatorInputTable> input = found->second;
     inputTables_.erase(found);
-    if (input) input->admitted_ = false;
 
     for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
-        if (ownerOf(entry) == input.get()) {
+        if (ownerOf(entry) == input) {
             entry = updateOutputOnDelete(entry);
         } else {
             ++entry;
@@ -276,33 +280,12 @@ void Aggregator::lookAhead(void* aggregator, const BaseRow& row) {
 #if VELTA_AGENT_HOST_KEY_HASH
     self.outputRowOwners_.prefetch(row);
 #endif
-    self.lookahead_->prefetchKey(self.outputModifier, row);
+    HostCapability::Lookahead::prefetchKey(self.outputModifier, row);
 }
 #endif
 
 void Aggregator::onInputRow(const std::string& path, BaseRow& row) {
-    merge(inputTables_.try_emplace(path).first->second.get(), row);
-}
-
-void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
-    mergeDelete(inputTables_.try_emplace(path).first->second.get(), row);
-}
-
-void Aggregator::rowFrom(AggregatorInputTable& input, BaseRow& row) {
-    if (input.admitted_)
-        merge(&input, row);
-    else
-        onInputRow(input.tablePath(), row);
-}
-
-void Aggregator::deleteFrom(AggregatorInputTable& input, const BaseRow& row) {
-    if (input.admitted_)
-        mergeDelete(&input, row);
-    else
-        onInputRowDelete(input.tablePath(), row);
-}
-
-void Aggregator::merge(AggregatorInputTable* owner, BaseRow& row) {
+    const std::shared_ptr<AggregatorInputTable>& owner = inputTables_.findOrInsert(path);
     // No precedence between inputs: the latest delivery wins and takes the key over.
 #if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
@@ -322,7 +305,9 @@ void Aggregator::merge(AggregatorInputTable* owner, BaseRow& row) {
     outputModifier.rowIs(row);
 }
 
-void Aggregator::mergeDelete(AggregatorInputTable* owner, const BaseRow& row) {
+void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
+    // inputTables_ does not change below, so the reference stays valid.
+    const std::shared_ptr<AggregatorInputTable>& owner = inputTables_.findOrInsert(path);
 #if VELTA_AGENT_HOST_KEY_HASH
     const auto entry = outputRowOwners_.locate(row);
     if (!entry) return;
@@ -338,7 +323,8 @@ void Aggregator::mergeDelete(AggregatorInputTable* owner, const BaseRow& row) {
 #endif
 }
 
-Aggregator::AggregatorInputTable* Aggregator::ownerOf(OutputRowOwners::const_iterator entry) const {
+const std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::ownerOf(
+    OutputRowOwners::const_iterator entry) const {
 #if VELTA_AGENT_HOST_KEY_HASH
     return outputRowOwners_.value(entry);
 #else
@@ -357,7 +343,7 @@ Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRow
             outputModifier.rowIs(replacement);
             const auto next = std::next(entry);
             outputRowOwners_.erase(entry);
-            outputRowOwners_.emplace_hint(next, std::move(replacement), input.get());
+            outputRowOwners_.emplace_hint(next, std::move(replacement), input);
             return next;
         }
     }

@@ -517,14 +517,14 @@ TEST_F(AggregatorTest, ScannedInputsWaitForTheOutputAndResyncCanBeSuppressed) {
     agg_->onVeTableReady();
     EXPECT_FALSE(agg_->ready());
     ASSERT_EQ(agg_->inputPaths(), (std::vector<std::string>{kA, kB}));
-    EXPECT_FALSE(agg_->inputTable(kA)->inputObserver.clientReady());
-    EXPECT_FALSE(agg_->inputTable(kB)->inputObserver.clientReady());
+    EXPECT_FALSE(agg_->inputTable(kA)->observer().clientReady());
+    EXPECT_FALSE(agg_->inputTable(kB)->observer().clientReady());
 
     // The output's ready report starts every input.
-    while (!agg_->outputModifier.ready()) ASSERT_TRUE(db_->runOne());
+    while (!agg_->output().ready()) ASSERT_TRUE(db_->runOne());
     EXPECT_TRUE(agg_->ready());
-    EXPECT_TRUE(agg_->inputTable(kA)->inputObserver.clientReady());
-    EXPECT_TRUE(agg_->inputTable(kB)->inputObserver.clientReady());
+    EXPECT_TRUE(agg_->inputTable(kA)->observer().clientReady());
+    EXPECT_TRUE(agg_->inputTable(kB)->observer().clientReady());
     run();
     // The row no input holds stays: the resync was suppressed.
     EXPECT_EQ(timeline_.take(), std::vector<std::string>{"+k1=a"});
@@ -590,8 +590,8 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndResumesAPendingWalkFromItsBook
     const auto z = agg_->inputTable(kZ);
     ASSERT_NE(a, nullptr);
     ASSERT_NE(z, nullptr);
-    VeTableInterface& aObserver = a->inputObserver;
-    VeTableInterface& zObserver = z->inputObserver;
+    VeTableInterface& aObserver = a->observer();
+    VeTableInterface& zObserver = z->observer();
 
     // No walk pending.
     EXPECT_FALSE(aObserver.activated());

@@ -252,21 +252,20 @@ KeySpace<std::string> nameKeys(std::size_t count) {
     return s;
 }
 
-// The map's values are owners, as in the aggregator: compared by address.
-using Owner = const unsigned*;
+// The map's values are shared owners, as in the aggregator: compared by address.
+using Owner = std::shared_ptr<const unsigned>;
 using OwnerMap = Agent::internal::RowKeyMap<const unsigned>;
 
 // Owner 0 is null, a value the map carries like any other.
 std::vector<Owner> makeOwners() {
-    static const unsigned values[8] = {0, 1, 2, 3, 4, 5, 6, 7};
     std::vector<Owner> owners{nullptr};
-    for (unsigned i = 1; i < 8; ++i) owners.push_back(&values[i]);
+    for (unsigned i = 1; i < 8; ++i) owners.push_back(std::make_shared<const unsigned>(i));
     return owners;
 }
 
 template <class K>
-std::vector<std::pair<K, const void*>> contentsOf(const OwnerMap& map, const KeySpace<K>& space) {
-    std::vector<std::pair<K, const void*>> out;
+std::vector<std::pair<K, Owner>> contentsOf(const OwnerMap& map, const KeySpace<K>& space) {
+    std::vector<std::pair<K, Owner>> out;
     for (auto it = map.begin(); it != map.end(); ++it) out.emplace_back(space.keyOf(it->first), map.value(it));
     return out;
 }
@@ -279,7 +278,7 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
     std::mt19937_64 rng(seed);
     const std::vector<Owner> owners = makeOwners();
     OwnerMap map(less);
-    std::map<K, const void*> model;  // key -> owner address
+    std::map<K, Owner> model;  // key -> owner
     auto anyOwner = [&] { return owners[rng() % owners.size()]; };
     auto checkFind = [&](const K& k) {
         const BaseRow key = space.rowOf(k, static_cast<unsigned>(rng()));
@@ -349,13 +348,20 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
         }
         ASSERT_EQ(map.size(), model.size()) << "step " << step;
         if (step % 64 == 0) {
-            ASSERT_EQ(contentsOf(map, space),
-                      (std::vector<std::pair<K, const void*>>(model.begin(), model.end())));
+            ASSERT_EQ(contentsOf(map, space), (std::vector<std::pair<K, Owner>>(model.begin(), model.end())));
             for (const K& key : space.keys) checkFind(key);
         }
     }
+    // An owner is held by the map while a key names it, and released with the key.
+    for (const Owner& owner : owners) {
+        if (!owner) continue;
+        const auto named = std::count_if(model.begin(), model.end(), [&](const auto& m) { return m.second == owner; });
+        EXPECT_EQ(owner.use_count(), 1 + 2 * named) << "owner " << *owner;
+    }
     while (!map.empty()) map.erase(map.begin());
     for (const K& key : space.keys) EXPECT_TRUE(map.find(space.rowOf(key, 0)) == map.end());
+    model.clear();
+    for (const Owner& owner : owners) EXPECT_TRUE(!owner || owner.use_count() == 1) << "a released key kept its owner";
 }
 
 // Host operations, except that keys collide on purpose: only the length of a name picks its hash.
@@ -569,9 +575,9 @@ TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
         modifier.rowIs(row);
         if (k % 3 == 0) modifier.rowDel(row);
     }
-    lookahead->prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
-    lookahead->prefetchKey(observer, makeRow(twinType(), {{"k", 5}}));
-    lookahead->prefetchKey(VeTableInterface("unbound", numType().name(), 1, {}, {}, {}, {}), BaseRow());
+    HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
+    HostCapability::Lookahead::prefetchKey(observer, makeRow(twinType(), {{"k", 5}}));
+    HostCapability::Lookahead::prefetchKey(VeTableInterface("unbound", numType().name(), 1, {}, {}, {}, {}), BaseRow());
     db->runUntilIdle();
 
     // The deliveries are exactly the events, in order. The hooks name the same keys in the same

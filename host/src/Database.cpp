@@ -554,11 +554,21 @@ void AgentHandle::lookaheadIs(VeTableInterface& observer, Hook hook, void* conte
     att->lookaheadContext = context;
 }
 
-void AgentHandle::prefetchKey(const VeTableInterface& iface, const BaseRow& key) const {
+}  // namespace Velta::Host
+
+namespace Velta::HostCapability {
+
+void Lookahead::prefetchKey(const VeTableInterface& iface, const BaseRow& key) noexcept {
+    using Velta::detail::Attachment;
+    using Velta::detail::HostAccess;
     const std::shared_ptr<Attachment>& att = HostAccess::attachment(iface);
     if (!att || !att->slot->table || key.rowType() != &att->slot->table->type()) return;
     att->slot->table->prefetchKey(*key.data());
 }
+
+}  // namespace Velta::HostCapability
+
+namespace Velta::Host {
 
 // ---------------------------------------------------------------------------------------------
 // The embedding facade

@@ -580,7 +580,6 @@ public:
     unsigned tableTypeId(const std::string& typeName, bool flag) const override;
     std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override;
     void lookaheadIs(VeTableInterface& observer, Hook hook, void* context) override;
-    void prefetchKey(const VeTableInterface& iface, const BaseRow& key) const override;
 
     const AgentOptions& options() const noexcept { return options_; }
     std::uint64_t id() const noexcept { return id_; }

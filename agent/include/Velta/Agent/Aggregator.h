@@ -10,17 +10,18 @@
 // - inputTables_ holds exactly the admitted inputs, keyed by table path; its (lexicographic) order
 //   is the order in which inputs are consulted everywhere.
 // - Every entry of outputRowOwners_ names the input whose row the output currently holds for that
-//   key (by address; null for rows merged under a path no admitted input has); an input leaves
-//   inputTables_ before its entries are settled, so it is never chosen to replace its own rows,
-//   and no entry names it once it has left.
-// - An input table is admitted (admitted_) exactly while inputTables_ holds it; input tables never
-//   outlive the aggregator: inputTables_ is destroyed before the interfaces the input tables'
-//   destructors read.
+//   key (empty for rows merged under a path no admitted input has); an input leaves inputTables_
+//   before its entries are settled, so it is never chosen to replace its own rows.
+// - Input tables are shared between inputTables_ and outputRowOwners_ and never outlive the
+//   aggregator: both maps are destroyed before the interfaces the input tables' destructors read.
+// - The members are those of the aggregator's design, in its order; what our own containers need
+//   beyond it lives inside their types (internal/).
 // - All work runs inside host callbacks, constructors and destructors, one at a time; no locks.
 #pragma once
 
 #include <Kesto/DebugSupport.h>
 #include <Velta/Agent/Config.h>
+#include <Velta/Agent/internal/PathMap.h>
 #include <Velta/BaseRow.h>
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
@@ -40,7 +41,6 @@
 #include <Velta/HostCapability/Lookahead.h>
 #endif
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -97,40 +97,40 @@ public:
         // resumes a pending walk (or ends the active state) once the observer is attached.
         void outputBlocked(bool blocked);
 
-        // Host callbacks of inputObserver.
+        // Host callbacks of inputObserver (the host calls them; a hosting process should not).
         void onObserverReady();
         void onRow(const BaseRow& row);
         void onDelete(const BaseRow& row);
 
-        // The input table's path (as bound).
+        // For tests and tools; not part of the aggregator's design.
+        // The input table's path (as bound) and its observer (read its state; do not rebind it).
         const std::string& tablePath() const noexcept { return inputObserver.tablePath(); }
+        VeTableInterface& observer() noexcept { return inputObserver; }
+        const VeTableInterface& observer() const noexcept { return inputObserver; }
 
     private:
-        friend class Aggregator;
         VeltaDB::p_t vdb_;
         Aggregator* aggregator_;  // owner; not owned
         std::string agentName_;
         bool outputReady_;
-        bool admitted_ = false;  // held by the aggregator's inputTables_
-
-    public:
-        // The observer of the input table (host-visible interface; read its state, do not rebind).
         VeTableInterface inputObserver;
-
-    private:
         BaseRow walkPosition_;  // next row of a pending walk; empty when none is pending
         __kestoDebug debugChannel_;
     };
 
-    using InputTables = std::map<std::string, std::shared_ptr<AggregatorInputTable>>;
+    // By table path, in path order. (A row event names its input by the path string its observer
+    // holds: the map finds that string's entry without comparing paths, see internal/PathMap.h.)
+    using InputTables = internal::PathMap<std::shared_ptr<AggregatorInputTable>>;
     // Ordered by keyLess_; each key's owner among inputTables_. Every row event looks its key up:
-    // when the host hashes keys, the map keeps a hash index of its keys beside the tree, and its
-    // nodes come from a pool of their own, one cache line each.
+    // when the host hashes keys, the map keeps a hash index of its keys (holding their owners)
+    // beside the tree, and its nodes come from a pool of their own, one cache line each.
 #if VELTA_AGENT_HOST_KEY_HASH
     using OutputRowOwners = internal::RowKeyMap<AggregatorInputTable>;
 #else
-    using OutputRowOwners = std::map<BaseRow, AggregatorInputTable*, RowOpsKeyLess>;
+    using OutputRowOwners = std::map<BaseRow, std::shared_ptr<AggregatorInputTable>, RowOpsKeyLess>;
 #endif
+
+    // ---- What a hosting process calls.
 
     // Binds the output modifier to `outputPath` and the metadata observer, both with `bindFlag`,
     // and, when `enabled`, asks the host for the metadata callbacks.
@@ -155,7 +155,10 @@ public:
     // that already runs.
     void enableIs(bool value);
 
-    // Host callbacks of veTableObserver_: admission and removal of inputs.
+    // ---- Handlers: the host calls them through the interfaces (and the input tables call the
+    // merging ones); a hosting process should not.
+
+    // Callbacks of veTableObserver_: admission and removal of inputs.
     void onVeTableReady();
     void onVeTableRow(const BaseRow& row);
     void onVeTableDelete(const BaseRow& row);
@@ -165,9 +168,6 @@ public:
     void onInputRow(const std::string& path, BaseRow& row);
     // The input at `path` lost `row`: settles the output row if that input supplied it.
     void onInputRowDelete(const std::string& path, const BaseRow& row);
-    // The same for `input`'s own rows: an admitted input is the owner without a search by path.
-    void rowFrom(AggregatorInputTable& input, BaseRow& row);
-    void deleteFrom(AggregatorInputTable& input, const BaseRow& row);
     // Replaces the output row of `entry` from the first input in path order that holds its key
     // (unless deleteWithoutReplacement), or deletes it; returns the entry that followed.
     OutputRowOwners::iterator updateOutputOnDelete(OutputRowOwners::iterator entry);
@@ -175,7 +175,8 @@ public:
     // removes output rows no input holds (unless suppressed) and starts every input.
     void onReady();
 
-    // Introspection for hosting processes and tools.
+    // ---- For tests and tools; not part of the aggregator's design.
+
     // Path of the input that supplies the output row with `outputKey`'s key; "" when none.
     std::string outputRowSource(const BaseRow& outputKey) const;
     // Paths of the admitted inputs, in path order.
@@ -183,25 +184,25 @@ public:
     // The admitted input at `path`, or null. Do not keep it beyond the aggregator's life.
     std::shared_ptr<AggregatorInputTable> inputTable(const std::string& path) const;
     const std::string& outputPath() const noexcept { return outputPath_; }
+    // The output modifier, to read its state.
+    const VeTableInterface& output() const noexcept { return outputModifier; }
 
 private:
+    // The owner of an entry of outputRowOwners_.
+    const std::shared_ptr<AggregatorInputTable>& ownerOf(OutputRowOwners::const_iterator entry) const;
+#if VELTA_AGENT_HOST_LOOKAHEAD
+    // The host's lookahead hook of every input observer: fetches what merging `row` will read,
+    // its owner entry and its output table entry.
+    static void lookAhead(void* aggregator, const BaseRow& row);
+#endif
+
     VeltaDB::p_t vdb_;
-
-public:
-    // Writer of the output table (host-visible interface; read its state, do not rebind).
     VeTableInterface outputModifier;
-
-private:
     VeTableInterface veTableObserver_;
     std::shared_ptr<const RowOps> rowOps_;
     RowOpsKeyLess keyLess_;
     InputTables inputTables_;
     OutputRowOwners outputRowOwners_;
-    // The merge of a row or a deletion from `owner` (null: a path no admitted input has).
-    void merge(AggregatorInputTable* owner, BaseRow& row);
-    void mergeDelete(AggregatorInputTable* owner, const BaseRow& row);
-    // The owner of an entry of outputRowOwners_.
-    AggregatorInputTable* ownerOf(OutputRowOwners::const_iterator entry) const;
     std::string inputPathPrefix_;
     std::string inputPathSuffix_;
     std::string outputPath_;
@@ -212,13 +213,6 @@ private:
     bool suppressResync_;
     std::size_t affixLength_;
     bool inputsScanned_;
-#if VELTA_AGENT_HOST_LOOKAHEAD
-    // The host's delivery lookahead (null when the handle does not offer it). Every input
-    // observer's hook is lookAhead, which fetches what merging the row will read: the row's owner
-    // entry and its output table entry.
-    HostCapability::Lookahead* lookahead_;
-    static void lookAhead(void* aggregator, const BaseRow& row);
-#endif
     __kestoDebug debugChannel_;
 };
 

@@ -37,8 +37,9 @@ public:
     // Binding the interface again forgets the hook.
     virtual void lookaheadIs(VeTableInterface& observer, Hook hook, void* context) = 0;
     // Fetches into the cache what finding `key`'s primary key reads in the table `iface` is bound
-    // to (nothing when there is no table or `key` is of another row type).
-    virtual void prefetchKey(const VeTableInterface& iface, const BaseRow& key) const = 0;
+    // to (nothing when there is no table or `key` is of another row type). It needs no handle, so
+    // a hook can call it with nothing but its interfaces at hand.
+    static void prefetchKey(const VeTableInterface& iface, const BaseRow& key) noexcept;
 
 protected:
     ~Lookahead() = default;

@@ -20,7 +20,7 @@ concept LookaheadCapability = requires(L& l, VeltaDB& db, VeTableInterface& ifac
                                        void (*hook)(void*, const BaseRow&)) {
     { L::of(db) } -> std::same_as<L*>;
     l.lookaheadIs(iface, hook, context);
-    l.prefetchKey(iface, row);
+    L::prefetchKey(iface, row);
 };
 
 }  // namespace Velta::Agent::internal

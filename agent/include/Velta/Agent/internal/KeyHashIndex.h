@@ -12,7 +12,9 @@
 // Invariants:
 // - Open addressing with linear probing; an empty slot ends every probe run (erasure shifts later
 //   entries back instead of leaving markers), and at most kMaxLoadPercent of the slots are used.
-// - ctrl_[i] is kEmpty exactly when slot i is free; otherwise it is tag(entries_[i].hash).
+// - ctrl_[i] is kEmpty exactly when slot i is free; otherwise it is tag(entries_[i].hash). A free
+//   slot holds a default Entry, so a position that owns something (a shared pointer) is released
+//   as soon as its entry leaves.
 // - Growing rehashes from the stored hashes alone: rows are never read for it.
 // - Equal keys have equal hashes. When the owner declares its hashes exact (a bijection of the
 //   key), equal hashes are equal keys and lookups never need to compare rows.
@@ -20,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace Velta::Agent::internal {
@@ -74,7 +77,7 @@ public:
     // Adds a key that has no entry yet.
     void insert(std::uint64_t hash, Pos pos) {
         if ((count_ + 1) * 100 > ctrl_.size() * kMaxLoadPercent) grow();
-        place(hash, pos);
+        place(hash, std::move(pos));
         ++count_;
     }
 
@@ -88,10 +91,11 @@ public:
             const bool stays = hole <= j ? (home > hole && home <= j) : (home > hole || home <= j);
             if (stays) continue;
             ctrl_[hole] = ctrl_[j];
-            entries_[hole] = entries_[j];
+            entries_[hole] = std::move(entries_[j]);
             hole = j;
         }
         ctrl_[hole] = kEmpty;
+        entries_[hole] = Entry{};
         --count_;
     }
 
@@ -112,11 +116,11 @@ private:
     // set, so most probes that cross other keys never read their entries.
     static std::uint8_t tag(std::uint64_t hash) noexcept { return static_cast<std::uint8_t>(0x80 | (hash >> 57)); }
 
-    void place(std::uint64_t hash, Pos pos) noexcept {
+    void place(std::uint64_t hash, Pos&& pos) noexcept {
         std::size_t i = hash & mask_;
         while (ctrl_[i] != kEmpty) i = (i + 1) & mask_;
         ctrl_[i] = tag(hash);
-        entries_[i] = Entry{hash, pos};
+        entries_[i] = Entry{hash, std::move(pos)};
     }
 
     void grow() {
@@ -127,7 +131,7 @@ private:
         oldEntries.swap(entries_);
         mask_ = slots - 1;
         for (std::size_t i = 0; i < oldCtrl.size(); ++i) {
-            if (oldCtrl[i] != kEmpty) place(oldEntries[i].hash, oldEntries[i].pos);
+            if (oldCtrl[i] != kEmpty) place(oldEntries[i].hash, std::move(oldEntries[i].pos));
         }
     }
 

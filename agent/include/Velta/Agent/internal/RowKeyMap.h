@@ -2,23 +2,23 @@
 // hashing). Written here rather than taken from a container library because a plug-in brings no
 // third-party library into its host's process.
 //
-// An ordered map from row keys to pointers, and a hash index of its keys beside the tree.
+// An ordered map from row keys to shared pointers, and a hash index of its keys beside the tree.
 //
 // Order, iteration, lower_bound and positional insertion are those of the underlying std::map
 // ordered by the host's RowOpsKeyLess (with the host's inline shortcut for a number key); find and
 // locate, which a row event needs, probe the hash index instead of walking the tree, so their cost
 // does not grow with the number of keys. The index entry of a key also holds its value, so that
 // reading or changing the value of a located key never touches the element in the tree (which
-// lies elsewhere in memory). When the row operations turn out not to hash (a host that wraps them,
-// say), the index stays empty, find and locate walk the tree and the elements hold the values.
+// lies elsewhere in memory); the element's own value then stays empty. When the row operations turn
+// out not to hash (a host that wraps them, say), the index stays empty, find and locate walk the
+// tree and the elements hold the values.
 //
 // Invariants:
 // - While hashing is available, index_ has exactly one entry per element of map_, keyed by the
 //   hash of the element's key and holding the element's iterator (std::map iterators stay valid
 //   until their element is erased, so only insertion and erasure move entries) and the key's
-//   value. Otherwise index_ is empty.
-// - A key's value is its index entry's while hashing is available (assign writes nothing else, and
-//   an element keeps the value it was inserted with), the element's otherwise: value() answers it.
+//   value, and every element's own value is empty. Otherwise index_ is empty and the elements
+//   hold the values. value() answers either way; a value leaves with its key.
 // - allExact_ is true while every key inserted since the map was empty is of a type whose hash is
 //   exact (RowKeyHash::exact); only then may a probe trust equal hashes without comparing.
 #pragma once
@@ -60,16 +60,17 @@ public:
         KeyHash hash_;
     };
 
-    using value_type = std::pair<const BaseRow, T*>;
+    using Value = std::shared_ptr<T>;
+    using value_type = std::pair<const BaseRow, Value>;
     using allocator_type = NodeAllocator<value_type>;
-    using Map = std::map<BaseRow, T*, KeyLess, allocator_type>;
+    using Map = std::map<BaseRow, Value, KeyLess, allocator_type>;
     using iterator = typename Map::iterator;
     using const_iterator = typename Map::const_iterator;
 
 private:
     struct Where {
-        iterator it;
-        T* value;
+        iterator it{};
+        Value value;
     };
     using Index = KeyHashIndex<Where>;
 
@@ -92,15 +93,15 @@ public:
         explicit operator bool() const noexcept { return found_; }
         iterator pos() const noexcept { return it_; }
         // The key's value (read from the index when there is one, not from the element).
-        T* value() const noexcept { return value_; }
+        const Value& value() const noexcept { return *value_; }
 
     private:
         friend class RowKeyMap;
         Found() noexcept = default;
-        Found(iterator it, T* value, typename Index::Entry* entry) noexcept
+        Found(iterator it, const Value* value, typename Index::Entry* entry) noexcept
             : it_(it), value_(value), entry_(entry), found_(true) {}
         iterator it_{};
-        T* value_ = nullptr;
+        const Value* value_ = nullptr;
         typename Index::Entry* entry_ = nullptr;
         bool found_ = false;
     };
@@ -109,10 +110,10 @@ public:
     Found locate(const BaseRow& key) {
         if (!hash().available()) {
             const iterator it = map_.find(key);
-            return it == map_.end() ? Found() : Found(it, it->second, nullptr);
+            return it == map_.end() ? Found() : Found(it, &it->second, nullptr);
         }
         auto* e = probe(key);
-        return e == nullptr ? Found() : Found(e->pos.it, e->pos.value, e);
+        return e == nullptr ? Found() : Found(e->pos.it, &e->pos.value, e);
     }
     // The same as an iterator: the element or end().
     iterator find(const BaseRow& key) {
@@ -122,7 +123,7 @@ public:
     }
     const_iterator find(const BaseRow& key) const { return const_cast<RowKeyMap*>(this)->find(key); }
     // The value of the element at `pos` (an element of this map).
-    T* value(const_iterator pos) const {
+    const Value& value(const_iterator pos) const {
         if (!hash().available()) return pos->second;
         const auto* e = const_cast<RowKeyMap*>(this)->entryOf(pos);
         return e != nullptr ? e->pos.value : pos->second;
@@ -137,26 +138,27 @@ public:
     iterator lower_bound(const BaseRow& key) { return map_.lower_bound(key); }
 
     // Inserts `key` (not yet present) with `value` at the place `hint` suggests.
-    iterator emplace_hint(const_iterator hint, BaseRow key, T* value) {
+    iterator emplace_hint(const_iterator hint, BaseRow key, Value value) {
+        if (!hash().available()) return map_.emplace_hint(hint, std::move(key), std::move(value));
         const std::size_t before = map_.size();
-        const iterator it = map_.emplace_hint(hint, std::move(key), value);
-        if (map_.size() != before && hash().available()) {
+        const iterator it = map_.emplace_hint(hint, std::move(key), Value());
+        if (map_.size() != before) {
             if (!hash().exact(it->first)) allExact_ = false;
-            index_.insert(hash().hash(it->first), Where{it, value});
+            index_.insert(hash().hash(it->first), Where{it, std::move(value)});
         }
         return it;
     }
     // Replaces the value of a located element.
-    void assign(Found found, T* value) {
+    void assign(Found found, Value value) {
         if (found.entry_ != nullptr)
-            found.entry_->pos.value = value;
+            found.entry_->pos.value = std::move(value);
         else
-            found.it_->second = value;
+            found.it_->second = std::move(value);
     }
     // Inserts `key` (not yet present) with `value` where it belongs.
-    iterator emplace(BaseRow key, T* value) {
+    iterator emplace(BaseRow key, Value value) {
         const const_iterator hint = map_.lower_bound(key);
-        return emplace_hint(hint, std::move(key), value);
+        return emplace_hint(hint, std::move(key), std::move(value));
     }
 
     // Removes the element at `pos`; returns the element after it.
