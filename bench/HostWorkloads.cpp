@@ -34,8 +34,8 @@ public:
         : db_(Host::Database::create(benchOptions())),
           writer_(db_->connect({"writer", "bench"})),
           reader_(db_->connect({"reader", "bench"})),
-          modifier_("modifier", benchRowType().name(), 3, noReady(), noRow(), noRow(), noFlag()),
-          observer_("observer", benchRowType().name(), 5, noReady(),
+          modifier_("modifier", benchRowType().name(), kModifierMode, noReady(), noRow(), noRow(), noFlag()),
+          observer_("observer", benchRowType().name(), kObserverMode, noReady(),
                     [this](const BaseRow& row) {
                         ++deliveries_;
                         checksum_ += row.number(kCountField);
@@ -183,7 +183,7 @@ private:
         translator_ = std::make_unique<Agent::SubscriptionTranslator>(server_);
         client_ = db_->connect({"client", "bench"});
         clientModifier_ = std::make_unique<VeTableInterface>("clientModifier", External::Subscription::rowTypeName(),
-                                                             3, noReady(), noRow(), noRow(), noFlag());
+                                                             kModifierMode, noReady(), noRow(), noRow(), noFlag());
         client_->bindInterface(*clientModifier_, "velta/External/Subscription", false);
         db_->runUntilIdle();
     }
@@ -208,7 +208,7 @@ struct ResyncWorld {
                                                          mergeOutputPath(), benchRowType().name(), false, true, false);
         db->runUntilIdle();
         producer = db->connect({"producer", "bench"});
-        lastInput = std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(), 3, noReady(),
+        lastInput = std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(), kModifierMode, noReady(),
                                                        noRow(), noRow(), noFlag());
         producer->bindInterface(*lastInput, mergeInputPath(kInputs - 1), false);
         db->runUntilIdle();
@@ -252,7 +252,7 @@ public:
     explicit ResyncLookups(std::shared_ptr<ResyncWorld> world)
         : world_(std::move(world)), handle_(world_->db->connect({"lookups", "bench"})) {
         for (unsigned i = 0; i < ResyncWorld::kInputs; ++i) {
-            readers_.push_back(std::make_unique<VeTableInterface>("reader", benchRowType().name(), 1, noReady(),
+            readers_.push_back(std::make_unique<VeTableInterface>("reader", benchRowType().name(), kReaderMode, noReady(),
                                                                   noRow(), noRow(), noFlag()));
             handle_->bindInterface(*readers_.back(), mergeInputPath(i), false);
         }

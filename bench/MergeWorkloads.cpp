@@ -21,7 +21,7 @@ public:
     Producer(Host::Database& db, unsigned inputs) : handle_(db.connect({"producer", "bench"})) {
         modifiers_.reserve(inputs);
         for (unsigned i = 0; i < inputs; ++i) {
-            modifiers_.push_back(std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(), 3,
+            modifiers_.push_back(std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(), kModifierMode,
                                                                    noReady(), noRow(), noRow(), noFlag()));
             handle_->bindInterface(*modifiers_.back(), mergeInputPath(i), false);
         }
@@ -44,11 +44,11 @@ class Forwarder {
 public:
     Forwarder(VeltaDB::p_t handle, unsigned inputs, const std::string& outputPath)
         : handle_(std::move(handle)),
-          outputModifier_("outputModifier", benchRowType().name(), 3, noReady(), noRow(), noRow(), noFlag()) {
+          outputModifier_("outputModifier", benchRowType().name(), kModifierMode, noReady(), noRow(), noRow(), noFlag()) {
         handle_->bindInterface(outputModifier_, outputPath, false);
         for (unsigned i = 0; i < inputs; ++i) {
             observers_.push_back(std::make_unique<VeTableInterface>(
-                "inputObserver", benchRowType().name(), 5, noReady(),
+                "inputObserver", benchRowType().name(), kObserverMode, noReady(),
                 [this](const BaseRow& row) {
                     BaseRow copy(row);
                     outputModifier_.rowIs(copy);

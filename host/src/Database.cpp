@@ -488,7 +488,7 @@ void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
         veCtrl::publication pub;
         pub.subscription_idIs(sub.oid());
         pub.tableIdIs(sub.tableId());
-        pub.typeIdIs(resultType != nullptr ? resultType->id() : internal::kUnknownTypeId);
+        pub.typeIdIs(resultType != nullptr ? resultType->id() : VeltaDB::kUnknownTypeId);
         pub.system_idIs(sub.system_description());
         pub.statusIs(true);
         pub.errorIs("");
@@ -540,7 +540,7 @@ veMetadata::veTable AgentHandle::tableInfo(unsigned oid) const { return impl_->t
 
 unsigned AgentHandle::tableTypeId(const std::string& typeName, bool) const {
     const RowType* t = findRowType(typeName);
-    return t != nullptr ? t->id() : internal::kUnknownTypeId;
+    return t != nullptr ? t->id() : VeltaDB::kUnknownTypeId;
 }
 
 std::shared_ptr<const RowOps> AgentHandle::getRowOps(const std::string& typeName, unsigned char index) const {

@@ -61,9 +61,6 @@ inline void prefetchLine(const void* p) noexcept {
 #endif
 }
 
-// Unknown type name answer of tableTypeId.
-inline constexpr unsigned kUnknownTypeId = 65535;
-
 // The registry's view for the rest of the host. Lookups lock; the returned types live forever.
 const RowType* typeById(unsigned id);
 // Cached row operations for (type, index); `type` may be null (rows ordered by type id, then key).

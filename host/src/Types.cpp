@@ -173,7 +173,7 @@ const RowType& defineRowType(const std::string& name, const std::vector<FieldSpe
             throw std::invalid_argument("row type " + name + " is already defined differently");
         return *it->second;
     }
-    if (r.byId.size() + 1 >= internal::kUnknownTypeId) throw std::invalid_argument("too many row types");
+    if (r.byId.size() + 1 >= VeltaDB::kUnknownTypeId) throw std::invalid_argument("too many row types");
     return r.add(name, fields, keyFields);
 }
 

@@ -224,10 +224,11 @@ public:
 
     const Options& options() const noexcept;
 
-    class Impl;
-    Impl& impl() noexcept { return *impl_; }
+    class Impl;  // the host's own; not API
 
 private:
+    friend class AgentHandle;  // an agent's handle works on the database's internals
+    Impl& impl() noexcept { return *impl_; }
     explicit Database(Options options);
     std::unique_ptr<Impl> impl_;
 };
