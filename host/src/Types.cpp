@@ -209,14 +209,6 @@ bool keyLess(const BaseRow& a, const BaseRow& b) noexcept {
     return Host::internal::compareRows(a, b, 0, a.empty() ? b.rowType() : a.rowType()) < 0;
 }
 
-namespace {
-// A record's order: a record without data reads as its zero key, like any field it lacks.
-template <class R>
-bool recordLess(const R& a, const R& b) noexcept {
-    return Host::internal::compareRows(a, b, 0, &R::type()) < 0;
-}
-}  // namespace
-
 BaseRow VeltaDB::veClass(const std::string& name) {
     const RowType* t = Host::findRowType(name);
     if (t == nullptr) return BaseRow();
@@ -231,23 +223,17 @@ BaseRow VeltaDB::veClass(const std::string& name) {
 }
 
 namespace External {
-bool operator<(const Subscription& a, const Subscription& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const Subscription& row) { return os << row.toString(); }
-bool operator<(const Publication& a, const Publication& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const Publication& row) { return os << row.toString(); }
 }  // namespace External
 
 namespace veCtrl {
-bool operator<(const subscription& a, const subscription& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const subscription& row) { return os << row.toString(); }
-bool operator<(const publication& a, const publication& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const publication& row) { return os << row.toString(); }
 }  // namespace veCtrl
 
 namespace veMetadata {
-bool operator<(const veTable& a, const veTable& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const veTable& row) { return os << row.toString(); }
-bool operator<(const SystemDescription& a, const SystemDescription& b) noexcept { return recordLess(a, b); }
 std::ostream& operator<<(std::ostream& os, const SystemDescription& row) { return os << row.toString(); }
 }  // namespace veMetadata
 

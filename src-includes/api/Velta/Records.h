@@ -4,9 +4,10 @@
 // another type takes the fields by name (missing ones read as zero, false or empty). Getters read,
 // `...Is` setters write (copy on write). operator< orders by the primary key.
 //
-// Each record's fields are listed once, above its class, as X(field, kind) entries in field order.
-// From that list come both the field table the host registers (detail::kBuiltinTypes) and the
-// record's accessors, so the two cannot drift: per field `T field() const` and `void fieldIs(const T&)`,
+// Each record's fields are listed once, above its class, as X(field, kind) entries in field order,
+// and its primary key as X(field) entries in key order. From those lists come both the field and
+// key tables the host registers (detail::kBuiltinTypes) and the record's accessors and operator<,
+// so they cannot drift: per field `T field() const` and `void fieldIs(const T&)`,
 // where T is std::uint16_t, std::uint32_t, std::uint64_t, bool, std::string or
 // std::vector<std::string> for the kinds u16, u32, u64, boolean, string and strings. Number and
 // bool getters are noexcept; string and list getters return a copy.
@@ -19,6 +20,7 @@
 #include <iterator>
 #include <ostream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 // What one X(field, kind) entry becomes: a row of the field table, the field's index, its accessors.
@@ -38,17 +40,26 @@
 #define VELTA_RECORD_ACCESSORS_strings(field)                                \
     std::vector<std::string> field() const { return strings(Field::field); } \
     void field##Is(const std::vector<std::string>& value) { listSlot(Field::field) = value; }
-// The body a record class starts with: its field indexes, constructors and accessors.
-#define VELTA_RECORD_BODY(Class, FIELDS)                         \
-private:                                                         \
-    struct Field {                                               \
-        enum : std::size_t { FIELDS(VELTA_RECORD_FIELD_INDEX) }; \
-    };                                                           \
-                                                                 \
-public:                                                          \
-    using Record::Record;                                        \
-    Class() noexcept = default;                                  \
-    FIELDS(VELTA_RECORD_ACCESSORS)
+// What one X(field) key entry becomes: a row of the key table, one step of operator<.
+#define VELTA_RECORD_KEY_TABLE_ROW(field) #field,
+#define VELTA_RECORD_KEY_STEP(field) \
+    if (const int c = detail::compareKeyField<decltype(a.field())>(a, b, Field::field); c != 0) return c < 0;
+// The body a record class starts with: its field indexes, constructors, accessors and key order.
+#define VELTA_RECORD_BODY(Class, FIELDS, KEY)                                             \
+private:                                                                                  \
+    struct Field {                                                                        \
+        enum : std::size_t { FIELDS(VELTA_RECORD_FIELD_INDEX) };                          \
+    };                                                                                    \
+                                                                                          \
+public:                                                                                   \
+    using Record::Record;                                                                 \
+    Class() noexcept = default;                                                           \
+    FIELDS(VELTA_RECORD_ACCESSORS)                                                        \
+    /* Primary-key order; a record without data reads as its zero, false or empty key. */ \
+    friend bool operator<(const Class& a, const Class& b) noexcept {                      \
+        KEY(VELTA_RECORD_KEY_STEP)                                                        \
+        return false;                                                                     \
+    }
 
 namespace Velta {
 
@@ -89,6 +100,30 @@ protected:
     }
 };
 
+namespace detail {
+// Order of one key field (of accessor type T) of two rows of one type: <0, 0, >0. The field is read
+// in place; a row without data reads zero or empty.
+template <class T>
+int compareKeyField(const BaseRow& a, const BaseRow& b, std::size_t field) noexcept {
+    if constexpr (std::is_same_v<T, std::string>) {
+        const RowData* x = a.data();
+        const RowData* y = b.data();
+        if (x == nullptr || y == nullptr) {
+            const bool xEmpty = x == nullptr || x->string(field).empty();
+            const bool yEmpty = y == nullptr || y->string(field).empty();
+            return xEmpty == yEmpty ? 0 : (xEmpty ? -1 : 1);
+        }
+        const int c = x->string(field).compare(y->string(field));
+        return c == 0 ? 0 : (c < 0 ? -1 : 1);
+    } else {
+        static_assert(std::is_arithmetic_v<T>, "key fields are numbers or strings");
+        const std::uint64_t x = a.number(field);
+        const std::uint64_t y = b.number(field);
+        return x == y ? 0 : (x < y ? -1 : 1);
+    }
+}
+}  // namespace detail
+
 namespace External {
 
 // "velta/External/Subscription". Primary key: system_description, outputPath.
@@ -106,12 +141,13 @@ namespace External {
     X(paramName, strings)                     \
     X(paramValue, strings)                    \
     X(ptime, u64)
+#define VELTA_EXTERNAL_SUBSCRIPTION_KEY(X) \
+    X(system_description)                  \
+    X(outputPath)
 class Subscription : public Record<BuiltinRow::externalSubscription> {
-    VELTA_RECORD_BODY(Subscription, VELTA_EXTERNAL_SUBSCRIPTION_FIELDS)
+    VELTA_RECORD_BODY(Subscription, VELTA_EXTERNAL_SUBSCRIPTION_FIELDS, VELTA_EXTERNAL_SUBSCRIPTION_KEY)
 };
 
-// Primary-key order; a record without data reads as its zero, false or empty key.
-bool operator<(const Subscription& a, const Subscription& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const Subscription& row);
 
 // "velta/External/Publication". Primary key: subscription_id.
@@ -125,13 +161,12 @@ std::ostream& operator<<(std::ostream& os, const Subscription& row);
     X(status, boolean)                       \
     X(error, string)                         \
     X(ptime, u64)
+#define VELTA_EXTERNAL_PUBLICATION_KEY(X) X(subscription_id)
 class Publication : public Record<BuiltinRow::externalPublication> {
-    VELTA_RECORD_BODY(Publication, VELTA_EXTERNAL_PUBLICATION_FIELDS)
+    VELTA_RECORD_BODY(Publication, VELTA_EXTERNAL_PUBLICATION_FIELDS, VELTA_EXTERNAL_PUBLICATION_KEY)
     void errorIs(const char* value) { stringSlot(Field::error) = value; }
 };
 
-// Primary-key order; a record without data reads as its zero, false or empty key.
-bool operator<(const Publication& a, const Publication& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const Publication& row);
 
 }  // namespace External
@@ -149,12 +184,14 @@ namespace veCtrl {
     X(features, u32)                      \
     X(writer, boolean)                    \
     X(ptime, u64)
+#define VELTA_CTRL_SUBSCRIPTION_KEY(X) \
+    X(system_description)              \
+    X(connection_id)                   \
+    X(tableId)
 class subscription : public Record<BuiltinRow::ctrlSubscription> {
-    VELTA_RECORD_BODY(subscription, VELTA_CTRL_SUBSCRIPTION_FIELDS)
+    VELTA_RECORD_BODY(subscription, VELTA_CTRL_SUBSCRIPTION_FIELDS, VELTA_CTRL_SUBSCRIPTION_KEY)
 };
 
-// Primary-key order; a record without data reads as its zero, false or empty key.
-bool operator<(const subscription& a, const subscription& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const subscription& row);
 
 // "velta/veCtrl/publication". Primary key: subscription_id.
@@ -168,8 +205,9 @@ std::ostream& operator<<(std::ostream& os, const subscription& row);
     X(status, boolean)                   \
     X(error, string)                     \
     X(ptime, u64)
+#define VELTA_CTRL_PUBLICATION_KEY(X) X(subscription_id)
 class publication : public Record<BuiltinRow::ctrlPublication> {
-    VELTA_RECORD_BODY(publication, VELTA_CTRL_PUBLICATION_FIELDS)
+    VELTA_RECORD_BODY(publication, VELTA_CTRL_PUBLICATION_FIELDS, VELTA_CTRL_PUBLICATION_KEY)
     void errorIs(const char* value) { stringSlot(Field::error) = value; }
     // A copy with row data of its own.
     publication clone() const {
@@ -179,8 +217,6 @@ class publication : public Record<BuiltinRow::ctrlPublication> {
     }
 };
 
-// Primary-key order; a record without data reads as its zero, false or empty key.
-bool operator<(const publication& a, const publication& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const publication& row);
 
 }  // namespace veCtrl
@@ -193,12 +229,11 @@ namespace veMetadata {
     X(tablePath, string)         \
     X(typeName, string)          \
     X(owner, string)
+#define VELTA_VE_TABLE_KEY(X) X(tablePath)
 class veTable : public Record<BuiltinRow::veTable> {
-    VELTA_RECORD_BODY(veTable, VELTA_VE_TABLE_FIELDS)
+    VELTA_RECORD_BODY(veTable, VELTA_VE_TABLE_FIELDS, VELTA_VE_TABLE_KEY)
 };
 
-// Primary-key order; a record without data reads as its zero, false or empty key.
-bool operator<(const veTable& a, const veTable& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const veTable& row);
 
 // "velta/metadata/SystemDescription". Primary key: oid.
@@ -207,12 +242,11 @@ std::ostream& operator<<(std::ostream& os, const veTable& row);
     X(sysName, string)                     \
     X(agentName, string)                   \
     X(properties, u32)
+#define VELTA_SYSTEM_DESCRIPTION_KEY(X) X(oid)
 class SystemDescription : public Record<BuiltinRow::systemDescription> {
-    VELTA_RECORD_BODY(SystemDescription, VELTA_SYSTEM_DESCRIPTION_FIELDS)
+    VELTA_RECORD_BODY(SystemDescription, VELTA_SYSTEM_DESCRIPTION_FIELDS, VELTA_SYSTEM_DESCRIPTION_KEY)
 };
 
-// Primary-key order; a record without data reads as its zero, false or empty key.
-bool operator<(const SystemDescription& a, const SystemDescription& b) noexcept;
 std::ostream& operator<<(std::ostream& os, const SystemDescription& row);
 
 // The host's description of a row class; see VeltaDB::veClass.
@@ -220,8 +254,9 @@ std::ostream& operator<<(std::ostream& os, const SystemDescription& row);
     X(name, string)              \
     X(typeId, u32)               \
     X(fields, strings)
+#define VELTA_VE_CLASS_KEY(X) X(name)
 class veClass : public Record<BuiltinRow::veClass> {
-    VELTA_RECORD_BODY(veClass, VELTA_VE_CLASS_FIELDS)
+    VELTA_RECORD_BODY(veClass, VELTA_VE_CLASS_FIELDS, VELTA_VE_CLASS_KEY)
 };
 
 }  // namespace veMetadata
@@ -244,23 +279,27 @@ struct BuiltinType {
 
 inline constexpr BuiltinField kExternalSubscriptionFields[] = {
     VELTA_EXTERNAL_SUBSCRIPTION_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kExternalSubscriptionKey[] = {"system_description", "outputPath"};
+inline constexpr const char* kExternalSubscriptionKey[] = {
+    VELTA_EXTERNAL_SUBSCRIPTION_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 inline constexpr BuiltinField kExternalPublicationFields[] = {
     VELTA_EXTERNAL_PUBLICATION_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kExternalPublicationKey[] = {"subscription_id"};
+inline constexpr const char* kExternalPublicationKey[] = {
+    VELTA_EXTERNAL_PUBLICATION_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 inline constexpr BuiltinField kCtrlSubscriptionFields[] = {
     VELTA_CTRL_SUBSCRIPTION_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kCtrlSubscriptionKey[] = {"system_description", "connection_id", "tableId"};
+inline constexpr const char* kCtrlSubscriptionKey[] = {
+    VELTA_CTRL_SUBSCRIPTION_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 inline constexpr BuiltinField kCtrlPublicationFields[] = {
     VELTA_CTRL_PUBLICATION_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kCtrlPublicationKey[] = {"subscription_id"};
+inline constexpr const char* kCtrlPublicationKey[] = {VELTA_CTRL_PUBLICATION_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 inline constexpr BuiltinField kVeTableFields[] = {VELTA_VE_TABLE_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kVeTableKey[] = {"tablePath"};
+inline constexpr const char* kVeTableKey[] = {VELTA_VE_TABLE_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 inline constexpr BuiltinField kSystemDescriptionFields[] = {
     VELTA_SYSTEM_DESCRIPTION_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kSystemDescriptionKey[] = {"oid"};
+inline constexpr const char* kSystemDescriptionKey[] = {
+    VELTA_SYSTEM_DESCRIPTION_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 inline constexpr BuiltinField kVeClassFields[] = {VELTA_VE_CLASS_FIELDS(VELTA_RECORD_FIELD_TABLE_ROW)};
-inline constexpr const char* kVeClassKey[] = {"name"};
+inline constexpr const char* kVeClassKey[] = {VELTA_VE_CLASS_KEY(VELTA_RECORD_KEY_TABLE_ROW)};
 
 inline constexpr BuiltinType kBuiltinTypes[] = {
     {BuiltinRow::externalSubscription, "External::Subscription", "velta/External/Subscription",
@@ -291,6 +330,8 @@ bool keyLess(const BaseRow& a, const BaseRow& b) noexcept;
 }  // namespace Velta
 
 #undef VELTA_RECORD_BODY
+#undef VELTA_RECORD_KEY_STEP
+#undef VELTA_RECORD_KEY_TABLE_ROW
 #undef VELTA_RECORD_ACCESSORS_strings
 #undef VELTA_RECORD_ACCESSORS_string
 #undef VELTA_RECORD_ACCESSORS_boolean
@@ -302,9 +343,16 @@ bool keyLess(const BaseRow& a, const BaseRow& b) noexcept;
 #undef VELTA_RECORD_FIELD_INDEX
 #undef VELTA_RECORD_FIELD_TABLE_ROW
 #undef VELTA_VE_CLASS_FIELDS
+#undef VELTA_VE_CLASS_KEY
 #undef VELTA_SYSTEM_DESCRIPTION_FIELDS
+#undef VELTA_SYSTEM_DESCRIPTION_KEY
 #undef VELTA_VE_TABLE_FIELDS
+#undef VELTA_VE_TABLE_KEY
 #undef VELTA_CTRL_PUBLICATION_FIELDS
+#undef VELTA_CTRL_PUBLICATION_KEY
 #undef VELTA_CTRL_SUBSCRIPTION_FIELDS
+#undef VELTA_CTRL_SUBSCRIPTION_KEY
 #undef VELTA_EXTERNAL_PUBLICATION_FIELDS
+#undef VELTA_EXTERNAL_PUBLICATION_KEY
 #undef VELTA_EXTERNAL_SUBSCRIPTION_FIELDS
+#undef VELTA_EXTERNAL_SUBSCRIPTION_KEY
