@@ -503,12 +503,13 @@ void SubscriptionTranslator::subscriptionComplete(Subs sub, TableRow table, bool
     const std::uint32_t tableOid = table.empty() ? 0 : table.oid();
 
     std::shared_ptr<SubscriptionEntry> entry;
-    const auto found = subscriptions_.find(sub);
-    if (found == subscriptions_.end()) {
+    // One walk down the registry: the place found is where a new entry goes.
+    const auto found = subscriptions_.lower_bound(sub);
+    if (found == subscriptions_.end() || sub < found->first) {
         unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
         if (typeId == VeltaDB::kUnknownTypeId) typeId = 0;
         entry = std::shared_ptr<SubscriptionEntry>(new SubscriptionEntry(writer, reader, sub.oid(), tableOid, typeId));
-        subscriptions_.emplace(sub, entry);
+        subscriptions_.emplace_hint(found, sub, entry);
     } else {
         entry = found->second;
         if (tableOid != 0) entry->tableOid = tableOid;
