@@ -106,8 +106,8 @@ inline void releaseRow(RowData* data) noexcept {
 // An index-0 entry: what orders one key. It stays as it is while the key is in the table, however
 // often the row is replaced, so a replace never touches the ordered indexes.
 struct OrderKey {
-    std::uint64_t prefix;  // order-preserving projection of the first key field (for a key of one
-                           // number field, the key itself)
+    std::uint64_t prefix;  // the key's prefix (KeyLayout::prefix; for a key of one number field, the
+                           // key itself)
     const RowData* key;    // null for a key of one number field; otherwise the first row stored
                            // under the key (a reference the table holds), read for its key only
 };
@@ -133,11 +133,11 @@ struct OidProbe {
 
 struct PrimaryLess {
     using is_transparent = void;
-    const RowType* type;
+    const Host::internal::KeyLayout* layout;
     bool prefixIsKey;  // the key is one number field: equal prefixes are equal keys
     bool less(std::uint64_t pa, const RowData* a, std::uint64_t pb, const RowData* b) const noexcept {
         if (pa != pb) return pa < pb;
-        return !prefixIsKey && Host::internal::compareKey(*type, *a, *b) < 0;
+        return !prefixIsKey && layout->compare(*a, *b) < 0;
     }
     bool operator()(const OrderKey& a, const OrderKey& b) const noexcept { return less(a.prefix, a.key, b.prefix, b.key); }
     bool operator()(const OrderKey& a, const KeyProbe& b) const noexcept { return less(a.prefix, a.key, b.prefix, b.data); }
@@ -190,10 +190,10 @@ struct SlotHash {
 
 struct SlotEq {
     using is_transparent = void;
-    const RowType* type;
+    const Host::internal::KeyLayout* layout;
     bool exact;  // equal hashes are equal keys
     bool same(std::uint64_t ha, const RowData* a, std::uint64_t hb, const RowData* b) const noexcept {
-        return ha == hb && (exact || Host::internal::compareKey(*type, *a, *b) == 0);
+        return ha == hb && (exact || layout->equal(*a, *b));
     }
     bool operator()(const RowSlot& a, const RowSlot& b) const noexcept { return same(a.hash, a.row, b.hash, b.row); }
     bool operator()(const RowSlot& a, const SlotProbe& b) const noexcept { return same(a.hash, a.row, b.hash, b.key); }
@@ -282,14 +282,15 @@ public:
 private:
     // hashKey of a key, inline for a key of one number field (the prefix is that number).
     std::uint64_t hashOf(const RowData& key) const noexcept {
-        return prefixIsKey_ ? HostCapability::mixKey(key.numbers[prefixSlot_]) : Host::internal::hashKey(*type_, key);
+        return prefixIsKey_ ? HostCapability::mixKey(key.numbers[prefixSlot_]) : layout_.hash(key);
     }
     std::uint64_t hashOf(const OrderKey& key) const noexcept {
-        return prefixIsKey_ ? HostCapability::mixKey(key.prefix) : Host::internal::hashKey(*type_, *key.key);
+        return prefixIsKey_ ? HostCapability::mixKey(key.prefix) : layout_.hash(*key.key);
     }
 
     const RowType* type_;
     std::string path_;
+    Host::internal::KeyLayout layout_;
     bool prefixIsKey_;
     RowIndex rows_;
     PrimaryIndex primary_;
@@ -297,9 +298,7 @@ private:
     std::uint64_t changes_ = 1;
     bool oidInKey_ = false;
     bool hasOid_ = false;
-    bool hasPrefix_ = false;
-    FieldKind prefixKind_ = FieldKind::u64;
-    std::uint16_t prefixSlot_ = 0;
+    std::uint16_t prefixSlot_ = 0;  // of the key's one number field, when prefixIsKey_
     std::uint16_t oidSlot_ = 0;
 };
 

@@ -1,38 +1,24 @@
 // Key order and key hash of rows; see RowKeys.h.
 #include "RowKeys.h"
 
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <string_view>
-#include <vector>
-
 namespace Velta::Host::internal {
 
 namespace {
 
-int compareLists(const std::vector<std::string>& a, const std::vector<std::string>& b) noexcept {
-    const std::size_t n = std::min(a.size(), b.size());
-    for (std::size_t i = 0; i < n; ++i) {
-        if (const int c = a[i].compare(b[i]); c != 0) return c < 0 ? -1 : 1;
+unsigned widthOf(FieldKind kind) noexcept {
+    switch (kind) {
+        case FieldKind::boolean: return 1;
+        case FieldKind::u16: return 16;
+        case FieldKind::u32: return 32;
+        default: return 64;
     }
-    return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
 }
 
 }  // namespace
 
 int compareKey(const RowType& type, const RowData& a, const RowData& b) noexcept {
     for (const std::uint16_t k : type.keyFields()) {
-        const RowType::Field& f = type.fields()[k];
-        if (isNumberKind(f.kind)) {
-            const std::uint64_t x = a.numbers[f.slot];
-            const std::uint64_t y = b.numbers[f.slot];
-            if (x != y) return x < y ? -1 : 1;
-        } else if (f.kind == FieldKind::string) {
-            if (const int c = a.strings[f.slot].compare(b.strings[f.slot]); c != 0) return c < 0 ? -1 : 1;
-        } else {
-            if (const int c = compareLists(a.lists[f.slot], b.lists[f.slot]); c != 0) return c;
-        }
+        if (const int c = compareKeyPart(type.fields()[k], a, b); c != 0) return c;
     }
     return 0;
 }
@@ -67,19 +53,68 @@ std::uint64_t hashKey(const RowType& type, const RowData& row) noexcept {
     if (keyHashExact(type))
         return HostCapability::mixKey(row.numbers[type.fields()[type.keyFields().front()].slot]);
     std::uint64_t h = 0;
+    for (const std::uint16_t k : type.keyFields()) h = hashKeyPart(h, type.fields()[k], row);
+    return h;
+}
+
+KeyLayout::KeyLayout(const RowType& type) : exact_(keyHashExact(type)) {
+    unsigned left = 64;
+    bool prefixOpen = true;
     for (const std::uint16_t k : type.keyFields()) {
         const RowType::Field& f = type.fields()[k];
+        parts_.push_back({f.kind, f.slot});
+        if (isNumberKind(f.kind))
+            numberSlots_.push_back(f.slot);
+        else
+            otherParts_.push_back({f.kind, f.slot});
+        if (!prefixOpen || left == 0) continue;
         if (isNumberKind(f.kind)) {
-            h = mixInto(h, row.numbers[f.slot]);
-        } else if (f.kind == FieldKind::string) {
-            h = mixInto(h, std::hash<std::string_view>{}(row.strings[f.slot]));
+            const unsigned width = widthOf(f.kind);
+            const unsigned bits = std::min(width, left);
+            prefix_.push_back({f.kind, f.slot, static_cast<unsigned char>(bits), static_cast<unsigned char>(width)});
+            left -= bits;
+            prefixOpen = bits == width;
+        } else if (f.kind == FieldKind::string && left >= 8) {
+            const unsigned bits = left / 8 * 8;
+            prefix_.push_back({f.kind, f.slot, static_cast<unsigned char>(bits), 0});
+            left -= bits;
+            prefixOpen = false;
         } else {
-            const std::vector<std::string>& list = row.lists[f.slot];
-            h = mixInto(h, list.size());
-            for (const std::string& s : list) h = mixInto(h, std::hash<std::string_view>{}(s));
+            prefixOpen = false;
         }
     }
-    return h;
+}
+
+std::uint64_t KeyLayout::prefix(const RowData& row) const noexcept {
+    if (exact_) return row.numbers[parts_.front().slot];
+    std::uint64_t p = 0;
+    unsigned used = 0;
+    for (const PrefixStep& s : prefix_) {
+        if (s.kind == FieldKind::string) {
+            const std::string& str = row.strings[s.slot];
+            const std::size_t bytes = s.bits / 8;
+            const std::size_t n = std::min(str.size(), bytes);
+            std::uint64_t part = 0;
+            for (std::size_t i = 0; i < n; ++i) part = part << 8 | static_cast<unsigned char>(str[i]);
+            part <<= 8 * (bytes - n);
+            p = s.bits == 64 ? part : p << s.bits | part;
+            used += s.bits;
+            break;
+        }
+        const std::uint64_t v = row.numbers[s.slot];
+        const std::uint64_t widthMax = s.width == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << s.width) - 1;
+        const std::uint64_t bitsMax = s.bits == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << s.bits) - 1;
+        if (v > widthMax) {
+            // Beyond its width: the greatest value and ones after it, the greatest prefix this
+            // field's value and the fields after it could give.
+            const unsigned rest = 64 - used;
+            return rest == 64 ? ~std::uint64_t{0} : (p << rest) | ((std::uint64_t{1} << rest) - 1);
+        }
+        const std::uint64_t part = (v >> (s.width - s.bits)) & bitsMax;
+        p = s.bits == 64 ? part : p << s.bits | part;
+        used += s.bits;
+    }
+    return used == 0 ? 0 : (used == 64 ? p : p << (64 - used));
 }
 
 }  // namespace Velta::Host::internal

@@ -26,8 +26,6 @@ It loadPos(const unsigned char (&buf)[2 * sizeof(void*)]) noexcept {
     return pos;
 }
 
-bool prefixIsKey(const RowType& type) noexcept { return Host::internal::keyHashExact(type); }
-
 const OrderKey& orderKeyOf(const OrderKey& k) noexcept { return k; }
 const OrderKey& orderKeyOf(const OidKey& k) noexcept { return k.key; }
 
@@ -90,10 +88,11 @@ void HostAccess::step(VeRowIterator& it, const TableState& t, const Index& index
 TableState::TableState(const RowType& type, std::string path)
     : type_(&type),
       path_(std::move(path)),
-      prefixIsKey_(prefixIsKey(type)),
-      rows_(0, SlotHash{}, SlotEq{&type, Host::internal::keyHashExact(type)}),
-      primary_(PrimaryLess{&type, prefixIsKey_}),
-      byOid_(OidLess{PrimaryLess{&type, prefixIsKey_}}) {
+      layout_(type),
+      prefixIsKey_(layout_.exact()),
+      rows_(0, SlotHash{}, SlotEq{&layout_, prefixIsKey_}),
+      primary_(PrimaryLess{&layout_, prefixIsKey_}),
+      byOid_(OidLess{PrimaryLess{&layout_, prefixIsKey_}}) {
     const auto& fields = type.fields();
     if (type.oidField() >= 0) {
         hasOid_ = true;
@@ -102,12 +101,7 @@ TableState::TableState(const RowType& type, std::string path)
     for (const std::uint16_t k : type.keyFields()) {
         if (static_cast<int>(k) == type.oidField()) oidInKey_ = true;
     }
-    if (!type.keyFields().empty()) {
-        const RowType::Field& first = fields[type.keyFields().front()];
-        hasPrefix_ = first.kind != FieldKind::strings;
-        prefixKind_ = first.kind;
-        prefixSlot_ = first.slot;
-    }
+    if (prefixIsKey_) prefixSlot_ = fields[type.keyFields().front()].slot;
 }
 
 TableState::~TableState() {
@@ -118,19 +112,7 @@ TableState::~TableState() {
 }
 
 KeyProbe TableState::probe(const RowData& data) const noexcept {
-    KeyProbe p{&data, 0, oidOf(data)};
-    if (hasPrefix_) {
-        if (isNumberKind(prefixKind_)) {
-            p.prefix = data.numbers[prefixSlot_];
-        } else {
-            // The first eight bytes, big-endian and zero-padded: ordered like the strings.
-            const std::string& s = data.strings[prefixSlot_];
-            const std::size_t n = s.size() < 8 ? s.size() : 8;
-            for (std::size_t i = 0; i < n; ++i)
-                p.prefix |= static_cast<std::uint64_t>(static_cast<unsigned char>(s[i])) << (56 - 8 * i);
-        }
-    }
-    return p;
+    return KeyProbe{&data, prefixIsKey_ ? data.numbers[prefixSlot_] : layout_.prefix(data), oidOf(data)};
 }
 
 const RowData* TableState::find(const RowData& key) const {
