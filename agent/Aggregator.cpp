@@ -45,7 +45,8 @@ static_assert(internal::kHostLookaheadDetected == (VELTA_AGENT_HOST_LOOKAHEAD !=
               "Velta/Agent/Config.h records another choice of the host's lookahead capability than this "
               "compilation detects: configure the build again");
 #if VELTA_AGENT_HOST_KEY_HASH
-static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <= internal::NodePool::kSlot,
+static_assert(sizeof(Aggregator::OutputRowOwners::value_type) + 4 * sizeof(void*) <=
+                  internal::NodePool::kSlot,
               "an owner entry's tree node must fit a pool slot");
 #endif
 
@@ -158,12 +159,13 @@ void Aggregator::AggregatorInputTable::onDelete(const BaseRow& row) {
 // ---------------------------------------------------------------------------------------------
 // Aggregator: construction, switches, teardown
 
-Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, const std::string& inputPathSuffix,
-                       const std::string& outputPath, const std::string& rowTypeName,
-                       bool deleteWithoutReplacement, bool enabled, bool bindFlag)
+Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix,
+                       const std::string& inputPathSuffix, const std::string& outputPath,
+                       const std::string& rowTypeName, bool deleteWithoutReplacement, bool enabled,
+                       bool bindFlag)
     : vdb_(std::move(vdb)),
-      outputModifier("outputModifier", rowTypeName, kModifierMode, this, &Aggregator::onReady, nullptr, nullptr,
-                     nullptr),
+      outputModifier("outputModifier", rowTypeName, kModifierMode, this, &Aggregator::onReady, nullptr,
+                     nullptr, nullptr),
       veTableObserver_("veTableObserver_", veMetadata::veTable::rowTypeName(), kObserverMode, this,
                        &Aggregator::onVeTableReady, &Aggregator::onVeTableRow, &Aggregator::onVeTableDelete,
                        nullptr),
@@ -191,7 +193,8 @@ Aggregator::Aggregator(VeltaDB::p_t vdb, const std::string& inputPathPrefix, con
 
 Aggregator::~Aggregator() {
     KESTO_TRACE(debugChannel_, 9, kTraceFile, Line::destroyed, "~Aggregator",
-                "Velta::Agent::Aggregator::~Aggregator()" << " " << outputModifier.tablePath());
+                "Velta::Agent::Aggregator::~Aggregator()"
+                    << " " << outputModifier.tablePath());
 }
 
 bool Aggregator::ready() const { return inputsScanned_ && outputModifier.ready(); }
@@ -223,12 +226,14 @@ void Aggregator::onVeTableRow(const BaseRow& row) {
     // Prefix, at least one character, suffix; the length test keeps prefix and suffix apart.
     if (affixLength_ >= path.size()) return;
     if (path.compare(0, inputPathPrefix_.size(), inputPathPrefix_) != 0) return;
-    if (path.compare(path.size() - inputPathSuffix_.size(), inputPathSuffix_.size(), inputPathSuffix_) != 0) return;
+    if (path.compare(path.size() - inputPathSuffix_.size(), inputPathSuffix_.size(), inputPathSuffix_) != 0)
+        return;
 
     const std::string agentName = path.substr(inputPathPrefix_.size(), path.size() - affixLength_);
     if (agentName.find('/') != std::string::npos) {
-        KESTO_TRACE(debugChannel_, 1, kTraceFile, Line::agentNameWithSlash, "onVeTableRow",
-                    "Aggregated input table " << path << " has agent name " << agentName << " containing '/' ");
+        KESTO_TRACE(
+            debugChannel_, 1, kTraceFile, Line::agentNameWithSlash, "onVeTableRow",
+            "Aggregated input table " << path << " has agent name " << agentName << " containing '/' ");
         return;
     }
     // An admitted table is not examined again, even when its metadata changes.

@@ -62,19 +62,26 @@ constexpr unsigned extPubOnDeleteDetail = 961;
 }  // namespace Line
 
 // Full signatures, as the entry traces and assertion reports give them.
-constexpr const char* kCtorSignature = "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator(Velta::VeltaDB::p_t)";
-constexpr const char* kOnTableRowSignature = "void Velta::Agent::SubscriptionTranslator::onTableRow(const Velta::BaseRow&)";
+constexpr const char* kCtorSignature =
+    "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator(Velta::VeltaDB::p_t)";
+constexpr const char* kOnTableRowSignature =
+    "void Velta::Agent::SubscriptionTranslator::onTableRow(const Velta::BaseRow&)";
 constexpr const char* kExtSubsOnRowCommonSignature =
     "void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon(const Velta::BaseRow&, bool)";
-constexpr const char* kExtSubsOnReadySignature = "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()";
+constexpr const char* kExtSubsOnReadySignature =
+    "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()";
 constexpr const char* kExtSubsOnDeleteSignature =
     "void Velta::Agent::SubscriptionTranslator::extSubsOnDelete(const Velta::BaseRow&)";
 constexpr const char* kSubscriptionCompleteSignature =
-    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, Velta::Agent::TableRow, "
+    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, "
+    "Velta::Agent::TableRow, "
     "bool, bool, bool, Velta::oid_t, Velta::oid_t, const string&)";
-constexpr const char* kPubOnRowSignature = "void Velta::Agent::SubscriptionTranslator::pubOnRow(const Velta::BaseRow&)";
-constexpr const char* kPubOnDeleteSignature = "void Velta::Agent::SubscriptionTranslator::pubOnDelete(const Velta::BaseRow&)";
-constexpr const char* kExtPubOnRowSignature = "void Velta::Agent::SubscriptionTranslator::extPubOnRow(const Velta::BaseRow&)";
+constexpr const char* kPubOnRowSignature =
+    "void Velta::Agent::SubscriptionTranslator::pubOnRow(const Velta::BaseRow&)";
+constexpr const char* kPubOnDeleteSignature =
+    "void Velta::Agent::SubscriptionTranslator::pubOnDelete(const Velta::BaseRow&)";
+constexpr const char* kExtPubOnRowSignature =
+    "void Velta::Agent::SubscriptionTranslator::extPubOnRow(const Velta::BaseRow&)";
 constexpr const char* kExtPubOnDeleteSignature =
     "void Velta::Agent::SubscriptionTranslator::extPubOnDelete(const Velta::BaseRow&)";
 
@@ -120,7 +127,8 @@ struct QueryCompletion {
 SubscriptionTranslator::__kestoDebug::~__kestoDebug() = default;
 
 Kesto::Platform::DebugHandler* SubscriptionTranslator::__kestoDebug::getHandler() {
-    static Kesto::Platform::DebugHandler* const handler = Kesto::Platform::getDebugHandler("SubscriptionTranslator");
+    static Kesto::Platform::DebugHandler* const handler =
+        Kesto::Platform::getDebugHandler("SubscriptionTranslator");
     return handler;
 }
 
@@ -219,9 +227,9 @@ void SubscriptionTranslator::clean() {
 }
 
 const VeTableInterface* SubscriptionTranslator::tableInterface(const std::string& ifName) const {
-    for (const VeTableInterface* iface : {&extSubsObserver_, &extSubsPerClientObserver_, &subsReader, &subsModifier,
-                                          &extPubObserver_, &extPubModifier, &pubObserver_, &pubModifier,
-                                          &sysDescReader, &veTableObserver}) {
+    for (const VeTableInterface* iface :
+         {&extSubsObserver_, &extSubsPerClientObserver_, &subsReader, &subsModifier, &extPubObserver_,
+          &extPubModifier, &pubObserver_, &pubModifier, &sysDescReader, &veTableObserver}) {
         if (iface->ifName() == ifName) return iface;
     }
     return nullptr;
@@ -230,7 +238,8 @@ const VeTableInterface* SubscriptionTranslator::tableInterface(const std::string
 void SubscriptionTranslator::onTableReady() {
     for (const VeTableInterface* iface : requiredInterfaces_) {
         if (!iface->ready()) {
-            KESTO_TRACE(debugChannel_, 9, kFile, Line::notReady, "onTableReady", iface->ifName() << " not ready");
+            KESTO_TRACE(debugChannel_, 9, kFile, Line::notReady, "onTableReady",
+                        iface->ifName() << " not ready");
             return;
         }
     }
@@ -269,7 +278,8 @@ std::uint32_t SubscriptionTranslator::externalSubscriptionId(unsigned sid) const
     return it == externalSubscriptionIds_.end() ? 0 : it->second;
 }
 
-std::shared_ptr<SubscriptionEntry> SubscriptionTranslator::subscription(const External::Subscription& sub) const {
+std::shared_ptr<SubscriptionEntry> SubscriptionTranslator::subscription(
+    const External::Subscription& sub) const {
     const auto it = subscriptions_.find(sub);
     return it == subscriptions_.end() ? std::shared_ptr<SubscriptionEntry>() : it->second;
 }
@@ -303,15 +313,17 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
     sysDesc.oidIs(sub.system_description());
     sysDesc = veMetadata::SystemDescription(sysDescReader.row(sysDesc, 1));
     if (sysDesc.empty()) {
-        subscriptionComplete(sub, TableRow(), false, false, false, 0, 0, "SystemDescription no longer valid.");
+        subscriptionComplete(sub, TableRow(), false, false, false, 0, 0,
+                             "SystemDescription no longer valid.");
         return;
     }
 
     // A non-server agent serves only its own system's clients; the server serves every system.
     if (!vdb_->isServerAgent() && !isOwnSystem(*vdb_, sysDesc)) {
         KESTO_TRACE(debugChannel_, 9, kFile, Line::extSubsUnrelated, "extSubsOnRowCommon",
-                    "Unrelated SystemDescription " << sysDesc.sysName() << "::" << sysDesc.agentName() << " [ours: "
-                                                   << vdb_->systemName() << "::" << vdb_->agentName() << "]");
+                    "Unrelated SystemDescription " << sysDesc.sysName() << "::" << sysDesc.agentName()
+                                                   << " [ours: " << vdb_->systemName()
+                                                   << "::" << vdb_->agentName() << "]");
         return;
     }
 
@@ -326,7 +338,8 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
         table = vdb_->tableInfo(outputPath);
         if (table.empty()) {
             // The server registers tables at once; only other agents wait for the metadata row.
-            KESTO_ASSERT(!vdb_->isServerAgent(), kFile, Line::extSubsServerTable, kExtSubsOnRowCommonSignature);
+            KESTO_ASSERT(!vdb_->isServerAgent(), kFile, Line::extSubsServerTable,
+                         kExtSubsOnRowCommonSignature);
             const std::string message = "Table row not ready for " + outputPath;
             KESTO_TRACE(debugChannel_, 4, kFile, Line::extSubsTableNotReady, "extSubsOnRowCommon", message);
             subscriptionComplete(sub, table, writer, reader, false, 0, 0, message);
@@ -366,8 +379,8 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
 
     if (reader || writer) {
         KESTO_TRACE(debugChannel_, 4, kFile, Line::extSubsSubscribe, "extSubsOnRowCommon",
-                    "[" << vdb_->systemName() << ":" << sub.system_description() << "] subscribe " << (reader ? "r" : "")
-                        << (writer ? "w" : "") << " " << outputPath);
+                    "[" << vdb_->systemName() << ":" << sub.system_description() << "] subscribe "
+                        << (reader ? "r" : "") << (writer ? "w" : "") << " " << outputPath);
     }
 
     subsModifier.rowIs(ctrl);
@@ -408,7 +421,8 @@ void SubscriptionTranslator::extSubsOnReady() {
     const VeRowIterator subsEnd = extSubsObserver_.end(0);
     for (VeRowIterator it = extSubsObserver_.begin(0); it != subsEnd; ++it) extSubsOnRow(*it);
 
-    KESTO_TRACE(debugChannel_, 8, kFile, Line::extSubsOnReadyEntry, "extSubsOnReady", kExtSubsOnReadySignature);
+    KESTO_TRACE(debugChannel_, 8, kFile, Line::extSubsOnReadyEntry, "extSubsOnReady",
+                kExtSubsOnReadySignature);
 
     // Control rows survive only for an external member system whose external subscription exists.
     // The lookup keys are reused for every row.
@@ -451,7 +465,8 @@ void SubscriptionTranslator::extSubsOnReady() {
 
 void SubscriptionTranslator::extSubsOnDelete(const BaseRow& row) {
     const External::Subscription sub(row);
-    KESTO_TRACE(debugChannel_, 8, kFile, Line::extSubsDeleteEntry, "extSubsOnDelete", kExtSubsOnDeleteSignature << ": ");
+    KESTO_TRACE(debugChannel_, 8, kFile, Line::extSubsDeleteEntry, "extSubsOnDelete",
+                kExtSubsOnDeleteSignature << ": ");
     KESTO_TRACE(debugChannel_, 9, kFile, Line::extSubsDeleteKey, "extSubsOnDelete", "  key: " << sub);
 
     const auto found = subscriptions_.find(sub);
@@ -471,7 +486,8 @@ void SubscriptionTranslator::extSubsOnDelete(const BaseRow& row) {
         extPubModifier.rowDel(pub);
     }
 
-    KESTO_TRACE(debugChannel_, 9, kFile, Line::extSubsDeleteLookup, "extSubsOnDelete", "  Lookup sid: " << entry->sid);
+    KESTO_TRACE(debugChannel_, 9, kFile, Line::extSubsDeleteLookup, "extSubsOnDelete",
+                "  Lookup sid: " << entry->sid);
     veCtrl::subscription ctrlKey;
     ctrlKey.oidIs(entry->sid);
     const VeRowIterator ctrl = subsModifier.find(ctrlKey, 1);
@@ -508,15 +524,18 @@ void SubscriptionTranslator::subscriptionComplete(Subs sub, TableRow table, bool
     if (found == subscriptions_.end() || sub < found->first) {
         unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
         if (typeId == VeltaDB::kUnknownTypeId) typeId = 0;
-        entry = std::shared_ptr<SubscriptionEntry>(new SubscriptionEntry(writer, reader, sub.oid(), tableOid, typeId));
+        entry = std::shared_ptr<SubscriptionEntry>(
+            new SubscriptionEntry(writer, reader, sub.oid(), tableOid, typeId));
         subscriptions_.emplace_hint(found, sub, entry);
     } else {
         entry = found->second;
         if (tableOid != 0) entry->tableOid = tableOid;
         // Per-agent tables may re-create an external row under a new oid; follow it there only.
-        if (!vdb_->isServerAgent() && !vdb_->standalone() && sub.oid() != entry->externalOid && sub.oid() != 0) {
-            KESTO_TRACE(debugChannel_, 9, kFile, Line::completeExternalOid, "subscriptionComplete",
-                        "Updating Sid for " << sub.outputPath() << ", " << entry->externalOid << "=>" << sub.oid());
+        if (!vdb_->isServerAgent() && !vdb_->standalone() && sub.oid() != entry->externalOid &&
+            sub.oid() != 0) {
+            KESTO_TRACE(
+                debugChannel_, 9, kFile, Line::completeExternalOid, "subscriptionComplete",
+                "Updating Sid for " << sub.outputPath() << ", " << entry->externalOid << "=>" << sub.oid());
             entry->externalOid = sub.oid();
             subscriptions_.emplace(sub, entry);
         }
@@ -578,8 +597,8 @@ void SubscriptionTranslator::pubOnRow(const BaseRow& row) {
     if (sysDesc.empty()) return;
     if ((sysDesc.properties() & kExternalMemberProperty) == 0) {
         KESTO_TRACE(debugChannel_, 2, kFile, Line::pubOnRowInternalMember, "pubOnRow",
-                    "  PublicationTranslator Skipping internal publication: " << ctrl << " for internal member "
-                                                                              << sysDesc);
+                    "  PublicationTranslator Skipping internal publication: "
+                        << ctrl << " for internal member " << sysDesc);
         return;
     }
 
@@ -677,7 +696,8 @@ void SubscriptionTranslator::pubOnReady() {
 void SubscriptionTranslator::extPubOnRow(const BaseRow& row) {
     KESTO_TRACE(debugChannel_, 8, kFile, Line::extPubOnRowEntry, "extPubOnRow", kExtPubOnRowSignature);
     const External::Publication extPub(row);
-    KESTO_TRACE(debugChannel_, 9, kFile, Line::extPubOnRowDetail, "extPubOnRow", " External publication: " << extPub);
+    KESTO_TRACE(debugChannel_, 9, kFile, Line::extPubOnRowDetail, "extPubOnRow",
+                " External publication: " << extPub);
 
     External::Subscription subKey;
     subKey.oidIs(extPub.subscription_id());
@@ -709,8 +729,8 @@ void SubscriptionTranslator::extPubOnRow(const BaseRow& row) {
     }
     if (!isOwnSystem(*vdb_, sysDesc)) {
         KESTO_TRACE(debugChannel_, 2, kFile, Line::extPubOnRowUnrelated, "extPubOnRow",
-                    "  PublicationTranslator Skipping unrelated subscription: " << sub << " (for system: " << sysDesc
-                                                                                << ")");
+                    "  PublicationTranslator Skipping unrelated subscription: " << sub << " (for system: "
+                                                                                << sysDesc << ")");
         return;
     }
 
@@ -728,7 +748,8 @@ void SubscriptionTranslator::extPubOnRow(const BaseRow& row) {
 }
 
 void SubscriptionTranslator::extPubOnDelete(const BaseRow& row) {
-    KESTO_TRACE(debugChannel_, 8, kFile, Line::extPubOnDeleteEntry, "extPubOnDelete", kExtPubOnDeleteSignature);
+    KESTO_TRACE(debugChannel_, 8, kFile, Line::extPubOnDeleteEntry, "extPubOnDelete",
+                kExtPubOnDeleteSignature);
     const External::Publication extPub(row);
     // The registry key is read from the publication row itself, through the subscription's key fields.
     const External::Subscription asSubscription(extPub);
@@ -739,7 +760,8 @@ void SubscriptionTranslator::extPubOnDelete(const BaseRow& row) {
     veCtrl::publication key;
     key.subscription_idIs(sid);
     KESTO_TRACE(debugChannel_, 9, kFile, Line::extPubOnDeleteDetail, "extPubOnDelete",
-                " deleting internal publication [" << sid << "] " << " for external subscription: " << found->first);
+                " deleting internal publication [" << sid << "] "
+                                                   << " for external subscription: " << found->first);
     pubModifier.rowDel(key);
 }
 

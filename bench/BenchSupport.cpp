@@ -12,7 +12,8 @@ namespace Velta::Bench {
 
 const RowType& benchRowType() {
     static const RowType& type = Host::defineRowType(
-        "BenchRow", {{"id", FieldKind::u64}, {"count", FieldKind::u64}, {"label", FieldKind::string}}, {"id"});
+        "BenchRow", {{"id", FieldKind::u64}, {"count", FieldKind::u64}, {"label", FieldKind::string}},
+        {"id"});
     return type;
 }
 

@@ -56,11 +56,11 @@ inline double nowNs() {
 
 // How the keys are laid out over the inputs.
 struct MergeShape {
-    std::size_t keys = 100'000;   // distinct output keys
-    unsigned inputs = 8;          // input tables
-    unsigned holders = 2;         // inputs that hold each key (at most 2 here)
-    double deleteShare = 0.1;     // share of events that delete a row (each is re-added later)
-    std::size_t events = 1 << 17; // length of the stream before it repeats
+    std::size_t keys = 100'000;    // distinct output keys
+    unsigned inputs = 8;           // input tables
+    unsigned holders = 2;          // inputs that hold each key (at most 2 here)
+    double deleteShare = 0.1;      // share of events that delete a row (each is re-added later)
+    std::size_t events = 1 << 17;  // length of the stream before it repeats
     std::uint64_t seed = 42;
 };
 

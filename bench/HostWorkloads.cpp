@@ -35,12 +35,13 @@ public:
           writer_(db_->connect({"writer", "bench"})),
           reader_(db_->connect({"reader", "bench"})),
           modifier_("modifier", benchRowType().name(), kModifierMode, noReady(), noRow(), noRow(), noFlag()),
-          observer_("observer", benchRowType().name(), kObserverMode, noReady(),
-                    [this](const BaseRow& row) {
-                        ++deliveries_;
-                        checksum_ += row.number(kCountField);
-                    },
-                    noRow(), noFlag()) {
+          observer_(
+              "observer", benchRowType().name(), kObserverMode, noReady(),
+              [this](const BaseRow& row) {
+                  ++deliveries_;
+                  checksum_ += row.number(kCountField);
+              },
+              noRow(), noFlag()) {
         db_->createTable(kPath, benchRowType().name());
         writer_->bindInterface(modifier_, kPath, false);
         reader_->bindInterface(observer_, kPath, false);
@@ -54,7 +55,8 @@ public:
         db_->runUntilIdle();
         if (db_->rowCount(kPath) != keys || deliveries_ != keys)
             worldBroken("host write world: table or deliveries incomplete");
-        for (std::uint64_t key : randomKeys(keys, kStreamLength, 7)) rows_.push_back(benchRow(key, rows_.size()));
+        for (std::uint64_t key : randomKeys(keys, kStreamLength, 7))
+            rows_.push_back(benchRow(key, rows_.size()));
         nsPerUnit(1);
         if (deliveries_ != keys + 1) worldBroken("host write world: the observer missed a row");
     }
@@ -92,7 +94,8 @@ public:
     };
 
     explicit MapWorld(std::size_t keys) {
-        for (std::uint64_t key = 0; key < keys; ++key) map_.insert_or_assign(key, valueOf(benchRow(key, key)));
+        for (std::uint64_t key = 0; key < keys; ++key)
+            map_.insert_or_assign(key, valueOf(benchRow(key, key)));
         for (std::uint64_t key : randomKeys(keys, kStreamLength, 7))
             entries_.emplace_back(key, valueOf(benchRow(key, entries_.size())));
     }
@@ -182,8 +185,9 @@ private:
         server_ = db_->connect(server);
         translator_ = std::make_unique<Agent::SubscriptionTranslator>(server_);
         client_ = db_->connect({"client", "bench"});
-        clientModifier_ = std::make_unique<VeTableInterface>("clientModifier", External::Subscription::rowTypeName(),
-                                                             kModifierMode, noReady(), noRow(), noRow(), noFlag());
+        clientModifier_ =
+            std::make_unique<VeTableInterface>("clientModifier", External::Subscription::rowTypeName(),
+                                               kModifierMode, noReady(), noRow(), noRow(), noFlag());
         client_->bindInterface(*clientModifier_, "velta/External/Subscription", false);
         db_->runUntilIdle();
     }
@@ -204,12 +208,13 @@ struct ResyncWorld {
 
     explicit ResyncWorld(std::size_t keys) : keys(keys), db(Host::Database::create(benchOptions())) {
         for (unsigned i = 0; i < kInputs; ++i) db->createTable(mergeInputPath(i), benchRowType().name());
-        aggregator = std::make_unique<Agent::Aggregator>(db->connect({"merger", "bench"}), kMergePrefix, kMergeSuffix,
-                                                         mergeOutputPath(), benchRowType().name(), false, true, false);
+        aggregator =
+            std::make_unique<Agent::Aggregator>(db->connect({"merger", "bench"}), kMergePrefix, kMergeSuffix,
+                                                mergeOutputPath(), benchRowType().name(), false, true, false);
         db->runUntilIdle();
         producer = db->connect({"producer", "bench"});
-        lastInput = std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(), kModifierMode, noReady(),
-                                                       noRow(), noRow(), noFlag());
+        lastInput = std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(),
+                                                       kModifierMode, noReady(), noRow(), noRow(), noFlag());
         producer->bindInterface(*lastInput, mergeInputPath(kInputs - 1), false);
         db->runUntilIdle();
         for (std::uint64_t key = 0; key < keys; ++key) {
@@ -238,7 +243,8 @@ public:
         for (std::size_t p = 0; p < passes; ++p) world_->aggregator->enableIs(true);
         world_->db->runUntilIdle();
         const double elapsed = nowNs() - start;
-        if (world_->db->rowCount(mergeOutputPath()) != world_->keys) worldBroken("resync world: resync lost rows");
+        if (world_->db->rowCount(mergeOutputPath()) != world_->keys)
+            worldBroken("resync world: resync lost rows");
         return elapsed / static_cast<double>(passes * world_->keys);
     }
 
@@ -252,8 +258,8 @@ public:
     explicit ResyncLookups(std::shared_ptr<ResyncWorld> world)
         : world_(std::move(world)), handle_(world_->db->connect({"lookups", "bench"})) {
         for (unsigned i = 0; i < ResyncWorld::kInputs; ++i) {
-            readers_.push_back(std::make_unique<VeTableInterface>("reader", benchRowType().name(), kReaderMode, noReady(),
-                                                                  noRow(), noRow(), noFlag()));
+            readers_.push_back(std::make_unique<VeTableInterface>(
+                "reader", benchRowType().name(), kReaderMode, noReady(), noRow(), noRow(), noFlag()));
             handle_->bindInterface(*readers_.back(), mergeInputPath(i), false);
         }
         world_->db->runUntilIdle();
@@ -287,7 +293,9 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Workload> makeHostWriteWorkload(std::size_t keys) { return std::make_unique<HostWriteWorld>(keys); }
+std::unique_ptr<Workload> makeHostWriteWorkload(std::size_t keys) {
+    return std::make_unique<HostWriteWorld>(keys);
+}
 std::unique_ptr<Workload> makeMapWorkload(std::size_t keys) { return std::make_unique<MapWorld>(keys); }
 std::unique_ptr<Workload> makeIntakeWorkload() { return std::make_unique<IntakeWorld>(); }
 

@@ -21,8 +21,9 @@ public:
     Producer(Host::Database& db, unsigned inputs) : handle_(db.connect({"producer", "bench"})) {
         modifiers_.reserve(inputs);
         for (unsigned i = 0; i < inputs; ++i) {
-            modifiers_.push_back(std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(), kModifierMode,
-                                                                   noReady(), noRow(), noRow(), noFlag()));
+            modifiers_.push_back(std::make_unique<VeTableInterface>("producerModifier", benchRowType().name(),
+                                                                    kModifierMode, noReady(), noRow(),
+                                                                    noRow(), noFlag()));
             handle_->bindInterface(*modifiers_.back(), mergeInputPath(i), false);
         }
     }
@@ -44,7 +45,8 @@ class Forwarder {
 public:
     Forwarder(VeltaDB::p_t handle, unsigned inputs, const std::string& outputPath)
         : handle_(std::move(handle)),
-          outputModifier_("outputModifier", benchRowType().name(), kModifierMode, noReady(), noRow(), noRow(), noFlag()) {
+          outputModifier_("outputModifier", benchRowType().name(), kModifierMode, noReady(), noRow(), noRow(),
+                          noFlag()) {
         handle_->bindInterface(outputModifier_, outputPath, false);
         for (unsigned i = 0; i < inputs; ++i) {
             observers_.push_back(std::make_unique<VeTableInterface>(
@@ -73,7 +75,8 @@ public:
     template <class MakeAgent>
     MergeWorld(const MergeShape& shape, MakeAgent makeAgent)
         : shape_(shape), db_(Host::Database::create(benchOptions())) {
-        for (unsigned i = 0; i < shape_.inputs; ++i) db_->createTable(mergeInputPath(i), benchRowType().name());
+        for (unsigned i = 0; i < shape_.inputs; ++i)
+            db_->createTable(mergeInputPath(i), benchRowType().name());
         agent_ = makeAgent(db_->connect({"merger", "bench"}));
         db_->runUntilIdle();
         producer_ = std::make_unique<Producer>(*db_, shape_.inputs);
@@ -115,8 +118,8 @@ private:
 };
 
 std::unique_ptr<Agent::Aggregator> makeAggregator(VeltaDB::p_t handle) {
-    return std::make_unique<Agent::Aggregator>(std::move(handle), kMergePrefix, kMergeSuffix, mergeOutputPath(),
-                                               benchRowType().name(), false, true, false);
+    return std::make_unique<Agent::Aggregator>(std::move(handle), kMergePrefix, kMergeSuffix,
+                                               mergeOutputPath(), benchRowType().name(), false, true, false);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -146,17 +149,21 @@ public:
         exec("PRAGMA journal_mode=OFF");
         exec("PRAGMA synchronous=OFF");
         exec("PRAGMA temp_store=MEMORY");
-        exec("CREATE TABLE input_rows(id INTEGER NOT NULL, input INTEGER NOT NULL, count INTEGER, label TEXT,"
-             " PRIMARY KEY(id, input)) WITHOUT ROWID");
+        exec(
+            "CREATE TABLE input_rows(id INTEGER NOT NULL, input INTEGER NOT NULL, count INTEGER, label TEXT,"
+            " PRIMARY KEY(id, input)) WITHOUT ROWID");
         exec("CREATE TABLE output_rows(id INTEGER PRIMARY KEY, count INTEGER, label TEXT, owner INTEGER)");
         upsertInput_ = std::make_unique<Statement>(
-            db_, "INSERT INTO input_rows(id, input, count, label) VALUES(?1, ?2, ?3, ?4)"
-                 " ON CONFLICT(id, input) DO UPDATE SET count = excluded.count, label = excluded.label");
-        deleteInput_ = std::make_unique<Statement>(db_, "DELETE FROM input_rows WHERE id = ?1 AND input = ?2");
+            db_,
+            "INSERT INTO input_rows(id, input, count, label) VALUES(?1, ?2, ?3, ?4)"
+            " ON CONFLICT(id, input) DO UPDATE SET count = excluded.count, label = excluded.label");
+        deleteInput_ =
+            std::make_unique<Statement>(db_, "DELETE FROM input_rows WHERE id = ?1 AND input = ?2");
         upsertOutput_ = std::make_unique<Statement>(
-            db_, "INSERT INTO output_rows(id, count, label, owner) VALUES(?1, ?2, ?3, ?4)"
-                 " ON CONFLICT(id) DO UPDATE SET count = excluded.count, label = excluded.label,"
-                 " owner = excluded.owner");
+            db_,
+            "INSERT INTO output_rows(id, count, label, owner) VALUES(?1, ?2, ?3, ?4)"
+            " ON CONFLICT(id) DO UPDATE SET count = excluded.count, label = excluded.label,"
+            " owner = excluded.owner");
         ownerOf_ = std::make_unique<Statement>(db_, "SELECT owner FROM output_rows WHERE id = ?1");
         firstHolder_ = std::make_unique<Statement>(
             db_, "SELECT input, count, label FROM input_rows WHERE id = ?1 ORDER BY input LIMIT 1");
@@ -217,12 +224,13 @@ private:
     }
     // Runs a statement that returns no row and resets it.
     void step(sqlite3_stmt* stmt) {
-        if (sqlite3_step(stmt) != SQLITE_DONE) worldBroken(std::string("sqlite step: ") + sqlite3_errmsg(db_));
+        if (sqlite3_step(stmt) != SQLITE_DONE)
+            worldBroken(std::string("sqlite step: ") + sqlite3_errmsg(db_));
         sqlite3_reset(stmt);
     }
     // `label` must stay valid until the statement has run unless `copyLabel`.
-    void upsertOutput(std::int64_t id, std::int64_t count, const char* label, int labelSize, std::int64_t owner,
-                      bool copyLabel) {
+    void upsertOutput(std::int64_t id, std::int64_t count, const char* label, int labelSize,
+                      std::int64_t owner, bool copyLabel) {
         sqlite3_stmt* s = upsertOutput_->get();
         sqlite3_bind_int64(s, 1, id);
         sqlite3_bind_int64(s, 2, count);
@@ -250,7 +258,8 @@ private:
         step(del);
         sqlite3_stmt* owner = ownerOf_->get();
         sqlite3_bind_int64(owner, 1, id);
-        const bool owned = sqlite3_step(owner) == SQLITE_ROW && sqlite3_column_int64(owner, 0) == static_cast<std::int64_t>(input);
+        const bool owned = sqlite3_step(owner) == SQLITE_ROW &&
+                           sqlite3_column_int64(owner, 0) == static_cast<std::int64_t>(input);
         sqlite3_reset(owner);
         if (!owned) return;
         sqlite3_stmt* holder = firstHolder_->get();
@@ -270,8 +279,8 @@ private:
 
     MergeShape shape_;
     sqlite3* db_;
-    std::unique_ptr<Statement> upsertInput_, deleteInput_, upsertOutput_, ownerOf_, firstHolder_, deleteOutput_,
-        begin_, commit_;
+    std::unique_ptr<Statement> upsertInput_, deleteInput_, upsertOutput_, ownerOf_, firstHolder_,
+        deleteOutput_, begin_, commit_;
     std::vector<MergeEvent> events_;
     std::size_t next_ = 0;
 };
@@ -287,7 +296,8 @@ class FloorWorld : public Workload {
 public:
     explicit FloorWorld(const MergeShape& shape) : shape_(shape), inputs_(shape.inputs) {
         for (std::uint64_t key = 0; key < shape_.keys; ++key) {
-            for (unsigned h = 0; h < shape_.holders; ++h) write(holderInput(shape_, key, h), benchRow(key, key));
+            for (unsigned h = 0; h < shape_.holders; ++h)
+                write(holderInput(shape_, key, h), benchRow(key, key));
         }
         events_ = makeMergeEvents(shape_);
     }
@@ -355,9 +365,13 @@ std::unique_ptr<Workload> makeForwarderWorkload(const MergeShape& shape) {
     });
 }
 
-std::unique_ptr<Workload> makeSqliteWorkload(const MergeShape& shape) { return std::make_unique<SqliteWorld>(shape); }
+std::unique_ptr<Workload> makeSqliteWorkload(const MergeShape& shape) {
+    return std::make_unique<SqliteWorld>(shape);
+}
 
-std::unique_ptr<Workload> makeFloorWorkload(const MergeShape& shape) { return std::make_unique<FloorWorld>(shape); }
+std::unique_ptr<Workload> makeFloorWorkload(const MergeShape& shape) {
+    return std::make_unique<FloorWorld>(shape);
+}
 
 double measureBytesPerRow(std::size_t rows) {
     MergeShape shape;

@@ -80,21 +80,22 @@ BENCHMARK(BM_ForwarderEvent)->Arg(1'000)->Arg(100'000)->Arg(1'000'000)->UseManua
 
 void BM_SqliteMergeEvent(benchmark::State& state) {
     const MergeShape shape = shapeWithKeys(state.range(0));
-    runWorkload(state,
-                cachedWorkload("sqlite/" + std::to_string(shape.keys), [&] { return makeSqliteWorkload(shape); }));
+    runWorkload(state, cachedWorkload("sqlite/" + std::to_string(shape.keys),
+                                      [&] { return makeSqliteWorkload(shape); }));
 }
 BENCHMARK(BM_SqliteMergeEvent)->Arg(100'000)->UseManualTime();
 
 void BM_FloorMergeEvent(benchmark::State& state) {
     const MergeShape shape = shapeWithKeys(state.range(0));
-    runWorkload(state,
-                cachedWorkload("floor/" + std::to_string(shape.keys), [&] { return makeFloorWorkload(shape); }));
+    runWorkload(state, cachedWorkload("floor/" + std::to_string(shape.keys),
+                                      [&] { return makeFloorWorkload(shape); }));
 }
 BENCHMARK(BM_FloorMergeEvent)->Arg(1'000)->Arg(100'000)->Arg(1'000'000)->UseManualTime();
 
 void BM_HostWriteDelivered(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(0));
-    runWorkload(state, cachedWorkload("hostwrite/" + std::to_string(keys), [&] { return makeHostWriteWorkload(keys); }));
+    runWorkload(state, cachedWorkload("hostwrite/" + std::to_string(keys),
+                                      [&] { return makeHostWriteWorkload(keys); }));
 }
 BENCHMARK(BM_HostWriteDelivered)->Arg(100'000)->UseManualTime();
 
@@ -111,16 +112,18 @@ BENCHMARK(BM_TranslatorIntake)->UseManualTime();
 
 void BM_Resync(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(0));
-    runWorkload(state, cachedWorkload("resync/" + std::to_string(keys),
-                                      [&] { return std::move(makeResyncWorkloads(keys).resync); }),
+    runWorkload(state,
+                cachedWorkload("resync/" + std::to_string(keys),
+                               [&] { return std::move(makeResyncWorkloads(keys).resync); }),
                 keys);
 }
 BENCHMARK(BM_Resync)->Arg(100'000)->UseManualTime();
 
 void BM_ResyncLookups(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(0));
-    runWorkload(state, cachedWorkload("lookups/" + std::to_string(keys),
-                                      [&] { return std::move(makeResyncWorkloads(keys).lookups); }),
+    runWorkload(state,
+                cachedWorkload("lookups/" + std::to_string(keys),
+                               [&] { return std::move(makeResyncWorkloads(keys).lookups); }),
                 keys);
 }
 BENCHMARK(BM_ResyncLookups)->Arg(100'000)->UseManualTime();
@@ -151,8 +154,9 @@ void BM_DependentLoad(benchmark::State& state) {
         benchmark::DoNotOptimize(at);
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kSteps));
-    state.counters["ns_per_load"] = benchmark::Counter(static_cast<double>(state.iterations() * kSteps),
-                                                       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_load"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * kSteps),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_DependentLoad)->Arg(4)->Arg(16)->Arg(64)->Arg(256)->Unit(benchmark::kMillisecond);
 
@@ -168,8 +172,8 @@ struct Goal {
 
 // Measures a against b and prints "ratio <name> <median> [goal <op> <limit>] min <min> max <max>",
 // with the medians of both sides noted on standard error as "# <what>: <a> ns / <b> ns".
-void compare(const Goal& goal, const char* what, Workload& a, std::size_t aUnits, Workload& b, std::size_t bUnits,
-             int reps) {
+void compare(const Goal& goal, const char* what, Workload& a, std::size_t aUnits, Workload& b,
+             std::size_t bUnits, int reps) {
     const RatioResult r = medianRatio(a, aUnits, b, bUnits, reps);
     std::fprintf(stderr, "# %s: %.1f ns / %.1f ns\n", what, r.aNs, r.bNs);
     std::printf("ratio %s %.3g", goal.name, r.ratio);
@@ -201,8 +205,8 @@ int runRatios(int reps) {
         {
             auto write = makeHostWriteWorkload(100'000);
             auto map = makeMapWorkload(100'000);
-            compare({"host_write_vs_map", "<=", 3}, "host write+delivery/map insert-or-assign ns, 100k keys", *write,
-                    kEvents, *map, kEvents, reps);
+            compare({"host_write_vs_map", "<=", 3}, "host write+delivery/map insert-or-assign ns, 100k keys",
+                    *write, kEvents, *map, kEvents, reps);
         }
         {
             auto sqlite = makeSqliteWorkload(shape100k);
@@ -216,14 +220,14 @@ int runRatios(int reps) {
         auto big = makeAggregatorWorkload(large);
         {
             auto floor = makeFloorWorkload(large);
-            compare({"aggregator_vs_floor_1m", "<=", 2.5}, "aggregator/floor ns per event, 1M keys", *big, kEvents,
-                    *floor, kEvents, reps);
+            compare({"aggregator_vs_floor_1m", "<=", 2.5}, "aggregator/floor ns per event, 1M keys", *big,
+                    kEvents, *floor, kEvents, reps);
         }
         MergeShape small = shape100k;
         small.keys = 1'000;
         auto little = makeAggregatorWorkload(small);
-        compare({"scaling_1m_vs_1k", nullptr, 0}, "aggregator ns per event, 1M/1k keys", *big, kEvents, *little,
-                kEvents, reps);
+        compare({"scaling_1m_vs_1k", nullptr, 0}, "aggregator ns per event, 1M/1k keys", *big, kEvents,
+                *little, kEvents, reps);
     }
     {
         auto intake = makeIntakeWorkload();
@@ -233,8 +237,8 @@ int runRatios(int reps) {
     }
     {
         ResyncPair resync = makeResyncWorkloads(100'000);
-        compare({"resync_vs_lookup", "<=", 1.5}, "resync/4 lookups ns per output row, 100k rows", *resync.resync,
-                100'000, *resync.lookups, 100'000, reps);
+        compare({"resync_vs_lookup", "<=", 1.5}, "resync/4 lookups ns per output row, 100k rows",
+                *resync.resync, 100'000, *resync.lookups, 100'000, reps);
     }
     std::printf("bytes_per_row %.0f\n", measureBytesPerRow(100'000));
     return 0;
@@ -273,13 +277,20 @@ int runProfile(const std::string& name, std::size_t keys, std::size_t units) {
     shape.keys = keys;
     std::unique_ptr<Workload> workload;
     ResyncPair resync;
-    if (name == "aggregator") workload = makeAggregatorWorkload(shape);
-    else if (name == "forwarder") workload = makeForwarderWorkload(shape);
-    else if (name == "sqlite") workload = makeSqliteWorkload(shape);
-    else if (name == "floor") workload = makeFloorWorkload(shape);
-    else if (name == "hostwrite") workload = makeHostWriteWorkload(keys);
-    else if (name == "map") workload = makeMapWorkload(keys);
-    else if (name == "intake") workload = makeIntakeWorkload();
+    if (name == "aggregator")
+        workload = makeAggregatorWorkload(shape);
+    else if (name == "forwarder")
+        workload = makeForwarderWorkload(shape);
+    else if (name == "sqlite")
+        workload = makeSqliteWorkload(shape);
+    else if (name == "floor")
+        workload = makeFloorWorkload(shape);
+    else if (name == "hostwrite")
+        workload = makeHostWriteWorkload(keys);
+    else if (name == "map")
+        workload = makeMapWorkload(keys);
+    else if (name == "intake")
+        workload = makeIntakeWorkload();
     else if (name == "resync" || name == "lookups") {
         resync = makeResyncWorkloads(keys);
         workload = std::move(name == "resync" ? resync.resync : resync.lookups);

@@ -6,8 +6,8 @@
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
-#include <Velta/Host/ForwardingVeltaDB.h>
 #include <Velta/Host/Debug.h>
+#include <Velta/Host/ForwardingVeltaDB.h>
 #include <Velta/Records.h>
 #include <Velta/VeltaDB.h>
 
@@ -32,17 +32,17 @@ namespace Velta::Test {
 struct FieldValue {
     std::variant<std::uint64_t, std::string, std::vector<std::string>> value;
 
-    FieldValue(bool v) : value(static_cast<std::uint64_t>(v)) {}                   // NOLINT
-    FieldValue(int v) : value(static_cast<std::uint64_t>(v)) {}                    // NOLINT
-    FieldValue(unsigned v) : value(static_cast<std::uint64_t>(v)) {}               // NOLINT
-    FieldValue(long v) : value(static_cast<std::uint64_t>(v)) {}                   // NOLINT
-    FieldValue(unsigned long v) : value(static_cast<std::uint64_t>(v)) {}          // NOLINT
-    FieldValue(long long v) : value(static_cast<std::uint64_t>(v)) {}              // NOLINT
-    FieldValue(unsigned long long v) : value(static_cast<std::uint64_t>(v)) {}     // NOLINT
-    FieldValue(const char* v) : value(std::string(v)) {}                           // NOLINT
-    FieldValue(std::string v) : value(std::move(v)) {}                             // NOLINT
-    FieldValue(std::vector<std::string> v) : value(std::move(v)) {}                // NOLINT
-    FieldValue(std::initializer_list<const char*> v)                               // NOLINT
+    FieldValue(bool v) : value(static_cast<std::uint64_t>(v)) {}                // NOLINT
+    FieldValue(int v) : value(static_cast<std::uint64_t>(v)) {}                 // NOLINT
+    FieldValue(unsigned v) : value(static_cast<std::uint64_t>(v)) {}            // NOLINT
+    FieldValue(long v) : value(static_cast<std::uint64_t>(v)) {}                // NOLINT
+    FieldValue(unsigned long v) : value(static_cast<std::uint64_t>(v)) {}       // NOLINT
+    FieldValue(long long v) : value(static_cast<std::uint64_t>(v)) {}           // NOLINT
+    FieldValue(unsigned long long v) : value(static_cast<std::uint64_t>(v)) {}  // NOLINT
+    FieldValue(const char* v) : value(std::string(v)) {}                        // NOLINT
+    FieldValue(std::string v) : value(std::move(v)) {}                          // NOLINT
+    FieldValue(std::vector<std::string> v) : value(std::move(v)) {}             // NOLINT
+    FieldValue(std::initializer_list<const char*> v)                            // NOLINT
         : value(std::vector<std::string>(v.begin(), v.end())) {}
 };
 
@@ -58,10 +58,12 @@ inline BaseRow makeRow(const RowType& type, const FieldValues& values) {
         const auto field = static_cast<std::size_t>(index);
         const FieldKind kind = type.fields()[field].kind;
         if (isNumberKind(kind)) {
-            if (!std::holds_alternative<std::uint64_t>(fv.value)) throw std::invalid_argument(name + ": number expected");
+            if (!std::holds_alternative<std::uint64_t>(fv.value))
+                throw std::invalid_argument(name + ": number expected");
             row.numberIs(field, std::get<std::uint64_t>(fv.value));
         } else if (kind == FieldKind::string) {
-            if (!std::holds_alternative<std::string>(fv.value)) throw std::invalid_argument(name + ": string expected");
+            if (!std::holds_alternative<std::string>(fv.value))
+                throw std::invalid_argument(name + ": string expected");
             row.stringIs(field, std::get<std::string>(fv.value));
         } else {
             if (!std::holds_alternative<std::vector<std::string>>(fv.value))
@@ -106,8 +108,9 @@ inline std::vector<std::string> callLines(const Host::Database& db) {
 }
 
 // Captured traces matching `channel` (empty: any), `level` (nullopt: any) and containing `text`.
-inline std::vector<Host::TraceRecord> findTraces(const Host::TraceCapture& capture, const std::string& channel,
-                                                 std::optional<unsigned> level, const std::string& text = "") {
+inline std::vector<Host::TraceRecord> findTraces(const Host::TraceCapture& capture,
+                                                 const std::string& channel, std::optional<unsigned> level,
+                                                 const std::string& text = "") {
     std::vector<Host::TraceRecord> found;
     for (const Host::TraceRecord& r : capture.records()) {
         if (!channel.empty() && r.channel != channel) continue;
@@ -148,9 +151,11 @@ std::vector<Step> shrinkHistory(std::vector<Step> steps, StillFails stillFails) 
         while (removed) {
             removed = false;
             for (std::size_t start = 0; start < steps.size();) {
-                std::vector<Step> candidate(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(start));
+                std::vector<Step> candidate(steps.begin(),
+                                            steps.begin() + static_cast<std::ptrdiff_t>(start));
                 const std::size_t end = std::min(steps.size(), start + chunk);
-                candidate.insert(candidate.end(), steps.begin() + static_cast<std::ptrdiff_t>(end), steps.end());
+                candidate.insert(candidate.end(), steps.begin() + static_cast<std::ptrdiff_t>(end),
+                                 steps.end());
                 if (stillFails(candidate)) {
                     steps = std::move(candidate);
                     removed = true;
@@ -218,7 +223,9 @@ protected:
         o.standalone = standalone;
         return db_->connect(o);
     }
-    VeltaDB::p_t connectServer(const std::string& agentName = "server") { return connect(agentName, true, false, true); }
+    VeltaDB::p_t connectServer(const std::string& agentName = "server") {
+        return connect(agentName, true, false, true);
+    }
 
     // Delivers everything queued and checks that the loop settled.
     std::size_t run() {
@@ -291,10 +298,12 @@ protected:
     }
 
     static const RowType& itemType() {
-        return Host::defineRowType("Test::Item", {{"key", FieldKind::string}, {"value", FieldKind::u32}}, {"key"});
+        return Host::defineRowType("Test::Item", {{"key", FieldKind::string}, {"value", FieldKind::u32}},
+                                   {"key"});
     }
 
-    static Host::AgentOptions agentOptions(Kind kind, const std::string& agentName, const std::string& systemName) {
+    static Host::AgentOptions agentOptions(Kind kind, const std::string& agentName,
+                                           const std::string& systemName) {
         Host::AgentOptions o;
         o.agentName = agentName;
         o.systemName = systemName;
@@ -310,19 +319,23 @@ protected:
                                          const std::string& systemName = "sysA") {
         itemType();
         db_->listenerIs(&log_);
-        translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(kind, agentName, systemName)));
+        translator_ = std::make_unique<Agent::SubscriptionTranslator>(
+            db_->connect(agentOptions(kind, agentName, systemName)));
         run();
         return *translator_;
     }
 
-    void writeSystem(unsigned oid, const std::string& sysName, const std::string& agentName, unsigned properties = 1) {
-        db_->write("velta/metadata/SystemDescription",
-                   makeRecord<veMetadata::SystemDescription>(
-                       {{"oid", oid}, {"sysName", sysName}, {"agentName", agentName}, {"properties", properties}}));
+    void writeSystem(unsigned oid, const std::string& sysName, const std::string& agentName,
+                     unsigned properties = 1) {
+        db_->write(
+            "velta/metadata/SystemDescription",
+            makeRecord<veMetadata::SystemDescription>(
+                {{"oid", oid}, {"sysName", sysName}, {"agentName", agentName}, {"properties", properties}}));
     }
 
     // Writes an external subscription (typeName defaults to "Test::Item") and returns it as stored.
-    External::Subscription writeSubscription(FieldValues values, const std::string& path = "velta/External/Subscription") {
+    External::Subscription writeSubscription(FieldValues values,
+                                             const std::string& path = "velta/External/Subscription") {
         itemType();
         bool typed = false;
         for (const auto& [name, value] : values) typed = typed || name == "typeName";
@@ -331,13 +344,15 @@ protected:
     }
 
     veMetadata::veTable tableRow(const std::string& path) const {
-        return veMetadata::veTable(db_->read("velta/metadata/veTable", makeRecord<veMetadata::veTable>({{"tablePath", path}})));
+        return veMetadata::veTable(
+            db_->read("velta/metadata/veTable", makeRecord<veMetadata::veTable>({{"tablePath", path}})));
     }
 
     // The id the host gives "Test::Item".
     unsigned itemTypeId() {
         itemType();
-        return db_->connect(agentOptions(Kind::standalone, "probe", "probe"))->tableTypeId("Test::Item", false);
+        return db_->connect(agentOptions(Kind::standalone, "probe", "probe"))
+            ->tableTypeId("Test::Item", false);
     }
 
     // The translator's captured traces as "L<level> <file>:<line> <function> | <message>".
@@ -345,8 +360,8 @@ protected:
         std::vector<std::string> lines;
         for (const Host::TraceRecord& r : capture.records()) {
             if (r.channel != "SubscriptionTranslator") continue;
-            lines.push_back("L" + std::to_string(r.level) + " " + r.file + ":" + std::to_string(r.line) + " " + r.function +
-                            " | " + r.message);
+            lines.push_back("L" + std::to_string(r.level) + " " + r.file + ":" + std::to_string(r.line) +
+                            " " + r.function + " | " + r.message);
         }
         return lines;
     }

@@ -32,8 +32,7 @@ const RowType& routeType() {
 }
 
 const RowType& otherType() {
-    static const RowType& type =
-        Host::defineRowType("Demo::Other", {{"name", FieldKind::string}}, {"name"});
+    static const RowType& type = Host::defineRowType("Demo::Other", {{"name", FieldKind::string}}, {"name"});
     return type;
 }
 
@@ -51,7 +50,9 @@ std::string field(const BaseRow& row, const char* name) {
 // "k1=a": a route by its key and next hop.
 std::string show(const BaseRow& row) { return field(row, "prefix") + "=" + field(row, "nexthop"); }
 
-BaseRow metadataKey(const std::string& path) { return makeRecord<veMetadata::veTable>({{"tablePath", path}}); }
+BaseRow metadataKey(const std::string& path) {
+    return makeRecord<veMetadata::veTable>({{"tablePath", path}});
+}
 
 // "level line function: message" of the Aggregator channel's captured traces; the file must be
 // "Aggregator".
@@ -60,7 +61,8 @@ std::vector<std::string> aggregatorTraces(const Host::TraceCapture& capture) {
     for (const Host::TraceRecord& r : capture.records()) {
         if (r.channel != "Aggregator") continue;
         EXPECT_EQ(r.file, "Aggregator") << r.message;
-        lines.push_back(std::to_string(r.level) + " " + std::to_string(r.line) + " " + r.function + ": " + r.message);
+        lines.push_back(std::to_string(r.level) + " " + std::to_string(r.line) + " " + r.function + ": " +
+                        r.message);
     }
     return lines;
 }
@@ -99,7 +101,8 @@ private:
         const auto& records = capture_->records();
         for (; seen_ < records.size(); ++seen_) {
             const std::string& message = records[seen_].message;
-            if (message.rfind("Velta::Agent::Aggregator::AggregatorInputTable::~", 0) == 0) events_.push_back(message);
+            if (message.rfind("Velta::Agent::Aggregator::AggregatorInputTable::~", 0) == 0)
+                events_.push_back(message);
         }
     }
 
@@ -133,8 +136,8 @@ protected:
                                                bool enabled = true, const std::string& prefix = kPrefix,
                                                const std::string& suffix = kSuffix,
                                                const std::string& output = kOut) {
-        return std::make_unique<Aggregator>(std::move(vdb), prefix, suffix, output, kRoute, deleteWithoutReplacement,
-                                            enabled, false);
+        return std::make_unique<Aggregator>(std::move(vdb), prefix, suffix, output, kRoute,
+                                            deleteWithoutReplacement, enabled, false);
     }
     void start(bool deleteWithoutReplacement = false, bool enabled = true) {
         agg_ = makeAggregator(connect("agg"), deleteWithoutReplacement, enabled);
@@ -143,10 +146,13 @@ protected:
     void createInputs(const std::vector<std::string>& paths) {
         for (const std::string& path : paths) db_->createTable(path, kRoute);
     }
-    void put(const std::string& path, const std::string& prefix, const std::string& nexthop, unsigned metric = 1) {
+    void put(const std::string& path, const std::string& prefix, const std::string& nexthop,
+             unsigned metric = 1) {
         db_->write(path, route(prefix, nexthop, metric));
     }
-    void del(const std::string& path, const std::string& prefix) { EXPECT_TRUE(db_->erase(path, routeKey(prefix))); }
+    void del(const std::string& path, const std::string& prefix) {
+        EXPECT_TRUE(db_->erase(path, routeKey(prefix)));
+    }
 
     // The output table as "k=hop" lines in key order.
     std::vector<std::string> output() const {
@@ -176,7 +182,8 @@ TEST_F(AggregatorTest, AdmitsExactlyOnePathComponentBetweenPrefixAndSuffix) {
               (std::vector<std::string>{
                   "1 256 onVeTableRow: Aggregated input table velta/input/a/b/routes has agent name a/b "
                   "containing '/' ",
-                  "6 234 onVeTableRow: Adding aggregated input table velta/input/a/routes to velta/output/routes"}));
+                  "6 234 onVeTableRow: Adding aggregated input table velta/input/a/routes to "
+                  "velta/output/routes"}));
 
     // A table appearing while the aggregator runs is admitted and started at once.
     capture.clear();
@@ -185,9 +192,10 @@ TEST_F(AggregatorTest, AdmitsExactlyOnePathComponentBetweenPrefixAndSuffix) {
     run();
     EXPECT_EQ(agg_->inputPaths(), (std::vector<std::string>{kA, kB}));
     EXPECT_EQ(output(), std::vector<std::string>{"k1=b"});
-    EXPECT_EQ(aggregatorTraces(capture),
-              std::vector<std::string>{
-                  "6 234 onVeTableRow: Adding aggregated input table velta/input/b/routes to velta/output/routes"});
+    EXPECT_EQ(
+        aggregatorTraces(capture),
+        std::vector<std::string>{
+            "6 234 onVeTableRow: Adding aggregated input table velta/input/b/routes to velta/output/routes"});
 
     // Prefix "ab" and suffix "ba" may not share the middle "a" of "aba".
     db_->createTable("aba", kRoute);
@@ -223,10 +231,11 @@ TEST_F(AggregatorTest, RefusesOtherRowTypesWithoutRememberingTheRefusal) {
     EXPECT_TRUE(agg_->inputPaths().empty());
     EXPECT_EQ(agg_->inputTable(kB), nullptr);
     // The "Adding" notice comes first, then the refusal.
-    EXPECT_EQ(aggregatorTraces(capture),
-              (std::vector<std::string>{
-                  "6 234 onVeTableRow: Adding aggregated input table velta/input/b/routes to velta/output/routes",
-                  "1 251 onVeTableRow: Row type Demo::Other is not valid, input table not added."}));
+    EXPECT_EQ(
+        aggregatorTraces(capture),
+        (std::vector<std::string>{
+            "6 234 onVeTableRow: Adding aggregated input table velta/input/b/routes to velta/output/routes",
+            "1 251 onVeTableRow: Row type Demo::Other is not valid, input table not added."}));
 
     // Dropping the refused table is no event for the aggregator; the same path with the right type
     // is examined afresh and admitted.
@@ -242,7 +251,8 @@ TEST_F(AggregatorTest, RefusesOtherRowTypesWithoutRememberingTheRefusal) {
 
     // A type name that matches the output's but names no class the host knows is refused too.
     capture.clear();
-    Aggregator ghosts(connect("ghosts"), "velta/ghost/", "/rows", "velta/ghosts", "Demo::Ghost", false, true, false);
+    Aggregator ghosts(connect("ghosts"), "velta/ghost/", "/rows", "velta/ghosts", "Demo::Ghost", false, true,
+                      false);
     run();
     const auto ghostRow = [](const std::string& owner) {
         return makeRecord<veMetadata::veTable>(
@@ -253,8 +263,10 @@ TEST_F(AggregatorTest, RefusesOtherRowTypesWithoutRememberingTheRefusal) {
     db_->write(kMetadata, ghostRow("two"));  // examined again: refusals are not remembered
     run();
     EXPECT_TRUE(ghosts.inputPaths().empty());
-    const std::string adding = "6 234 onVeTableRow: Adding aggregated input table velta/ghost/g/rows to velta/ghosts";
-    const std::string refused = "1 251 onVeTableRow: Row type Demo::Ghost is not valid, input table not added.";
+    const std::string adding =
+        "6 234 onVeTableRow: Adding aggregated input table velta/ghost/g/rows to velta/ghosts";
+    const std::string refused =
+        "1 251 onVeTableRow: Row type Demo::Ghost is not valid, input table not added.";
     EXPECT_EQ(aggregatorTraces(capture), (std::vector<std::string>{adding, refused, adding, refused}));
 }
 
@@ -424,11 +436,10 @@ TEST_F(AggregatorTest, RemovingAnInputSettlesItsRowsInKeyOrderBeforeItIsDestroye
     EXPECT_TRUE(db_->erase(kMetadata, metadataKey(kB)));
     put(kB, "k6", "b");
     run();
-    EXPECT_EQ(timeline_.take(),
-              (std::vector<std::string>{
-                  "+k1=a", "-k2=b", "+k4=c", "+k5=a",
-                  "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable() "
-                  "velta/input/b/routes=>velta/output/routes"}));
+    EXPECT_EQ(timeline_.take(), (std::vector<std::string>{
+                                    "+k1=a", "-k2=b", "+k4=c", "+k5=a",
+                                    "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable() "
+                                    "velta/input/b/routes=>velta/output/routes"}));
     EXPECT_EQ(agg_->inputPaths(), (std::vector<std::string>{kA, kC}));
     EXPECT_EQ(agg_->inputTable(kB), nullptr);
     EXPECT_FALSE(hasTrace(capture, "Aggregator", 9, "onRow(const Velta::BaseRow&) velta/input/b/routes"));
@@ -441,9 +452,10 @@ TEST_F(AggregatorTest, RemovingAnInputSettlesItsRowsInKeyOrderBeforeItIsDestroye
     // Dropping C's table (rows go without delete callbacks) settles what C supplied.
     EXPECT_TRUE(db_->dropTable(kC));
     run();
-    EXPECT_EQ(timeline_.take(),
-              (std::vector<std::string>{"-k4=c", "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable() "
-                                                 "velta/input/c/routes=>velta/output/routes"}));
+    EXPECT_EQ(timeline_.take(), (std::vector<std::string>{
+                                    "-k4=c",
+                                    "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable() "
+                                    "velta/input/c/routes=>velta/output/routes"}));
     EXPECT_EQ(output(), (std::vector<std::string>{"k1=a", "k3=a", "k5=a"}));
 
     // Removing an unknown table does nothing.
@@ -547,7 +559,8 @@ class FlakyRowOps : public RowOps {
 public:
     explicit FlakyRowOps(std::shared_ptr<const RowOps> real) : real_(std::move(real)) {}
     bool keyLess(const BaseRow& a, const BaseRow& b) const override {
-        if (!failOn.empty() && (hop(a) == failOn || hop(b) == failOn)) throw std::runtime_error("host failure");
+        if (!failOn.empty() && (hop(a) == failOn || hop(b) == failOn))
+            throw std::runtime_error("host failure");
         return real_->keyLess(a, b);
     }
     std::string failOn;  // next hop whose rows make the comparison fail; empty: never
@@ -686,15 +699,19 @@ TEST_F(AggregatorTest, TracesOnlyEnabledLevelsAndTeardownKeepsTheOutput) {
     run();
     const std::string row = route("k2", "a", 2).toString();
     agg_.reset();
-    EXPECT_EQ(aggregatorTraces(capture),
-              (std::vector<std::string>{
-                  "9 89 onRow: void Velta::Agent::Aggregator::AggregatorInputTable::onRow(const Velta::BaseRow&) "
-                  "velta/input/a/routes=>velta/output/routes, " + row,
-                  "9 95 onDelete: void Velta::Agent::Aggregator::AggregatorInputTable::onDelete(const "
-                  "Velta::BaseRow&) velta/input/a/routes=>velta/output/routes, " + row,
-                  "9 137 ~Aggregator: Velta::Agent::Aggregator::~Aggregator() velta/output/routes",
-                  "9 34 ~AggregatorInputTable: Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable() "
-                  "velta/input/a/routes=>velta/output/routes"}));
+    EXPECT_EQ(
+        aggregatorTraces(capture),
+        (std::vector<std::string>{
+            "9 89 onRow: void Velta::Agent::Aggregator::AggregatorInputTable::onRow(const Velta::BaseRow&) "
+            "velta/input/a/routes=>velta/output/routes, " +
+                row,
+            "9 95 onDelete: void Velta::Agent::Aggregator::AggregatorInputTable::onDelete(const "
+            "Velta::BaseRow&) velta/input/a/routes=>velta/output/routes, " +
+                row,
+            "9 137 ~Aggregator: Velta::Agent::Aggregator::~Aggregator() velta/output/routes",
+            "9 34 ~AggregatorInputTable: "
+            "Velta::Agent::Aggregator::AggregatorInputTable::~AggregatorInputTable() "
+            "velta/input/a/routes=>velta/output/routes"}));
     // Destruction writes and deletes nothing.
     EXPECT_EQ(output(), std::vector<std::string>{"k1=a"});
     // The shared handler survives the aggregator.

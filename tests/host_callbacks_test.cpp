@@ -10,10 +10,13 @@ namespace {
 constexpr const char* kPath = "test/events";
 
 const RowType& eventType() {
-    return Host::defineRowType("CallbacksTest::Event", {{"name", FieldKind::string}, {"n", FieldKind::u32}}, {"name"});
+    return Host::defineRowType("CallbacksTest::Event", {{"name", FieldKind::string}, {"n", FieldKind::u32}},
+                               {"name"});
 }
 
-BaseRow ev(const std::string& name, unsigned n = 0) { return makeRow(eventType(), {{"name", name}, {"n", n}}); }
+BaseRow ev(const std::string& name, unsigned n = 0) {
+    return makeRow(eventType(), {{"name", name}, {"n", n}});
+}
 std::string line(const std::string& iface, const std::string& what, const std::string& name, unsigned n = 0) {
     return iface + " " + what + " " + ev(name, n).toString();
 }
@@ -65,10 +68,10 @@ TEST_F(HostCallbacks, DeliveryIsFifoAcrossInterfacesAndIncludesOwnWritesAndRewri
     run();
     log_.clear();
     BaseRow own = ev("k", 1);
-    x->iface.rowIs(own);                // its own write comes back to it
-    db_->write(kPath, ev("k", 1));      // an identical rewrite still notifies
+    x->iface.rowIs(own);            // its own write comes back to it
+    db_->write(kPath, ev("k", 1));  // an identical rewrite still notifies
     db_->erase(kPath, ev("k"));
-    db_->erase(kPath, ev("absent"));    // nothing removed, nothing said
+    db_->erase(kPath, ev("absent"));  // nothing removed, nothing said
     run();
     EXPECT_EQ(log_, (std::vector<std::string>{line("x", "row", "k", 1), line("y", "row", "k", 1),
                                               line("x", "row", "k", 1), line("y", "row", "k", 1),
@@ -104,7 +107,8 @@ TEST_F(HostCallbacks, DestroyedInterfaceLeavesNoneOfItsCallbacksQueued) {
     gone.reset();
     EXPECT_EQ(db_->pending(), 3u);
     EXPECT_EQ(run(), 3u);
-    EXPECT_EQ(log_, (std::vector<std::string>{"stays ready", line("stays", "row", "a"), line("stays", "delete", "a")}));
+    EXPECT_EQ(log_, (std::vector<std::string>{"stays ready", line("stays", "row", "a"),
+                                              line("stays", "delete", "a")}));
 }
 
 TEST_F(HostCallbacks, ShuffledOrderKeepsEachInterfacesOwnOrder) {

@@ -113,7 +113,8 @@ TEST(HostDebug, CapturesNestAndStandardErrorIsTheDefaultSink) {
     }
     testing::internal::CaptureStderr();
     KESTO_TRACE(debug, 2, "Some/File", 77, "someFunction", "on stderr " << 5);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "DebugTest::Sink[2] Some/File:77 someFunction: on stderr 5\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "DebugTest::Sink[2] Some/File:77 someFunction: on stderr 5\n");
 }
 
 TEST(HostDebug, MasksFromText) {
@@ -121,8 +122,9 @@ TEST(HostDebug, MasksFromText) {
     EXPECT_EQ(Host::debugMask("DebugTest::A"), 0x31fu);
     EXPECT_EQ(Host::debugMask("DebugTest::B"), 7u);
     // Malformed text changes nothing at all.
-    for (const char* bad : {"DebugTest::A=1,DebugTest::B", "DebugTest::A=zz", "=5", "DebugTest::A=0x1ffffffff",
-                            "DebugTest::A=-1", "DebugTest::A=1,DebugTest::B=2x"}) {
+    for (const char* bad :
+         {"DebugTest::A=1,DebugTest::B", "DebugTest::A=zz", "=5", "DebugTest::A=0x1ffffffff",
+          "DebugTest::A=-1", "DebugTest::A=1,DebugTest::B=2x"}) {
         EXPECT_FALSE(Host::debugMasksFromText(bad)) << bad;
         EXPECT_EQ(Host::debugMask("DebugTest::A"), 0x31fu) << bad;
         EXPECT_EQ(Host::debugMask("DebugTest::B"), 7u) << bad;
@@ -148,13 +150,16 @@ TEST(HostDebugDeathTest, KestoDebugIsReadAtFirstUse) {
 
 TEST(HostDebugDeathTest, AssertionReportIsTheCRuntimeOne) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(Kesto::Platform::assertionFailed("vdb_->isServerAgent() || vdb_->external()", "SubscriptionTranslator",
-                                                  327, "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator("
-                                                       "Velta::VeltaDB::p_t)"),
-                 "SubscriptionTranslator:327: Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::"
-                 "VeltaDB::p_t\\): Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed\\.");
+    EXPECT_DEATH(
+        Kesto::Platform::assertionFailed("vdb_->isServerAgent() || vdb_->external()",
+                                         "SubscriptionTranslator", 327,
+                                         "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator("
+                                         "Velta::VeltaDB::p_t)"),
+        "SubscriptionTranslator:327: Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::"
+        "VeltaDB::p_t\\): Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed\\.");
     int x = 1;
-    EXPECT_DEATH(KESTO_ASSERT(x == 2, "Aggregator", 12, "void f()"), "Aggregator:12: void f\\(\\): Assertion `x == 2' failed");
+    EXPECT_DEATH(KESTO_ASSERT(x == 2, "Aggregator", 12, "void f()"),
+                 "Aggregator:12: void f\\(\\): Assertion `x == 2' failed");
 }
 
 }  // namespace

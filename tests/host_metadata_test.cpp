@@ -8,11 +8,13 @@ namespace {
 constexpr const char* kVeTable = "velta/metadata/veTable";
 
 const RowType& resultType() {
-    return Host::defineRowType("MetadataTest::Result", {{"oid", FieldKind::u32}, {"k", FieldKind::string}}, {"k"});
+    return Host::defineRowType("MetadataTest::Result", {{"oid", FieldKind::u32}, {"k", FieldKind::string}},
+                               {"k"});
 }
 
 std::string meta(unsigned oid, const std::string& path, const std::string& type, const std::string& owner) {
-    return makeRecord<veMetadata::veTable>({{"oid", oid}, {"tablePath", path}, {"typeName", type}, {"owner", owner}})
+    return makeRecord<veMetadata::veTable>(
+               {{"oid", oid}, {"tablePath", path}, {"typeName", type}, {"owner", owner}})
         .toString();
 }
 
@@ -20,12 +22,13 @@ class HostMetadata : public HostTest {};
 
 TEST_F(HostMetadata, VeTableRowsFollowTableCreationAndDrop) {
     EXPECT_EQ(lines(kVeTable),
-              (std::vector<std::string>{meta(4, "velta/External/Publication", "External::Publication", ""),
-                                        meta(3, "velta/External/Subscription", "External::Subscription", ""),
-                                        meta(2, "velta/metadata/SystemDescription", "veMetadata::SystemDescription", ""),
-                                        meta(1, "velta/metadata/veTable", "veMetadata::veTable", ""),
-                                        meta(6, "velta/veCtrl/publication", "veCtrl::publication", ""),
-                                        meta(5, "velta/veCtrl/subscription", "veCtrl::subscription", "")}));
+              (std::vector<std::string>{
+                  meta(4, "velta/External/Publication", "External::Publication", ""),
+                  meta(3, "velta/External/Subscription", "External::Subscription", ""),
+                  meta(2, "velta/metadata/SystemDescription", "veMetadata::SystemDescription", ""),
+                  meta(1, "velta/metadata/veTable", "veMetadata::veTable", ""),
+                  meta(6, "velta/veCtrl/publication", "veCtrl::publication", ""),
+                  meta(5, "velta/veCtrl/subscription", "veCtrl::subscription", "")}));
     auto agent = connect("A");
     std::vector<std::string> log;
     RecordingInterface watcher(log, "meta", veMetadata::veTable::rowTypeName());
@@ -35,7 +38,7 @@ TEST_F(HostMetadata, VeTableRowsFollowTableCreationAndDrop) {
 
     db_->createTable("t/one", resultType().name(), "owner1");
     db_->createTable("t/one", veMetadata::veTable::rowTypeName(), "other");  // exists: nothing changes
-    db_->createTable("t/two", resultType().name(), "", 77);                  // metadata oid chosen by the caller
+    db_->createTable("t/two", resultType().name(), "", 77);  // metadata oid chosen by the caller
     // bindInterface on a missing path creates the table of the interface's type, owned by the agent.
     VeTableInterface reader("r", resultType().name(), kReaderMode, {}, {}, {}, {});
     agent->bindInterface(reader, "t/three", false);
@@ -48,10 +51,11 @@ TEST_F(HostMetadata, VeTableRowsFollowTableCreationAndDrop) {
     EXPECT_FALSE(db_->dropTable("t/one"));
     EXPECT_THROW(db_->createTable("t/bad", "No::Such"), std::invalid_argument);
     run();
-    EXPECT_EQ(log, (std::vector<std::string>{"meta ready", "meta row " + meta(7, "t/one", resultType().name(), "owner1"),
-                                             "meta row " + meta(77, "t/two", resultType().name(), ""),
-                                             "meta row " + meta(8, "t/three", resultType().name(), "A"),
-                                             "meta delete " + meta(7, "t/one", resultType().name(), "owner1")}));
+    EXPECT_EQ(log, (std::vector<std::string>{
+                       "meta ready", "meta row " + meta(7, "t/one", resultType().name(), "owner1"),
+                       "meta row " + meta(77, "t/two", resultType().name(), ""),
+                       "meta row " + meta(8, "t/three", resultType().name(), "A"),
+                       "meta delete " + meta(7, "t/one", resultType().name(), "owner1")}));
     EXPECT_EQ(db_->tablePaths().size(), 8u);
 
     // tableInfo answers from the rows, by path and by id (index 1), also for rows a client wrote.
@@ -69,8 +73,10 @@ TEST_F(HostMetadata, RegisterTableVisibilityDependsOnTheKindOfAgent) {
     server->registerTable("out/s", resultType().name(), TableType::standing, 1, 2, "ownerS");
 
     other->registerTable("out/e", resultType().name(), TableType::oneShot, 3, 4, "ownerE");
-    other->registerTable("out/e", veMetadata::veTable::rowTypeName(), TableType::standing, 0, 0, "again");  // on its way
-    server->registerTable("out/s", veMetadata::veTable::rowTypeName(), TableType::standing, 0, 0, "late");  // exists
+    other->registerTable("out/e", veMetadata::veTable::rowTypeName(), TableType::standing, 0, 0,
+                         "again");  // on its way
+    server->registerTable("out/s", veMetadata::veTable::rowTypeName(), TableType::standing, 0, 0,
+                          "late");                                              // exists
     other->registerTable("out/u", "No::Such", TableType::standing, 0, 0, "x");  // unknown type: no table
     EXPECT_FALSE(db_->hasTable("out/e"));
     EXPECT_TRUE(other->tableInfo("out/e").empty());
@@ -85,12 +91,16 @@ TEST_F(HostMetadata, RegisterTableVisibilityDependsOnTheKindOfAgent) {
     run();
 
     EXPECT_EQ(callLines(*db_),
-              (std::vector<std::string>{
-                  "registerTable path=out/s typeName=MetadataTest::Result tableType=0 desiredFlags=1 flags=2 owner=ownerS agent=srv",
-                  "registerTable path=out/e typeName=MetadataTest::Result tableType=1 desiredFlags=3 flags=4 owner=ownerE agent=ext",
-                  "registerTable path=out/e typeName=veMetadata::veTable tableType=0 desiredFlags=0 flags=0 owner=again agent=ext",
-                  "registerTable path=out/s typeName=veMetadata::veTable tableType=0 desiredFlags=0 flags=0 owner=late agent=srv",
-                  "registerTable path=out/u typeName=No::Such tableType=0 desiredFlags=0 flags=0 owner=x agent=ext"}));
+              (std::vector<std::string>{"registerTable path=out/s typeName=MetadataTest::Result tableType=0 "
+                                        "desiredFlags=1 flags=2 owner=ownerS agent=srv",
+                                        "registerTable path=out/e typeName=MetadataTest::Result tableType=1 "
+                                        "desiredFlags=3 flags=4 owner=ownerE agent=ext",
+                                        "registerTable path=out/e typeName=veMetadata::veTable tableType=0 "
+                                        "desiredFlags=0 flags=0 owner=again agent=ext",
+                                        "registerTable path=out/s typeName=veMetadata::veTable tableType=0 "
+                                        "desiredFlags=0 flags=0 owner=late agent=srv",
+                                        "registerTable path=out/u typeName=No::Such tableType=0 "
+                                        "desiredFlags=0 flags=0 owner=x agent=ext"}));
     db_->callsClear();
     EXPECT_TRUE(db_->calls().empty());
 }
@@ -113,7 +123,8 @@ TEST_F(HostMetadata, ServerRegistrationIsVisibleWhateverElseIsUnderWay) {
     key.tablePathIs("out/known");
     ASSERT_TRUE(db_->erase(kVeTable, key));
     EXPECT_TRUE(server->tableInfo("out/known").empty());
-    other->registerTable("out/known", resultType().name(), TableType::standing, 0, 0, "ext");  // not the server: nothing
+    other->registerTable("out/known", resultType().name(), TableType::standing, 0, 0,
+                         "ext");  // not the server: nothing
     run();
     EXPECT_TRUE(server->tableInfo("out/known").empty());
     server->registerTable("out/known", resultType().name(), TableType::standing, 0, 0, "again");
@@ -133,7 +144,8 @@ TEST_F(HostMetadata, ControlPublicationsAnswerControlSubscriptions) {
     options.autoPublish = true;
     reset(options);
     db_->createTable("out/r", resultType().name());
-    const unsigned tableId = db_->read(kVeTable, makeRecord<veMetadata::veTable>({{"tablePath", "out/r"}})).number(0);
+    const unsigned tableId =
+        db_->read(kVeTable, makeRecord<veMetadata::veTable>({{"tablePath", "out/r"}})).number(0);
     auto ctrl = [&](unsigned sys, unsigned conn, unsigned oid = 0) {
         return makeRecord<veCtrl::subscription>(
             {{"system_description", sys}, {"connection_id", conn}, {"tableId", tableId}, {"oid", oid}});
@@ -195,8 +207,10 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrFailOnUnknownTables) {
     EXPECT_FALSE(db_->completeQuery("SHOW tables", true));  // nothing left to complete by hand
     EXPECT_EQ(callLines(*db_),
               (std::vector<std::string>{
-                  "defineQuery text=\"SELECT a FROM data/known WHERE x\" typeId=9 params={a=2,p=1} standing=1 name=\"q1\" agent=A",
-                  "defineQuery text=\"SELECT a FROM  data/missing\" typeId=9 params={} standing=0 name=\"\" agent=A",
+                  "defineQuery text=\"SELECT a FROM data/known WHERE x\" typeId=9 params={a=2,p=1} "
+                  "standing=1 name=\"q1\" agent=A",
+                  "defineQuery text=\"SELECT a FROM  data/missing\" typeId=9 params={} standing=0 name=\"\" "
+                  "agent=A",
                   "defineQuery text=\"SHOW tables\" typeId=9 params={} standing=0 name=\"\" agent=A",
                   "removeQuery name=\"q1\" agent=A"}));
 }
@@ -220,7 +234,7 @@ TEST_F(HostMetadata, ManualQueriesCompleteOnlyByHandAndCompletionsDieWithTheirHa
     EXPECT_TRUE(outcomes.empty());
 
     EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", false, "refused"));  // the oldest: k1
-    EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));             // then l1
+    EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));              // then l1
     EXPECT_FALSE(db_->completeQuery("SELECT 2", true));
     leaver.reset();  // its pending completion goes with it
     run();

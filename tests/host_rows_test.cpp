@@ -85,8 +85,8 @@ TEST(HostRows, ReadingThroughAnotherRecordMapsFieldsByName) {
     EXPECT_TRUE(External::Subscription(BaseRow()).empty());
 
     // Numbers are narrowed to the reading field's width; kinds that differ read as missing.
-    const RowType& wide = Host::defineRowType("RowsTest::Wide", {{"rank", FieldKind::u64}, {"group", FieldKind::u32}},
-                                              {"rank"});
+    const RowType& wide = Host::defineRowType(
+        "RowsTest::Wide", {{"rank", FieldKind::u64}, {"group", FieldKind::u32}}, {"rank"});
     const BaseRow w = makeRow(wide, {{"rank", 0x12345ull}, {"group", 5}});
     const BaseRow p = w.as(pairType());
     EXPECT_EQ(p.number(static_cast<std::size_t>(pairType().fieldIndex("rank"))), 0x2345u);
@@ -101,10 +101,12 @@ TEST(HostRows, ReadingThroughAnotherRecordMapsFieldsByName) {
 
 TEST(HostRows, OrderIsThePrimaryKeyOrder) {
     auto sub = [](unsigned sys, const std::string& path, unsigned oid) {
-        return makeRecord<External::Subscription>({{"system_description", sys}, {"outputPath", path}, {"oid", oid}});
+        return makeRecord<External::Subscription>(
+            {{"system_description", sys}, {"outputPath", path}, {"oid", oid}});
     };
     // Other fields (oid) do not take part; system_description comes before outputPath.
-    const std::vector<External::Subscription> rows = {sub(2, "a", 1), sub(1, "z", 2), sub(1, "b", 3), sub(2, "a", 9)};
+    const std::vector<External::Subscription> rows = {sub(2, "a", 1), sub(1, "z", 2), sub(1, "b", 3),
+                                                      sub(2, "a", 9)};
     std::set<External::Subscription> set(rows.begin(), rows.end());
     std::vector<std::string> keys;
     for (const auto& s : set) keys.push_back(std::to_string(s.system_description()) + s.outputPath());
@@ -127,7 +129,8 @@ TEST(HostRows, OrderIsThePrimaryKeyOrder) {
     EXPECT_FALSE(sub(0, "", 5) < External::Subscription());
     EXPECT_TRUE(External::Subscription() < sub(0, "a", 0));
     auto ctrl = [](unsigned sys, unsigned conn, unsigned table) {
-        return makeRecord<veCtrl::subscription>({{"system_description", sys}, {"connection_id", conn}, {"tableId", table}});
+        return makeRecord<veCtrl::subscription>(
+            {{"system_description", sys}, {"connection_id", conn}, {"tableId", table}});
     };
     EXPECT_TRUE(ctrl(1, 9, 9) < ctrl(2, 0, 0));
     EXPECT_TRUE(ctrl(1, 1, 9) < ctrl(1, 2, 0));
@@ -140,7 +143,8 @@ TEST(HostRows, PrintedFormShowsTypeAndEveryField) {
     pub.subscription_idIs(7);
     pub.errorIs("bad \"x\"");
     EXPECT_EQ(pub.toString(),
-              "External::Publication{subscription_id=7 publication_id=0 connection_id=0 tableId=0 typeId=0 view_id=0 "
+              "External::Publication{subscription_id=7 publication_id=0 connection_id=0 tableId=0 typeId=0 "
+              "view_id=0 "
               "status=0 error=\"bad \\\"x\\\"\" ptime=0}");
     std::ostringstream streamedForm;
     streamedForm << pub;
@@ -174,8 +178,9 @@ TEST(HostRows, EqualityIsByTypeAndValue) {
 
 TEST(HostRowTypes, RegistryIdsAndDefinitions) {
     // Built-ins first, in their fixed order.
-    const char* builtins[] = {"External::Subscription", "External::Publication", "veCtrl::subscription",
-                              "veCtrl::publication",    "veMetadata::veTable",   "veMetadata::SystemDescription",
+    const char* builtins[] = {"External::Subscription", "External::Publication",
+                              "veCtrl::subscription",   "veCtrl::publication",
+                              "veMetadata::veTable",    "veMetadata::SystemDescription",
                               "veMetadata::veClass"};
     auto db = Host::Database::create();
     auto handle = db->connect({"a", "s"});
@@ -190,7 +195,8 @@ TEST(HostRowTypes, RegistryIdsAndDefinitions) {
 
     // Redefinition: same definition gives the same type; anything else is refused.
     EXPECT_EQ(&pairType(), &pairType());
-    EXPECT_THROW(Host::defineRowType("RowsTest::Pair", {{"group", FieldKind::string}}, {"group"}), std::invalid_argument);
+    EXPECT_THROW(Host::defineRowType("RowsTest::Pair", {{"group", FieldKind::string}}, {"group"}),
+                 std::invalid_argument);
     EXPECT_THROW(Host::defineRowType("RowsTest::Bad", {{"a", FieldKind::u32}, {"a", FieldKind::u16}}, {"a"}),
                  std::invalid_argument);
     EXPECT_THROW(Host::defineRowType("RowsTest::Bad", {{"", FieldKind::u32}}, {}), std::invalid_argument);
@@ -217,7 +223,8 @@ TEST(HostRowTypes, ClassDescriptionsAndRowOps) {
     ASSERT_FALSE(cls.empty());
     EXPECT_EQ(cls.name(), "veMetadata::veTable");
     EXPECT_EQ(cls.typeId(), 5u);
-    EXPECT_EQ(cls.fields(), (std::vector<std::string>{"oid:u32", "tablePath:string", "typeName:string", "owner:string"}));
+    EXPECT_EQ(cls.fields(),
+              (std::vector<std::string>{"oid:u32", "tablePath:string", "typeName:string", "owner:string"}));
     EXPECT_TRUE(VeltaDB::veClass("No::SuchClass").empty());
 
     auto db = Host::Database::create();

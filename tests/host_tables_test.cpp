@@ -9,9 +9,9 @@ namespace {
 constexpr const char* kPath = "test/items";
 
 const RowType& itemType() {
-    return Host::defineRowType("TablesTest::Item",
-                               {{"oid", FieldKind::u32}, {"name", FieldKind::string}, {"value", FieldKind::u32}},
-                               {"name"});
+    return Host::defineRowType(
+        "TablesTest::Item", {{"oid", FieldKind::u32}, {"name", FieldKind::string}, {"value", FieldKind::u32}},
+        {"name"});
 }
 
 BaseRow item(const std::string& name, unsigned value = 0, unsigned oid = 0) {
@@ -52,18 +52,18 @@ TEST_F(HostTables, WalkSurvivesInsertReplaceAndDeletionOfTheCurrentRow) {
         const std::string name = nameOf(*it);
         seen.push_back(name);
         if (name == "b") {
-            db_->write(kPath, item("a"));   // behind the position: not visited
-            db_->write(kPath, item("c"));   // ahead: visited
+            db_->write(kPath, item("a"));  // behind the position: not visited
+            db_->write(kPath, item("c"));  // ahead: visited
         }
         if (name == "d") {
             BaseRow changed = item("d", 42);
-            iface_.rowIs(changed);          // replaced in place: * shows the new row
+            iface_.rowIs(changed);  // replaced in place: * shows the new row
             EXPECT_EQ((*it).number(2), 42u);
-            iface_.rowDel(key("d"));        // deleted: * keeps the row as it was, ++ goes on
+            iface_.rowDel(key("d"));  // deleted: * keeps the row as it was, ++ goes on
             EXPECT_EQ(nameOf(*it), "d");
             EXPECT_NE(it, iface_.end(0));
-            db_->erase(kPath, key("f"));    // the successor goes too
-            db_->write(kPath, item("e"));   // and a new successor arrives
+            db_->erase(kPath, key("f"));   // the successor goes too
+            db_->write(kPath, item("e"));  // and a new successor arrives
         }
     }
     EXPECT_EQ(seen, (std::vector<std::string>{"b", "c", "d", "e", "h"}));
@@ -140,11 +140,12 @@ TEST_F(HostTables, IndexOneFindsTheFirstRowWithAnOid) {
 }
 
 TEST_F(HostTables, IndexOneOfATypeWithoutOidFollowsThePrimaryKey) {
-    const RowType& plain = Host::defineRowType("TablesTest::Plain", {{"name", FieldKind::string}, {"n", FieldKind::u64}},
-                                               {"n", "name"});
+    const RowType& plain = Host::defineRowType(
+        "TablesTest::Plain", {{"name", FieldKind::string}, {"n", FieldKind::u64}}, {"n", "name"});
     VeTableInterface p("plain", plain.name(), kModifierMode, {}, {}, {}, {});
     agent_->bindInterface(p, "test/plain", false);
-    for (const auto& [name, n] : std::vector<std::pair<std::string, unsigned>>{{"x", 2}, {"a", 2}, {"q", 1}}) {
+    for (const auto& [name, n] :
+         std::vector<std::pair<std::string, unsigned>>{{"x", 2}, {"a", 2}, {"q", 1}}) {
         BaseRow r = makeRow(plain, {{"name", name}, {"n", n}});
         p.rowIs(r);
     }
@@ -152,7 +153,8 @@ TEST_F(HostTables, IndexOneOfATypeWithoutOidFollowsThePrimaryKey) {
     for (VeRowIterator it = p.begin(1); it != p.end(1); ++it) order.push_back((*it).string(0));
     EXPECT_EQ(order, (std::vector<std::string>{"q", "a", "x"}));
     EXPECT_EQ(p.row(makeRow(plain, {{"name", "x"}, {"n", 2}}), 1).string(0), "x");
-    EXPECT_EQ(p.find(makeRow(plain, {{"name", "a"}, {"n", 2}}), 1), p.find(makeRow(plain, {{"name", "a"}, {"n", 2}}), 0));
+    EXPECT_EQ(p.find(makeRow(plain, {{"name", "a"}, {"n", 2}}), 1),
+              p.find(makeRow(plain, {{"name", "a"}, {"n", 2}}), 0));
     EXPECT_TRUE(p.row(makeRow(plain, {{"name", "x"}, {"n", 1}}), 1).empty());
 }
 
@@ -162,8 +164,8 @@ TEST_F(HostTables, LookupsOnEmptyOrForeignKeysAndUnboundInterfaces) {
     EXPECT_EQ(iface_.find(BaseRow(), 0), iface_.end(0));
     EXPECT_TRUE((*iface_.end(0)).empty());
     // A key of another type is read by field name.
-    const BaseRow foreignKey = makeRow(Host::defineRowType("TablesTest::Name", {{"name", FieldKind::string}}, {"name"}),
-                                       {{"name", "d"}});
+    const BaseRow foreignKey = makeRow(
+        Host::defineRowType("TablesTest::Name", {{"name", FieldKind::string}}, {"name"}), {{"name", "d"}});
     EXPECT_EQ(nameOf(iface_.row(foreignKey, 0)), "d");
 
     VeTableInterface unbound("loose", itemType().name(), kModifierMode, {}, {}, {}, {});

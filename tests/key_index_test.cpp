@@ -212,7 +212,7 @@ TEST(KeyHashes, MixIsABijectionThatSpreadsAndEqualKeysHashEqual) {
     const BaseRow n = makeRow(numType(), {{"k", 77}});
     const BaseRow t = makeRow(twinType(), {{"k", 77}});
     EXPECT_EQ(numHash.hash(n), mixKey(77));
-    EXPECT_EQ(numHash.hash(t), mixKey(77));  // the real collision the owner map must survive
+    EXPECT_EQ(numHash.hash(t), mixKey(77));         // the real collision the owner map must survive
     EXPECT_EQ(numHash.hash(BaseRow()), mixKey(0));  // a row without data has the zero key
     EXPECT_EQ(dynamic_cast<const HostCapability::KeyHashing&>(*numOps).keyHash(n), mixKey(77));
     EXPECT_TRUE(numHash.exact(n));
@@ -266,7 +266,8 @@ std::vector<Owner> makeOwners() {
 template <class K>
 std::vector<std::pair<K, Owner>> contentsOf(const OwnerMap& map, const KeySpace<K>& space) {
     std::vector<std::pair<K, Owner>> out;
-    for (auto it = map.begin(); it != map.end(); ++it) out.emplace_back(space.keyOf(it->first), map.value(it));
+    for (auto it = map.begin(); it != map.end(); ++it)
+        out.emplace_back(space.keyOf(it->first), map.value(it));
     return out;
 }
 
@@ -355,13 +356,15 @@ void runMapHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, std::uin
     // An owner is held by the map while a key names it, and released with the key.
     for (const Owner& owner : owners) {
         if (!owner) continue;
-        const auto named = std::count_if(model.begin(), model.end(), [&](const auto& m) { return m.second == owner; });
+        const auto named =
+            std::count_if(model.begin(), model.end(), [&](const auto& m) { return m.second == owner; });
         EXPECT_EQ(owner.use_count(), 1 + 2 * named) << "owner " << *owner;
     }
     while (!map.empty()) map.erase(map.begin());
     for (const K& key : space.keys) EXPECT_TRUE(map.find(space.rowOf(key, 0)) == map.end());
     model.clear();
-    for (const Owner& owner : owners) EXPECT_TRUE(!owner || owner.use_count() == 1) << "a released key kept its owner";
+    for (const Owner& owner : owners)
+        EXPECT_TRUE(!owner || owner.use_count() == 1) << "a released key kept its owner";
 }
 
 // Host operations, except that keys collide on purpose: only the length of a name picks its hash.
@@ -577,7 +580,8 @@ TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
     }
     HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
     HostCapability::Lookahead::prefetchKey(observer, makeRow(twinType(), {{"k", 5}}));
-    HostCapability::Lookahead::prefetchKey(VeTableInterface("unbound", numType().name(), 1, {}, {}, {}, {}), BaseRow());
+    HostCapability::Lookahead::prefetchKey(VeTableInterface("unbound", numType().name(), 1, {}, {}, {}, {}),
+                                           BaseRow());
     db->runUntilIdle();
 
     // The deliveries are exactly the events, in order. The hooks name the same keys in the same

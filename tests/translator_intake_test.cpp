@@ -15,7 +15,8 @@ namespace Velta::Test {
 namespace {
 
 const std::string kCompleteSignature =
-    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, Velta::Agent::TableRow, "
+    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, "
+    "Velta::Agent::TableRow, "
     "bool, bool, bool, Velta::oid_t, Velta::oid_t, const string&)";
 const std::string kOneShotRefusal =
     "Can't do a one-shot read of non-materialized table. Issue a standing read, or use a query instead.";
@@ -62,13 +63,22 @@ TEST_F(IntakeTest, QuerySubscriptionRoadInServerAgent) {
     ASSERT_EQ(db_->rowCount(kCtrlSubs), 1u);
     const std::uint32_t sid = veCtrl::subscription(db_->rows(kCtrlSubs).at(0)).oid();
     ASSERT_NE(sid, 0u);
-    EXPECT_EQ(lines(kCtrlSubs), std::vector<std::string>{line(makeRecord<veCtrl::subscription>(
-                                    {{"oid", sid}, {"connection_id", sub.oid()}, {"system_description", 10},
-                                     {"typeName", "Test::Item"}, {"tableId", table.oid()}, {"features", 6},
-                                     {"writer", false}, {"ptime", 42}}))});
-    EXPECT_EQ(lines(kExtPub), std::vector<std::string>{line(makeRecord<External::Publication>(
-                                  {{"subscription_id", sub.oid()}, {"publication_id", 0}, {"status", true},
-                                   {"tableId", table.oid()}, {"typeId", typeId}, {"ptime", 0}}))});
+    EXPECT_EQ(lines(kCtrlSubs),
+              std::vector<std::string>{line(makeRecord<veCtrl::subscription>({{"oid", sid},
+                                                                              {"connection_id", sub.oid()},
+                                                                              {"system_description", 10},
+                                                                              {"typeName", "Test::Item"},
+                                                                              {"tableId", table.oid()},
+                                                                              {"features", 6},
+                                                                              {"writer", false},
+                                                                              {"ptime", 42}}))});
+    EXPECT_EQ(lines(kExtPub),
+              std::vector<std::string>{line(makeRecord<External::Publication>({{"subscription_id", sub.oid()},
+                                                                               {"publication_id", 0},
+                                                                               {"status", true},
+                                                                               {"tableId", table.oid()},
+                                                                               {"typeId", typeId},
+                                                                               {"ptime", 0}}))});
     const auto entry = t.subscription(sub);
     ASSERT_TRUE(entry);
     EXPECT_FALSE(entry->writer);
@@ -83,12 +93,20 @@ TEST_F(IntakeTest, QuerySubscriptionRoadInServerAgent) {
     ScopedDebugMask mask("SubscriptionTranslator", 0x3ff);
     Host::TraceCapture capture;
     run();
-    EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{line(makeRecord<veCtrl::publication>(
-                                   {{"subscription_id", sid}, {"tableId", table.oid()}, {"typeId", typeId},
-                                    {"system_id", 10}, {"status", true}, {"ptime", 500}}))});
-    EXPECT_EQ(lines(kExtPub), std::vector<std::string>{line(makeRecord<External::Publication>(
-                                  {{"subscription_id", sub.oid()}, {"publication_id", sid}, {"status", true},
-                                   {"tableId", table.oid()}, {"typeId", typeId}, {"ptime", 500}}))});
+    EXPECT_EQ(lines(kCtrlPub),
+              std::vector<std::string>{line(makeRecord<veCtrl::publication>({{"subscription_id", sid},
+                                                                             {"tableId", table.oid()},
+                                                                             {"typeId", typeId},
+                                                                             {"system_id", 10},
+                                                                             {"status", true},
+                                                                             {"ptime", 500}}))});
+    EXPECT_EQ(lines(kExtPub),
+              std::vector<std::string>{line(makeRecord<External::Publication>({{"subscription_id", sub.oid()},
+                                                                               {"publication_id", sid},
+                                                                               {"status", true},
+                                                                               {"tableId", table.oid()},
+                                                                               {"typeId", typeId},
+                                                                               {"ptime", 500}}))});
     EXPECT_EQ(callLines(*db_),
               (std::vector<std::string>{
                   "registerTable path=velta/out/q1 typeName=Test::Item tableType=0 desiredFlags=0 flags=0 "
@@ -117,9 +135,10 @@ TEST_F(IntakeTest, FailedQueryWithdrawsControlRowAndFailsThePublication) {
     reset(hostOptions(true));
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/bad"}, {"queryText", "SELECT key FROM velta/in/missing"},
-         {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 10},
+                                                          {"outputPath", "velta/out/bad"},
+                                                          {"queryText", "SELECT key FROM velta/in/missing"},
+                                                          {"standing", true}});
     ASSERT_TRUE(db_->runOne());
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
     ASSERT_NE(sid, 0u);
@@ -147,17 +166,19 @@ TEST_F(IntakeTest, RefusalsAreReportedInTheClientsPublication) {
     const unsigned typeId = itemTypeId();
 
     const External::Subscription noPath = writeSubscription({{"system_description", 10}, {"outputPath", ""}});
-    const External::Subscription noType =
-        writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/t"}, {"typeName", "No::Such"}});
+    const External::Subscription noType = writeSubscription(
+        {{"system_description", 10}, {"outputPath", "velta/out/t"}, {"typeName", "No::Such"}});
     // The missing system description is reported without a table, although the table exists.
     db_->createTable("velta/out/s", "Test::Item");
-    const External::Subscription noSystem = writeSubscription({{"system_description", 99}, {"outputPath", "velta/out/s"}});
-    const External::Subscription oneShot = writeSubscription({{"system_description", 10},
-                                                              {"outputPath", "velta/out/oneshot"},
-                                                              {"queryText", "SELECT * FROM velta/out/oneshot"},
-                                                              {"standing", false},
-                                                              {"desiredFlags", 0x40},
-                                                              {"flags", 0x41}});
+    const External::Subscription noSystem =
+        writeSubscription({{"system_description", 99}, {"outputPath", "velta/out/s"}});
+    const External::Subscription oneShot =
+        writeSubscription({{"system_description", 10},
+                           {"outputPath", "velta/out/oneshot"},
+                           {"queryText", "SELECT * FROM velta/out/oneshot"},
+                           {"standing", false},
+                           {"desiredFlags", 0x40},
+                           {"flags", 0x41}});
     const External::Subscription owned = writeSubscription({{"system_description", 10},
                                                             {"outputPath", "velta/out/owned"},
                                                             {"queryText", "SELECT * INTO velta/out/owned"},
@@ -168,10 +189,15 @@ TEST_F(IntakeTest, RefusalsAreReportedInTheClientsPublication) {
     const std::uint32_t oneShotTable = tableRow("velta/out/oneshot").oid();
     const std::uint32_t ownedTable = tableRow("velta/out/owned").oid();
     ASSERT_NE(oneShotTable, 0u);
-    auto failed = [](const External::Subscription& s, std::uint32_t tableId, unsigned type, const std::string& error) {
-        return makeRecord<External::Publication>({{"subscription_id", s.oid()}, {"publication_id", 0},
-                                                  {"connection_id", s.oid()}, {"tableId", tableId}, {"typeId", type},
-                                                  {"status", false}, {"error", error}});
+    auto failed = [](const External::Subscription& s, std::uint32_t tableId, unsigned type,
+                     const std::string& error) {
+        return makeRecord<External::Publication>({{"subscription_id", s.oid()},
+                                                  {"publication_id", 0},
+                                                  {"connection_id", s.oid()},
+                                                  {"tableId", tableId},
+                                                  {"typeId", type},
+                                                  {"status", false},
+                                                  {"error", error}});
     };
     std::vector<External::Publication> expected = {
         failed(noPath, 0, typeId, "Output path is empty."),
@@ -206,17 +232,22 @@ TEST_F(IntakeTest, IntakeMirrorsAnInternalPublicationThatIsAlreadyThere) {
     db_->createTable("velta/in/items", "Test::Item");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
     const unsigned typeId = itemTypeId();
-    const FieldValues values = {{"system_description", 10}, {"outputPath", "velta/out/mi"},
-                                {"queryText", "SELECT key FROM velta/in/items"}, {"standing", true}};
+    const FieldValues values = {{"system_description", 10},
+                                {"outputPath", "velta/out/mi"},
+                                {"queryText", "SELECT key FROM velta/in/items"},
+                                {"standing", true}};
     const External::Subscription sub = writeSubscription(values);
     run();
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
     const std::uint32_t tableId = tableRow("velta/out/mi").oid();
     ASSERT_NE(sid, 0u);
     ASSERT_EQ(extPubFor(sub.oid()).publication_id(), 0u);
-    const External::Publication mirrored = makeRecord<External::Publication>(
-        {{"subscription_id", sub.oid()}, {"publication_id", sid}, {"tableId", tableId}, {"typeId", typeId},
-         {"status", true}, {"ptime", 7}});
+    const External::Publication mirrored = makeRecord<External::Publication>({{"subscription_id", sub.oid()},
+                                                                              {"publication_id", sid},
+                                                                              {"tableId", tableId},
+                                                                              {"typeId", typeId},
+                                                                              {"status", true},
+                                                                              {"ptime", 7}});
     auto extPubChangesSince = [this](std::size_t mark) {
         const std::vector<std::string> all = changeLines(log_, kExtPub);
         return std::vector<std::string>(all.begin() + static_cast<std::ptrdiff_t>(mark), all.end());
@@ -224,8 +255,11 @@ TEST_F(IntakeTest, IntakeMirrorsAnInternalPublicationThatIsAlreadyThere) {
 
     // The client rewrites its row, then the host publishes; the intake is delivered first.
     writeSubscription(values);
-    db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", sid}, {"tableId", tableId},
-                                                          {"typeId", typeId}, {"status", true}, {"ptime", 7}}));
+    db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", sid},
+                                                          {"tableId", tableId},
+                                                          {"typeId", typeId},
+                                                          {"status", true},
+                                                          {"ptime", 7}}));
     std::size_t mark = changeLines(log_, kExtPub).size();
     ASSERT_TRUE(db_->runOne());
     EXPECT_EQ(extPubChangesSince(mark), std::vector<std::string>{"+" + mirrored.toString()});
@@ -269,9 +303,9 @@ TEST_F(IntakeTest, ArrivingTableClearsTheParkedEntryEvenWhenRefused) {
 TEST_F(IntakeTest, RefusalWithdrawsAnEstablishedControlRow) {
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    FieldValues values = {{"system_description", 10}, {"outputPath", "velta/out/r"},
-                          {"queryText", "SELECT * FROM velta/out/r"}, {"standing", true},
-                          {"desiredFlags", 0x40}, {"flags", 0x40}};
+    FieldValues values = {
+        {"system_description", 10}, {"outputPath", "velta/out/r"}, {"queryText", "SELECT * FROM velta/out/r"},
+        {"standing", true},         {"desiredFlags", 0x40},        {"flags", 0x40}};
     const External::Subscription sub = writeSubscription(values);
     run();
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
@@ -300,21 +334,32 @@ TEST_F(IntakeTest, LookAlikesAreAccepted) {
     ScopedDebugMask mask("SubscriptionTranslator", 1u << 4);
     Host::TraceCapture capture;
 
-    const External::Subscription desiredOnly = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/la1"}, {"queryText", "SELECT * FROM velta/out/la1"},
-         {"desiredFlags", 0x40}, {"flags", 0x01}});
-    const External::Subscription flagsOnly = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/la2"}, {"queryText", "SELECT * FROM velta/out/la2"},
-         {"desiredFlags", 0x01}, {"flags", 0x40}});
-    const External::Subscription foreignWriter = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/owned"}, {"queryText", "SELECT * INTO velta/out/owned"},
-         {"desiredFlags", 0}, {"flags", 0x40}});
-    const External::Subscription readPrefix = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/la3"}, {"queryText", "SELECT * FROM "},
-         {"desiredFlags", 0x40}, {"flags", 0x40}});
-    const External::Subscription writePrefix = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/owned2"}, {"queryText", "SELECT * INTO "},
-         {"desiredFlags", 1}});
+    const External::Subscription desiredOnly =
+        writeSubscription({{"system_description", 10},
+                           {"outputPath", "velta/out/la1"},
+                           {"queryText", "SELECT * FROM velta/out/la1"},
+                           {"desiredFlags", 0x40},
+                           {"flags", 0x01}});
+    const External::Subscription flagsOnly = writeSubscription({{"system_description", 10},
+                                                                {"outputPath", "velta/out/la2"},
+                                                                {"queryText", "SELECT * FROM velta/out/la2"},
+                                                                {"desiredFlags", 0x01},
+                                                                {"flags", 0x40}});
+    const External::Subscription foreignWriter =
+        writeSubscription({{"system_description", 10},
+                           {"outputPath", "velta/out/owned"},
+                           {"queryText", "SELECT * INTO velta/out/owned"},
+                           {"desiredFlags", 0},
+                           {"flags", 0x40}});
+    const External::Subscription readPrefix = writeSubscription({{"system_description", 10},
+                                                                 {"outputPath", "velta/out/la3"},
+                                                                 {"queryText", "SELECT * FROM "},
+                                                                 {"desiredFlags", 0x40},
+                                                                 {"flags", 0x40}});
+    const External::Subscription writePrefix = writeSubscription({{"system_description", 10},
+                                                                  {"outputPath", "velta/out/owned2"},
+                                                                  {"queryText", "SELECT * INTO "},
+                                                                  {"desiredFlags", 1}});
     run();
 
     for (const External::Subscription& s : {desiredOnly, flagsOnly, foreignWriter, readPrefix, writePrefix}) {
@@ -335,7 +380,8 @@ TEST_F(IntakeTest, LookAlikesAreAccepted) {
     }
     // Only direct reads and writes announce themselves.
     std::vector<std::string> subscribes;
-    for (const auto& r : findTraces(capture, "SubscriptionTranslator", 4, "] subscribe ")) subscribes.push_back(r.message);
+    for (const auto& r : findTraces(capture, "SubscriptionTranslator", 4, "] subscribe "))
+        subscribes.push_back(r.message);
     EXPECT_EQ(subscribes, (std::vector<std::string>{"[serverSys:10] subscribe r velta/out/la1",
                                                     "[serverSys:10] subscribe r velta/out/la2",
                                                     "[serverSys:10] subscribe w velta/out/owned"}));
@@ -346,17 +392,29 @@ TEST_F(IntakeTest, LookAlikesAreAccepted) {
 TEST_F(IntakeTest, RegisterTableArguments) {
     writeSystem(10, "clientSys", "client");
     start(Kind::server, "server", "serverSys");
-    writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/r1"}, {"queryText", "SELECT 1"},
-                       {"standing", true}, {"desiredFlags", 0x12}, {"flags", 0x34}});
+    writeSubscription({{"system_description", 10},
+                       {"outputPath", "velta/out/r1"},
+                       {"queryText", "SELECT 1"},
+                       {"standing", true},
+                       {"desiredFlags", 0x12},
+                       {"flags", 0x34}});
     run();
-    writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/r2"}, {"queryText", "SELECT 1"},
-                       {"standing", false}, {"desiredFlags", 0x34}, {"flags", 0x12}});
+    writeSubscription({{"system_description", 10},
+                       {"outputPath", "velta/out/r2"},
+                       {"queryText", "SELECT 1"},
+                       {"standing", false},
+                       {"desiredFlags", 0x34},
+                       {"flags", 0x12}});
     run();
-    writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/r3"},
-                       {"queryText", "SELECT * INTO velta/out/r3"}, {"standing", true}});
+    writeSubscription({{"system_description", 10},
+                       {"outputPath", "velta/out/r3"},
+                       {"queryText", "SELECT * INTO velta/out/r3"},
+                       {"standing", true}});
     run();
-    writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/r4"},
-                       {"queryText", "SELECT * FROM velta/out/r4"}, {"standing", false}});
+    writeSubscription({{"system_description", 10},
+                       {"outputPath", "velta/out/r4"},
+                       {"queryText", "SELECT * FROM velta/out/r4"},
+                       {"standing", false}});
     run();
     EXPECT_EQ(callLines(*db_), (std::vector<std::string>{
                                    "registerTable path=velta/out/r1 typeName=Test::Item tableType=0 "
@@ -376,17 +434,17 @@ TEST_F(IntakeTest, RegisterTableArguments) {
 TEST_F(IntakeTest, BindingsPerKindOfAgent) {
     auto bindings = [](const Agent::SubscriptionTranslator& t) {
         std::vector<std::string> out;
-        for (const char* name : {"extSubsObserver_", "extSubsPerClientObserver_", "subsReader", "subsModifier",
-                                 "extPubObserver_", "extPubModifier", "pubObserver_", "pubModifier", "sysDescReader",
-                                 "veTableObserver"}) {
+        for (const char* name : {"extSubsObserver_", "extSubsPerClientObserver_", "subsReader",
+                                 "subsModifier", "extPubObserver_", "extPubModifier", "pubObserver_",
+                                 "pubModifier", "sysDescReader", "veTableObserver"}) {
             const VeTableInterface* iface = t.tableInterface(name);
             if (iface == nullptr) {
                 out.push_back(std::string(name) + " missing");
             } else if (iface->attachment() == 0) {
                 out.push_back(std::string(name) + " unbound");
             } else {
-                out.push_back(std::string(name) + " " + iface->tablePath() + (iface->bindFlag() ? " flag" : "") +
-                              (iface->ready() ? "" : " not-ready"));
+                out.push_back(std::string(name) + " " + iface->tablePath() +
+                              (iface->bindFlag() ? " flag" : "") + (iface->ready() ? "" : " not-ready"));
             }
         }
         return out;
@@ -398,50 +456,55 @@ TEST_F(IntakeTest, BindingsPerKindOfAgent) {
     };
 
     Agent::SubscriptionTranslator* t = &start(Kind::server, "srv", "sys");
-    EXPECT_EQ(bindings(*t), (std::vector<std::string>{
-                                "extSubsObserver_ velta/External/Subscription", "extSubsPerClientObserver_ unbound",
-                                "subsReader velta/veCtrl/subscription", "subsModifier velta/veCtrl/subscription",
-                                "extPubObserver_ unbound", "extPubModifier velta/External/Publication",
-                                "pubObserver_ velta/veCtrl/publication", "pubModifier unbound",
-                                "sysDescReader velta/metadata/SystemDescription", "veTableObserver unbound"}));
-    EXPECT_EQ(required(*t), (std::vector<std::string>{"extSubsObserver_", "subsReader", "sysDescReader", "subsModifier",
-                                                      "extPubModifier", "pubObserver_"}));
+    EXPECT_EQ(bindings(*t),
+              (std::vector<std::string>{
+                  "extSubsObserver_ velta/External/Subscription", "extSubsPerClientObserver_ unbound",
+                  "subsReader velta/veCtrl/subscription", "subsModifier velta/veCtrl/subscription",
+                  "extPubObserver_ unbound", "extPubModifier velta/External/Publication",
+                  "pubObserver_ velta/veCtrl/publication", "pubModifier unbound",
+                  "sysDescReader velta/metadata/SystemDescription", "veTableObserver unbound"}));
+    EXPECT_EQ(required(*t), (std::vector<std::string>{"extSubsObserver_", "subsReader", "sysDescReader",
+                                                      "subsModifier", "extPubModifier", "pubObserver_"}));
     EXPECT_EQ(t->tableInterface("subsReader")->mode(), 1);
     EXPECT_EQ(t->tableInterface("subsModifier")->mode(), 3);
     EXPECT_EQ(t->tableInterface("veTableObserver")->mode(), 5);
     EXPECT_EQ(t->tableInterface("nothing"), nullptr);
 
     t = &start(Kind::standalone, "B", "sysB");
-    EXPECT_EQ(bindings(*t), (std::vector<std::string>{
-                                "extSubsObserver_ velta/External/Subscription", "extSubsPerClientObserver_ unbound",
-                                "subsReader velta/veCtrl/subscription", "subsModifier velta/veCtrl/subscription flag",
-                                "extPubObserver_ velta/External/Publication", "extPubModifier unbound",
-                                "pubObserver_ unbound", "pubModifier velta/veCtrl/publication flag",
-                                "sysDescReader velta/metadata/SystemDescription",
-                                "veTableObserver velta/metadata/veTable"}));
-    EXPECT_EQ(required(*t), (std::vector<std::string>{"extSubsObserver_", "subsReader", "sysDescReader", "subsModifier",
-                                                      "pubModifier", "extPubObserver_", "veTableObserver"}));
+    EXPECT_EQ(
+        bindings(*t),
+        (std::vector<std::string>{
+            "extSubsObserver_ velta/External/Subscription", "extSubsPerClientObserver_ unbound",
+            "subsReader velta/veCtrl/subscription", "subsModifier velta/veCtrl/subscription flag",
+            "extPubObserver_ velta/External/Publication", "extPubModifier unbound", "pubObserver_ unbound",
+            "pubModifier velta/veCtrl/publication flag", "sysDescReader velta/metadata/SystemDescription",
+            "veTableObserver velta/metadata/veTable"}));
+    EXPECT_EQ(required(*t),
+              (std::vector<std::string>{"extSubsObserver_", "subsReader", "sysDescReader", "subsModifier",
+                                        "pubModifier", "extPubObserver_", "veTableObserver"}));
 
     // Outside the server process an external agent writes its control rows into the shared table.
     t = &start(Kind::perAgent, "C", "sysC");
-    EXPECT_EQ(bindings(*t), (std::vector<std::string>{
-                                "extSubsObserver_ velta/External/Subscription",
-                                "extSubsPerClientObserver_ velta/External/input/C/Subscription",
-                                "subsReader velta/veCtrl/subscription", "subsModifier velta/veCtrl/subscription flag",
-                                "extPubObserver_ velta/External/Publication", "extPubModifier unbound",
-                                "pubObserver_ unbound", "pubModifier velta/veCtrl/publication flag",
-                                "sysDescReader velta/metadata/SystemDescription",
-                                "veTableObserver velta/metadata/veTable"}));
-    EXPECT_EQ(required(*t),
-              (std::vector<std::string>{"extSubsObserver_", "subsReader", "sysDescReader", "subsModifier", "pubModifier",
-                                        "extPubObserver_", "veTableObserver", "extSubsPerClientObserver_"}));
+    EXPECT_EQ(
+        bindings(*t),
+        (std::vector<std::string>{
+            "extSubsObserver_ velta/External/Subscription",
+            "extSubsPerClientObserver_ velta/External/input/C/Subscription",
+            "subsReader velta/veCtrl/subscription", "subsModifier velta/veCtrl/subscription flag",
+            "extPubObserver_ velta/External/Publication", "extPubModifier unbound", "pubObserver_ unbound",
+            "pubModifier velta/veCtrl/publication flag", "sysDescReader velta/metadata/SystemDescription",
+            "veTableObserver velta/metadata/veTable"}));
+    EXPECT_EQ(required(*t), (std::vector<std::string>{"extSubsObserver_", "subsReader", "sysDescReader",
+                                                      "subsModifier", "pubModifier", "extPubObserver_",
+                                                      "veTableObserver", "extSubsPerClientObserver_"}));
 
     // Inside the server process it writes its own per-agent control table.
     Host::Database::serverProcessIs(true);
     t = &start(Kind::perAgent, "D", "sysD");
     EXPECT_EQ(t->tableInterface("subsModifier")->tablePath(), "velta/veCtrl/input/D/subscription");
     EXPECT_FALSE(t->tableInterface("subsModifier")->bindFlag());
-    EXPECT_EQ(t->tableInterface("extSubsPerClientObserver_")->tablePath(), "velta/External/input/D/Subscription");
+    EXPECT_EQ(t->tableInterface("extSubsPerClientObserver_")->tablePath(),
+              "velta/External/input/D/Subscription");
     EXPECT_TRUE(db_->hasTable("velta/veCtrl/input/D/subscription"));
     EXPECT_TRUE(db_->hasTable("velta/External/input/D/Subscription"));
 }
@@ -467,10 +530,12 @@ TEST_F(IntakeTest, ServerWithoutTheTablesMetadataRowEndsTheProcess) {
     options.serverAgent = true;
     Agent::SubscriptionTranslator translator(std::make_shared<RegistrationLosingHost>(db_->connect(options)));
     run();
-    writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/nometa"}, {"queryText", "SELECT 1"}});
-    EXPECT_DEATH(db_->runUntilIdle(),
-                 "SubscriptionTranslator:547: void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon\\(const "
-                 "Velta::BaseRow&, bool\\): Assertion `!vdb_->isServerAgent\\(\\)' failed");
+    writeSubscription(
+        {{"system_description", 10}, {"outputPath", "velta/out/nometa"}, {"queryText", "SELECT 1"}});
+    EXPECT_DEATH(
+        db_->runUntilIdle(),
+        "SubscriptionTranslator:547: void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon\\(const "
+        "Velta::BaseRow&, bool\\): Assertion `!vdb_->isServerAgent\\(\\)' failed");
 }
 
 // A per-client row is handled with oid 0: control row, registry entry and its id mapping carry 0.
@@ -508,12 +573,14 @@ TEST_F(IntakeTest, PerClientRowsAreHandledWithOidZero) {
     handled.oidIs(0);
     std::vector<std::string> messages;
     for (const auto& r : findTraces(capture, "SubscriptionTranslator", 8, "")) messages.push_back(r.message);
-    EXPECT_EQ(messages, (std::vector<std::string>{
-                            "void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon(const Velta::BaseRow&, bool)"
-                            " (perClient:1): " + streamed(sub),
-                            kCompleteSignature + "( ok:1, sid:" + std::to_string(ctrl.oid()) + ",tr?1): " +
-                                streamed(handled) + "[]",
-                        }));
+    EXPECT_EQ(messages,
+              (std::vector<std::string>{
+                  "void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon(const Velta::BaseRow&, bool)"
+                  " (perClient:1): " +
+                      streamed(sub),
+                  kCompleteSignature + "( ok:1, sid:" + std::to_string(ctrl.oid()) +
+                      ",tr?1): " + streamed(handled) + "[]",
+              }));
 }
 
 // A non-server agent serves only its own system and agent: others are traced and left alone.
@@ -523,15 +590,18 @@ TEST_F(IntakeTest, UnrelatedSystemDescriptionIsOnlyTraced) {
     Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
     ScopedDebugMask mask("SubscriptionTranslator", 1u << 9);
     Host::TraceCapture capture;
-    writeSubscription({{"system_description", 21}, {"outputPath", "velta/out/u1"}, {"queryText", "SELECT 1"}});
-    writeSubscription({{"system_description", 22}, {"outputPath", "velta/out/u2"}, {"queryText", "SELECT 1"}});
+    writeSubscription(
+        {{"system_description", 21}, {"outputPath", "velta/out/u1"}, {"queryText", "SELECT 1"}});
+    writeSubscription(
+        {{"system_description", 22}, {"outputPath", "velta/out/u2"}, {"queryText", "SELECT 1"}});
     run();
-    EXPECT_EQ(traces(capture), (std::vector<std::string>{
-                                   "L9 SubscriptionTranslator:520 extSubsOnRowCommon | Unrelated SystemDescription "
-                                   "sysA::B [ours: sysA::A]",
-                                   "L9 SubscriptionTranslator:520 extSubsOnRowCommon | Unrelated SystemDescription "
-                                   "other::A [ours: sysA::A]",
-                               }));
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L9 SubscriptionTranslator:520 extSubsOnRowCommon | Unrelated SystemDescription "
+                  "sysA::B [ours: sysA::A]",
+                  "L9 SubscriptionTranslator:520 extSubsOnRowCommon | Unrelated SystemDescription "
+                  "other::A [ours: sysA::A]",
+              }));
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
     EXPECT_TRUE(db_->calls().empty());
@@ -557,8 +627,9 @@ TEST_F(IntakeTest, TableRowNotReadyThenCompletedWhenMetadataArrives) {
                                        "desiredFlags=1 flags=0 owner=A agent=A"});
     EXPECT_EQ(findTraces(capture, "SubscriptionTranslator", 4, "").size(), 1u);
     EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 4, "Table row not ready for velta/out/late"));
-    EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 8,
-                         "( ok:0, sid:0,tr?0): " + streamed(sub) + "[Table row not ready for velta/out/late]"));
+    EXPECT_TRUE(
+        hasTrace(capture, "SubscriptionTranslator", 8,
+                 "( ok:0, sid:0,tr?0): " + streamed(sub) + "[Table row not ready for velta/out/late]"));
     ASSERT_EQ(t.pendingTableSubscriptions().count("velta/out/late"), 1u);
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
     ASSERT_TRUE(t.subscription(sub));

@@ -16,7 +16,8 @@ namespace {
 
 const std::string kChannel = "SubscriptionTranslator";
 const std::string kCompleteSignature =
-    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, Velta::Agent::TableRow, "
+    "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, "
+    "Velta::Agent::TableRow, "
     "bool, bool, bool, Velta::oid_t, Velta::oid_t, const string&)";
 const std::string kCommonSignature =
     "void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon(const Velta::BaseRow&, bool)";
@@ -48,12 +49,14 @@ TEST_F(LifecycleTest, ConstructorRequiresServerOrExternalAgent) {
     plain.agentName = "plain";
     plain.systemName = "sys";
     VeltaDB::p_t handle = db_->connect(plain);
-    EXPECT_DEATH({ Agent::SubscriptionTranslator t(handle); },
-                 "SubscriptionTranslator:327: Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::"
-                 "VeltaDB::p_t\\): Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed");
+    EXPECT_DEATH(
+        { Agent::SubscriptionTranslator t(handle); },
+        "SubscriptionTranslator:327: Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::"
+        "VeltaDB::p_t\\): Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed");
     // The start-up notice comes first.
     ScopedDebugMask mask(kChannel, 1);
-    EXPECT_DEATH({ Agent::SubscriptionTranslator t(handle); }, "SubscriptionTranslator starting for plain:sys");
+    EXPECT_DEATH({ Agent::SubscriptionTranslator t(handle); },
+                 "SubscriptionTranslator starting for plain:sys");
 }
 
 // Construction traces, then an onTableReady with nothing ready names only the first interface of
@@ -64,24 +67,28 @@ TEST_F(LifecycleTest, ConstructionAndReadinessTraces) {
     itemType();
     translator_ = std::make_unique<Agent::SubscriptionTranslator>(
         db_->connect(agentOptions(Kind::server, "server", "serverSys")));
-    EXPECT_EQ(traces(capture),
-              (std::vector<std::string>{
-                  "L0 SubscriptionTranslator:326 SubscriptionTranslator | SubscriptionTranslator starting for "
-                  "server:serverSys",
-                  "L8 SubscriptionTranslator:347 SubscriptionTranslator | "
-                  "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator(Velta::VeltaDB::p_t)",
-              }));
+    EXPECT_EQ(
+        traces(capture),
+        (std::vector<std::string>{
+            "L0 SubscriptionTranslator:326 SubscriptionTranslator | SubscriptionTranslator starting for "
+            "server:serverSys",
+            "L8 SubscriptionTranslator:347 SubscriptionTranslator | "
+            "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator(Velta::VeltaDB::p_t)",
+        }));
     EXPECT_FALSE(translator_->debugChannel().ownsHandler());
-    EXPECT_EQ(translator_->debugChannel().handler(), Kesto::Platform::getDebugHandler("SubscriptionTranslator"));
+    EXPECT_EQ(translator_->debugChannel().handler(),
+              Kesto::Platform::getDebugHandler("SubscriptionTranslator"));
 
     capture.clear();
     translator_->onTableReady();
-    EXPECT_EQ(traces(capture), std::vector<std::string>{
-                                   "L9 SubscriptionTranslator:394 onTableReady | extSubsObserver_ not ready"});
+    EXPECT_EQ(
+        traces(capture),
+        std::vector<std::string>{"L9 SubscriptionTranslator:394 onTableReady | extSubsObserver_ not ready"});
 
     capture.clear();
     run();
-    const auto passes = findTraces(capture, kChannel, 8, "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()");
+    const auto passes =
+        findTraces(capture, kChannel, 8, "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()");
     ASSERT_EQ(passes.size(), 1u);
     EXPECT_EQ(passes[0].line, 417u);
     EXPECT_EQ(passes[0].function, "extSubsOnReady");
@@ -90,7 +97,8 @@ TEST_F(LifecycleTest, ConstructionAndReadinessTraces) {
         EXPECT_EQ(r.line, 394u);
         EXPECT_EQ(r.function, "onTableReady");
     }
-    for (VeTableInterface* iface : translator_->requiredInterfaces()) EXPECT_TRUE(iface->ready()) << iface->ifName();
+    for (VeTableInterface* iface : translator_->requiredInterfaces())
+        EXPECT_TRUE(iface->ready()) << iface->ifName();
 }
 
 // Observers are declared client-ready in a fixed order, so the host reports readers and modifiers
@@ -108,13 +116,15 @@ TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
         reset(Host::Database::Options{});
         itemType();
         writeSystem(10, "clientSys", "client");
-        writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/ro"}, {"queryText", "SELECT 1"}});
+        writeSubscription(
+            {{"system_description", 10}, {"outputPath", "velta/out/ro"}, {"queryText", "SELECT 1"}});
         ScopedDebugMask translatorMask(kChannel, (1u << 8) | (1u << 9));
         ScopedDebugMask schedulableMask("Schedulable", 1u << 8);
         Host::TraceCapture capture;
         Host::EventLog events;
         db_->listenerIs(&events);
-        translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(kind, "A", "sysA")));
+        translator_ =
+            std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(kind, "A", "sysA")));
         run();
         db_->listenerIs(nullptr);
         Observed o;
@@ -142,31 +152,34 @@ TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
     };
 
     Observed o = observe(Kind::server);
-    EXPECT_EQ(o.clientReady, (std::vector<std::string>{"extSubsObserver_ ready: 1", "pubObserver_ ready: 1"}));
-    EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader", "extPubModifier",
-                                                 "extSubsObserver_", "pubObserver_"}));
-    EXPECT_EQ(o.translator,
-              concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
-                     {"pubObserver_ not ready", "extSubsOnRowCommon", "subscriptionComplete", "extSubsOnReady"}));
+    EXPECT_EQ(o.clientReady,
+              (std::vector<std::string>{"extSubsObserver_ ready: 1", "pubObserver_ ready: 1"}));
+    EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader",
+                                                 "extPubModifier", "extSubsObserver_", "pubObserver_"}));
+    EXPECT_EQ(o.translator, concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
+                                   {"pubObserver_ not ready", "extSubsOnRowCommon", "subscriptionComplete",
+                                    "extSubsOnReady"}));
 
     o = observe(Kind::standalone);
-    EXPECT_EQ(o.clientReady, (std::vector<std::string>{"extSubsObserver_ ready: 1", "veTableObserver ready: 1",
-                                                       "extPubObserver_ ready: 1"}));
+    EXPECT_EQ(o.clientReady,
+              (std::vector<std::string>{"extSubsObserver_ ready: 1", "veTableObserver ready: 1",
+                                        "extPubObserver_ ready: 1"}));
     EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader", "pubModifier",
                                                  "extSubsObserver_", "veTableObserver", "extPubObserver_"}));
-    EXPECT_EQ(o.translator,
-              concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
-                     {"extPubObserver_ not ready", "extPubObserver_ not ready", "extSubsOnRowCommon", "extSubsOnReady"}));
+    EXPECT_EQ(o.translator, concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
+                                   {"extPubObserver_ not ready", "extPubObserver_ not ready",
+                                    "extSubsOnRowCommon", "extSubsOnReady"}));
 
     o = observe(Kind::perAgent);
-    EXPECT_EQ(o.clientReady, (std::vector<std::string>{"extSubsObserver_ ready: 1", "extSubsPerClientObserver_ ready: 1",
-                                                       "veTableObserver ready: 1", "extPubObserver_ ready: 1"}));
+    EXPECT_EQ(o.clientReady,
+              (std::vector<std::string>{"extSubsObserver_ ready: 1", "extSubsPerClientObserver_ ready: 1",
+                                        "veTableObserver ready: 1", "extPubObserver_ ready: 1"}));
     EXPECT_EQ(o.ready, (std::vector<std::string>{"subsModifier", "subsReader", "sysDescReader", "pubModifier",
-                                                 "extSubsObserver_", "extSubsPerClientObserver_", "veTableObserver",
-                                                 "extPubObserver_"}));
+                                                 "extSubsObserver_", "extSubsPerClientObserver_",
+                                                 "veTableObserver", "extPubObserver_"}));
     EXPECT_EQ(o.translator, concat(concat({"SubscriptionTranslator"}, waitingForExtSubs),
-                                   {"extPubObserver_ not ready", "extPubObserver_ not ready", "extPubObserver_ not ready",
-                                    "extSubsOnRowCommon", "extSubsOnReady"}));
+                                   {"extPubObserver_ not ready", "extPubObserver_ not ready",
+                                    "extPubObserver_ not ready", "extSubsOnRowCommon", "extSubsOnReady"}));
 }
 
 // Each ready pass walks its table with the walked observer activated and deactivates it after:
@@ -174,8 +187,12 @@ TEST_F(LifecycleTest, ReadinessOrderPerKindOfAgent) {
 TEST_F(LifecycleTest, ReadyPassesWalkWithTheirObserverActivated) {
     struct ActiveLog : Host::EventListener {
         explicit ActiveLog(const std::unique_ptr<Agent::SubscriptionTranslator>& t) : translator(t) {}
-        void onWrite(const std::string& path, const BaseRow&) override { lines.push_back("+" + path + active()); }
-        void onDelete(const std::string& path, const BaseRow&) override { lines.push_back("-" + path + active()); }
+        void onWrite(const std::string& path, const BaseRow&) override {
+            lines.push_back("+" + path + active());
+        }
+        void onDelete(const std::string& path, const BaseRow&) override {
+            lines.push_back("-" + path + active());
+        }
         std::string active() const {
             std::string out;
             for (const char* name : {"extSubsObserver_", "pubObserver_", "extPubObserver_"}) {
@@ -191,16 +208,19 @@ TEST_F(LifecycleTest, ReadyPassesWalkWithTheirObserverActivated) {
     itemType();
     writeSystem(10, "clientSys", "client");
     db_->createTable("velta/out/act", "Test::Item");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/act"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 10},
+                                                          {"outputPath", "velta/out/act"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
     db_->write(kExtPub, makeRecord<External::Publication>(
                             {{"subscription_id", sub.oid()}, {"publication_id", 777}, {"status", true}}));
     ActiveLog serverLog(translator_);
     db_->listenerIs(&serverLog);
-    translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(Kind::server, "server", "s")));
+    translator_ = std::make_unique<Agent::SubscriptionTranslator>(
+        db_->connect(agentOptions(Kind::server, "server", "s")));
     run();
-    EXPECT_EQ(serverLog.lines,
-              (std::vector<std::string>{"+" + kCtrlSubs + " extSubsObserver_", "+" + kExtPub + " pubObserver_"}));
+    EXPECT_EQ(serverLog.lines, (std::vector<std::string>{"+" + kCtrlSubs + " extSubsObserver_",
+                                                         "+" + kExtPub + " pubObserver_"}));
     EXPECT_EQ(serverLog.active(), "");
     db_->listenerIs(nullptr);
 
@@ -211,12 +231,16 @@ TEST_F(LifecycleTest, ReadyPassesWalkWithTheirObserverActivated) {
     itemType();
     writeSystem(20, "sysA", "A");
     db_->createTable("velta/out/act", "Test::Item");
-    const External::Subscription own = writeSubscription(
-        {{"system_description", 20}, {"outputPath", "velta/out/act"}, {"queryText", "SELECT 1"}, {"standing", true}});
-    db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", own.oid()}, {"status", true}}));
+    const External::Subscription own = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/act"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
+    db_->write(kExtPub,
+               makeRecord<External::Publication>({{"subscription_id", own.oid()}, {"status", true}}));
     ActiveLog agentLog(translator_);
     db_->listenerIs(&agentLog);
-    translator_ = std::make_unique<Agent::SubscriptionTranslator>(db_->connect(agentOptions(Kind::standalone, "A", "sysA")));
+    translator_ = std::make_unique<Agent::SubscriptionTranslator>(
+        db_->connect(agentOptions(Kind::standalone, "A", "sysA")));
     run();
     EXPECT_EQ(agentLog.lines, (std::vector<std::string>{"+" + kCtrlSubs + " extSubsObserver_",
                                                         "+" + kCtrlPub + " extPubObserver_",
@@ -237,8 +261,9 @@ TEST_F(LifecycleTest, TeardownKeepsTheSharedHandler) {
     ScopedDebugMask mask(kChannel, 1);
     Host::TraceCapture capture;
     start(Kind::server, "s3", "sys");
-    EXPECT_EQ(traces(capture), std::vector<std::string>{"L0 SubscriptionTranslator:326 SubscriptionTranslator | "
-                                                        "SubscriptionTranslator starting for s3:sys"});
+    EXPECT_EQ(traces(capture),
+              std::vector<std::string>{"L0 SubscriptionTranslator:326 SubscriptionTranslator | "
+                                       "SubscriptionTranslator starting for s3:sys"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -260,25 +285,27 @@ TEST_F(LifecycleTest, TraceTextsOfANonServerFlow) {
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
     ASSERT_NE(sid, 0u);
     const std::string s = streamed(sub);
-    EXPECT_EQ(traces(capture),
-              (std::vector<std::string>{
-                  "L8 SubscriptionTranslator:477 extSubsOnRowCommon | " + kCommonSignature + " (perClient:0): " + s,
-                  "L4 SubscriptionTranslator:556 extSubsOnRowCommon | Table row not ready for velta/out/tt",
-                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature + "( ok:0, sid:0,tr?0): " +
-                      s + "[Table row not ready for velta/out/tt]",
-                  "L8 SubscriptionTranslator:641 onTableRow | "
-                  "void Velta::Agent::SubscriptionTranslator::onTableRow(const Velta::BaseRow&): ",
-                  "L9 SubscriptionTranslator:642 onTableRow |   table row: " + streamed(table),
-                  "L8 SubscriptionTranslator:477 extSubsOnRowCommon | " + kCommonSignature + " (perClient:0): " + s,
-                  "L4 SubscriptionTranslator:593 extSubsOnRowCommon | [sysA:20] subscribe r velta/out/tt",
-                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature + "( ok:1, sid:" +
-                      std::to_string(sid) + ",tr?1): " + s + "[]",
-                  "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/tt, 0=>" +
-                      std::to_string(sid),
-              }));
+    EXPECT_EQ(
+        traces(capture),
+        (std::vector<std::string>{
+            "L8 SubscriptionTranslator:477 extSubsOnRowCommon | " + kCommonSignature + " (perClient:0): " + s,
+            "L4 SubscriptionTranslator:556 extSubsOnRowCommon | Table row not ready for velta/out/tt",
+            "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature +
+                "( ok:0, sid:0,tr?0): " + s + "[Table row not ready for velta/out/tt]",
+            "L8 SubscriptionTranslator:641 onTableRow | "
+            "void Velta::Agent::SubscriptionTranslator::onTableRow(const Velta::BaseRow&): ",
+            "L9 SubscriptionTranslator:642 onTableRow |   table row: " + streamed(table),
+            "L8 SubscriptionTranslator:477 extSubsOnRowCommon | " + kCommonSignature + " (perClient:0): " + s,
+            "L4 SubscriptionTranslator:593 extSubsOnRowCommon | [sysA:20] subscribe r velta/out/tt",
+            "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature +
+                "( ok:1, sid:" + std::to_string(sid) + ",tr?1): " + s + "[]",
+            "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/tt, 0=>" +
+                std::to_string(sid),
+        }));
 
     capture.clear();
-    const BaseRow pub = db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", sub.oid()}}));
+    const BaseRow pub =
+        db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", sub.oid()}}));
     run();
     ASSERT_TRUE(db_->erase(kExtPub, pub));
     run();
@@ -299,12 +326,16 @@ TEST_F(LifecycleTest, TraceTextsOfServerPublications) {
     writeSystem(10, "clientSys", "client");
     db_->createTable("velta/in/items", "Test::Item");
     start(Kind::server, "server", "serverSys");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/ts"}, {"queryText", "SELECT key FROM velta/in/items"}});
+    const External::Subscription sub = writeSubscription({{"system_description", 10},
+                                                          {"outputPath", "velta/out/ts"},
+                                                          {"queryText", "SELECT key FROM velta/in/items"}});
     run();
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
-    const veCtrl::publication internal = makeRecord<veCtrl::publication>(
-        {{"subscription_id", sid}, {"tableId", tableRow("velta/out/ts").oid()}, {"typeId", itemTypeId()}, {"status", true}});
+    const veCtrl::publication internal =
+        makeRecord<veCtrl::publication>({{"subscription_id", sid},
+                                         {"tableId", tableRow("velta/out/ts").oid()},
+                                         {"typeId", itemTypeId()},
+                                         {"status", true}});
 
     ScopedDebugMask mask(kChannel, 0x3ff);
     Host::TraceCapture capture;
@@ -315,11 +346,13 @@ TEST_F(LifecycleTest, TraceTextsOfServerPublications) {
     EXPECT_EQ(traces(capture),
               (std::vector<std::string>{
                   "L8 SubscriptionTranslator:760 pubOnRow | "
-                  "void Velta::Agent::SubscriptionTranslator::pubOnRow(const Velta::BaseRow&): " + streamed(internal),
-                  "L4 SubscriptionTranslator:822 pubOnRow | [serverSys:10] defineQuery (velta/out/ts) SELECT key FROM "
+                  "void Velta::Agent::SubscriptionTranslator::pubOnRow(const Velta::BaseRow&): " +
+                      streamed(internal),
+                  "L4 SubscriptionTranslator:822 pubOnRow | [serverSys:10] defineQuery (velta/out/ts) SELECT "
+                  "key FROM "
                   "velta/in/items",
-                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature + "( ok:1, sid:" +
-                      std::to_string(sid) + ",tr?1): " + streamed(sub) + "[]",
+                  "L8 SubscriptionTranslator:695 subscriptionComplete | " + kCompleteSignature +
+                      "( ok:1, sid:" + std::to_string(sid) + ",tr?1): " + streamed(sub) + "[]",
                   "L8 SubscriptionTranslator:846 pubOnDelete | "
                   "void Velta::Agent::SubscriptionTranslator::pubOnDelete(const Velta::BaseRow&)",
               }));
@@ -339,13 +372,18 @@ TEST_F(LifecycleTest, TracesFollowTheMaskLevelByLevel) {
         writeSystem(11, "internalSys", "member", 0);
         db_->createTable("velta/in/items", "Test::Item");
         start(Kind::server, "server", "serverSys");
-        const External::Subscription query = writeSubscription(
-            {{"system_description", 10}, {"outputPath", "velta/out/q"}, {"queryText", "SELECT key FROM velta/in/items"},
-             {"paramName", {"p"}}, {"paramValue", {"v"}}});
-        const External::Subscription reader = writeSubscription(
-            {{"system_description", 10}, {"outputPath", "velta/out/r"}, {"queryText", "SELECT * FROM velta/out/r"},
-             {"standing", true}});
-        writeSubscription({{"system_description", 11}, {"outputPath", "velta/out/m"}, {"queryText", "SELECT 1"}});
+        const External::Subscription query =
+            writeSubscription({{"system_description", 10},
+                               {"outputPath", "velta/out/q"},
+                               {"queryText", "SELECT key FROM velta/in/items"},
+                               {"paramName", {"p"}},
+                               {"paramValue", {"v"}}});
+        const External::Subscription reader = writeSubscription({{"system_description", 10},
+                                                                 {"outputPath", "velta/out/r"},
+                                                                 {"queryText", "SELECT * FROM velta/out/r"},
+                                                                 {"standing", true}});
+        writeSubscription(
+            {{"system_description", 11}, {"outputPath", "velta/out/m"}, {"queryText", "SELECT 1"}});
         writeSubscription({{"system_description", 99}, {"outputPath", "velta/out/x"}});
         run();
         db_->erase(kExtSubs, query);
@@ -357,7 +395,8 @@ TEST_F(LifecycleTest, TracesFollowTheMaskLevelByLevel) {
         start(Kind::standalone, "A", "sysA");
         const External::Subscription own = writeSubscription(
             {{"system_description", 20}, {"outputPath", "velta/out/a"}, {"queryText", "SELECT 1"}});
-        writeSubscription({{"system_description", 10}, {"outputPath", "velta/out/b"}, {"queryText", "SELECT 1"}});
+        writeSubscription(
+            {{"system_description", 10}, {"outputPath", "velta/out/b"}, {"queryText", "SELECT 1"}});
         run();
         db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", own.oid()}}));
         db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", 4242}}));
@@ -424,9 +463,13 @@ TEST_F(LifecycleTest, WalkThroughServerAgent) {
     const std::uint32_t readerTable = tableRow("velta/out/wr").oid();
     auto extPub = [&](const External::Subscription& s, std::uint32_t sid, std::uint32_t table, bool status,
                       const std::string& error) {
-        return makeRecord<External::Publication>({{"subscription_id", s.oid()}, {"publication_id", sid},
-                                                  {"tableId", table}, {"typeId", typeId}, {"status", status},
-                                                  {"error", error}}).toString();
+        return makeRecord<External::Publication>({{"subscription_id", s.oid()},
+                                                  {"publication_id", sid},
+                                                  {"tableId", table},
+                                                  {"typeId", typeId},
+                                                  {"status", status},
+                                                  {"error", error}})
+            .toString();
     };
     EXPECT_EQ(lines(kExtPub), (std::vector<std::string>{extPub(query, querySid, queryTable, true, ""),
                                                         extPub(reader, readerSid, readerTable, true, "")}));
@@ -443,8 +486,11 @@ TEST_F(LifecycleTest, WalkThroughServerAgent) {
     EXPECT_EQ(t.publications().size(), 2u);
 
     // The host reports a problem with the query's publication: the client sees it.
-    db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", querySid}, {"tableId", queryTable},
-                                                          {"typeId", typeId}, {"system_id", 10}, {"status", false},
+    db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", querySid},
+                                                          {"tableId", queryTable},
+                                                          {"typeId", typeId},
+                                                          {"system_id", 10},
+                                                          {"status", false},
                                                           {"error", "lost"}}));
     run();
     EXPECT_EQ(lines(kExtPub), (std::vector<std::string>{extPub(query, querySid, queryTable, false, "lost"),
@@ -496,13 +542,22 @@ TEST_F(LifecycleTest, WalkThroughStandaloneNonServerAgent) {
 
     // The client publishes, then changes its publication.
     auto clientPub = [&](bool status, const std::string& error) {
-        return makeRecord<External::Publication>({{"subscription_id", sub.oid()}, {"tableId", ctrl.tableId()},
-                                                  {"typeId", 9}, {"ptime", 5}, {"status", status}, {"error", error}});
+        return makeRecord<External::Publication>({{"subscription_id", sub.oid()},
+                                                  {"tableId", ctrl.tableId()},
+                                                  {"typeId", 9},
+                                                  {"ptime", 5},
+                                                  {"status", status},
+                                                  {"error", error}});
     };
     auto carried = [&](bool status, const std::string& error) {
-        return makeRecord<veCtrl::publication>({{"subscription_id", ctrl.oid()}, {"tableId", ctrl.tableId()},
-                                                {"typeId", 9}, {"ptime", 5}, {"system_id", 20}, {"status", status},
-                                                {"error", error}}).toString();
+        return makeRecord<veCtrl::publication>({{"subscription_id", ctrl.oid()},
+                                                {"tableId", ctrl.tableId()},
+                                                {"typeId", 9},
+                                                {"ptime", 5},
+                                                {"system_id", 20},
+                                                {"status", status},
+                                                {"error", error}})
+            .toString();
     };
     db_->write(kExtPub, clientPub(true, ""));
     run();
@@ -537,11 +592,16 @@ TEST_F(LifecycleTest, WalkThroughPerAgentNonServerAgent) {
     const std::string clientTable = "velta/External/input/A/Subscription";
     ASSERT_TRUE(db_->hasTable(clientTable));
 
-    const External::Subscription shared = writeSubscription(
-        {{"system_description", 20}, {"outputPath", "velta/out/pa"}, {"queryText", "SELECT 1"}, {"standing", true}});
-    const External::Subscription perClient = writeSubscription(
-        {{"oid", 7}, {"system_description", 20}, {"outputPath", "velta/out/pc"}, {"queryText", "SELECT 2"}, {"standing", true}},
-        clientTable);
+    const External::Subscription shared = writeSubscription({{"system_description", 20},
+                                                             {"outputPath", "velta/out/pa"},
+                                                             {"queryText", "SELECT 1"},
+                                                             {"standing", true}});
+    const External::Subscription perClient = writeSubscription({{"oid", 7},
+                                                                {"system_description", 20},
+                                                                {"outputPath", "velta/out/pc"},
+                                                                {"queryText", "SELECT 2"},
+                                                                {"standing", true}},
+                                                               clientTable);
     run();
     const veCtrl::subscription sharedCtrl = ctrlFor(shared.oid());
     const veCtrl::subscription clientCtrl = ctrlFor(0);
@@ -552,10 +612,14 @@ TEST_F(LifecycleTest, WalkThroughPerAgentNonServerAgent) {
     EXPECT_EQ(t.subscriptionCount(), 2u);
     EXPECT_TRUE(db_->calls().empty());
 
-    db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", shared.oid()}, {"status", true}}));
+    db_->write(kExtPub,
+               makeRecord<External::Publication>({{"subscription_id", shared.oid()}, {"status", true}}));
     run();
-    EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{makeRecord<veCtrl::publication>(
-                                   {{"subscription_id", sharedCtrl.oid()}, {"system_id", 20}, {"status", true}}).toString()});
+    EXPECT_EQ(lines(kCtrlPub),
+              std::vector<std::string>{
+                  makeRecord<veCtrl::publication>(
+                      {{"subscription_id", sharedCtrl.oid()}, {"system_id", 20}, {"status", true}})
+                      .toString()});
 
     // A per-client row has no withdrawal of its own; the shared one does.
     ASSERT_TRUE(db_->erase(clientTable, perClient));

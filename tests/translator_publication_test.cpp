@@ -13,7 +13,6 @@
 namespace Velta::Test {
 namespace {
 
-
 class PublicationTest : public TranslatorTest {
 protected:
     struct Established {
@@ -35,20 +34,28 @@ protected:
     }
     veCtrl::publication internal(const Established& e, std::uint64_t ptime, bool status = true,
                                  const std::string& error = "") {
-        return makeRecord<veCtrl::publication>({{"subscription_id", e.sid}, {"tableId", e.table.oid()},
-                                                {"typeId", itemTypeId()}, {"system_id", 10}, {"status", status},
-                                                {"error", error}, {"ptime", ptime}});
+        return makeRecord<veCtrl::publication>({{"subscription_id", e.sid},
+                                                {"tableId", e.table.oid()},
+                                                {"typeId", itemTypeId()},
+                                                {"system_id", 10},
+                                                {"status", status},
+                                                {"error", error},
+                                                {"ptime", ptime}});
     }
     External::Publication mirrored(const Established& e, std::uint64_t ptime, bool status = true,
                                    const std::string& error = "") {
-        return makeRecord<External::Publication>({{"subscription_id", e.sub.oid()}, {"publication_id", e.sid},
-                                                  {"tableId", e.table.oid()}, {"typeId", itemTypeId()},
-                                                  {"status", status}, {"error", error}, {"ptime", ptime}});
+        return makeRecord<External::Publication>({{"subscription_id", e.sub.oid()},
+                                                  {"publication_id", e.sid},
+                                                  {"tableId", e.table.oid()},
+                                                  {"typeId", itemTypeId()},
+                                                  {"status", status},
+                                                  {"error", error},
+                                                  {"ptime", ptime}});
     }
     std::size_t defineQueries() const {
-        return static_cast<std::size_t>(std::count_if(db_->calls().begin(), db_->calls().end(), [](const Host::HostCall& c) {
-            return c.kind == Host::HostCall::Kind::defineQuery;
-        }));
+        return static_cast<std::size_t>(std::count_if(
+            db_->calls().begin(), db_->calls().end(),
+            [](const Host::HostCall& c) { return c.kind == Host::HostCall::Kind::defineQuery; }));
     }
     // The change log's lines for `path` from position `from` on.
     std::vector<std::string> changesSince(const std::string& path, std::size_t from) const {
@@ -74,8 +81,10 @@ TEST_F(PublicationTest, UnchangedPublicationIsNotRewrittenButQueryIsDefinedAgain
     writeSystem(10, "clientSys", "client");
     db_->createTable("velta/in/items", "Test::Item");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const Established e = establish({{"system_description", 10}, {"outputPath", "velta/out/m"},
-                                     {"queryText", "SELECT key FROM velta/in/items"}, {"standing", true}});
+    const Established e = establish({{"system_description", 10},
+                                     {"outputPath", "velta/out/m"},
+                                     {"queryText", "SELECT key FROM velta/in/items"},
+                                     {"standing", true}});
     const std::size_t mark = changeLines(log_, kExtPub).size();
 
     struct Step {
@@ -85,8 +94,8 @@ TEST_F(PublicationTest, UnchangedPublicationIsNotRewrittenButQueryIsDefinedAgain
         std::size_t queries;  // defineQuery calls so far
     };
     const std::vector<Step> steps = {
-        {100, true, "", 1}, {100, true, "", 2}, {149, true, "", 3}, {150, true, "", 4},
-        {150, true, "warn", 5}, {150, false, "broken", 5},
+        {100, true, "", 1}, {100, true, "", 2},     {149, true, "", 3},
+        {150, true, "", 4}, {150, true, "warn", 5}, {150, false, "broken", 5},
     };
     for (const Step& s : steps) {
         db_->write(kCtrlPub, internal(e, s.ptime, s.status, s.error));
@@ -117,10 +126,14 @@ TEST_F(PublicationTest, PublicationsThatAreNotMirroredOrDefineNoQuery) {
     writeSystem(10, "clientSys", "client");
     writeSystem(11, "internalSys", "member", 0);
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const Established member = establish(
-        {{"system_description", 11}, {"outputPath", "velta/out/member"}, {"queryText", "SELECT 1"}, {"standing", true}});
-    const Established reader = establish({{"system_description", 10}, {"outputPath", "velta/out/reader"},
-                                          {"queryText", "SELECT * FROM velta/out/reader"}, {"standing", true}});
+    const Established member = establish({{"system_description", 11},
+                                          {"outputPath", "velta/out/member"},
+                                          {"queryText", "SELECT 1"},
+                                          {"standing", true}});
+    const Established reader = establish({{"system_description", 10},
+                                          {"outputPath", "velta/out/reader"},
+                                          {"queryText", "SELECT * FROM velta/out/reader"},
+                                          {"standing", true}});
     const std::vector<std::string> pubsBefore = lines(kExtPub);
     const std::size_t mark = changeLines(log_, kExtPub).size();
 
@@ -135,11 +148,13 @@ TEST_F(PublicationTest, PublicationsThatAreNotMirroredOrDefineNoQuery) {
     noTable.sid = reader.sid;
     db_->write(kCtrlPub, internal(noTable, 10));
     run();
-    EXPECT_EQ(traces(capture), std::vector<std::string>{
-                                   "L2 SubscriptionTranslator:775 pubOnRow |   PublicationTranslator Skipping internal "
-                                   "publication: " + streamed(ctrlFor(member.sub.oid())) + " for internal member " +
-                                   streamed(makeRecord<veMetadata::SystemDescription>(
-                                       {{"oid", 11}, {"sysName", "internalSys"}, {"agentName", "member"}}))});
+    EXPECT_EQ(traces(capture),
+              std::vector<std::string>{
+                  "L2 SubscriptionTranslator:775 pubOnRow |   PublicationTranslator Skipping internal "
+                  "publication: " +
+                  streamed(ctrlFor(member.sub.oid())) + " for internal member " +
+                  streamed(makeRecord<veMetadata::SystemDescription>(
+                      {{"oid", 11}, {"sysName", "internalSys"}, {"agentName", "member"}}))});
     EXPECT_EQ(lines(kExtPub), pubsBefore);
     EXPECT_TRUE(t.publications().empty());
 
@@ -153,8 +168,10 @@ TEST_F(PublicationTest, PublicationsThatAreNotMirroredOrDefineNoQuery) {
     EXPECT_FALSE(hasTrace(capture, "SubscriptionTranslator", 4, "defineQuery"));
 
     // An external subscription that is gone while its control row stays: nothing is mirrored.
-    const Established gone = establish(
-        {{"system_description", 10}, {"outputPath", "velta/out/gone"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const Established gone = establish({{"system_description", 10},
+                                        {"outputPath", "velta/out/gone"},
+                                        {"queryText", "SELECT 1"},
+                                        {"standing", true}});
     t.clean();  // forget the registry, so the deletion below leaves the control row
     ASSERT_TRUE(db_->erase(kExtSubs, gone.sub));
     run();
@@ -171,15 +188,18 @@ TEST_F(PublicationTest, DeletedInternalPublicationFailsTheClientsRow) {
     itemType();
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const Established e = establish(
-        {{"system_description", 10}, {"outputPath", "velta/out/d"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const Established e = establish({{"system_description", 10},
+                                     {"outputPath", "velta/out/d"},
+                                     {"queryText", "SELECT 1"},
+                                     {"standing", true}});
     db_->write(kCtrlPub, internal(e, 10));
     run();
     ASSERT_EQ(t.publications().size(), 1u);
 
     ASSERT_TRUE(db_->erase(kCtrlPub, internal(e, 10)));
     run();
-    EXPECT_EQ(lines(kExtPub), std::vector<std::string>{mirrored(e, 10, false, "no corresponding publication row").toString()});
+    EXPECT_EQ(lines(kExtPub), std::vector<std::string>{
+                                  mirrored(e, 10, false, "no corresponding publication row").toString()});
     EXPECT_TRUE(t.publications().empty());
 
     db_->write(kCtrlPub, internal(e, 20));
@@ -210,12 +230,18 @@ TEST_F(PublicationTest, ReadyPassMarksOrphanedClientRowsAndIsRepeatable) {
     itemType();
     writeSystem(10, "clientSys", "client");
     start(Kind::server, "server", "serverSys");
-    const Established good = establish(
-        {{"system_description", 10}, {"outputPath", "velta/out/good"}, {"queryText", "SELECT 1"}, {"standing", true}});
-    const Established placeholder = establish(
-        {{"system_description", 10}, {"outputPath", "velta/out/ph"}, {"queryText", "SELECT 2"}, {"standing", true}});
-    const Established orphan = establish(
-        {{"system_description", 10}, {"outputPath", "velta/out/orphan"}, {"queryText", "SELECT 3"}, {"standing", true}});
+    const Established good = establish({{"system_description", 10},
+                                        {"outputPath", "velta/out/good"},
+                                        {"queryText", "SELECT 1"},
+                                        {"standing", true}});
+    const Established placeholder = establish({{"system_description", 10},
+                                               {"outputPath", "velta/out/ph"},
+                                               {"queryText", "SELECT 2"},
+                                               {"standing", true}});
+    const Established orphan = establish({{"system_description", 10},
+                                          {"outputPath", "velta/out/orphan"},
+                                          {"queryText", "SELECT 3"},
+                                          {"standing", true}});
     db_->write(kCtrlPub, internal(good, 10));
     run();
     External::Publication orphaned = mirrored(orphan, 10);
@@ -256,24 +282,27 @@ TEST_F(PublicationTest, ReadyPassSweepsStaleControlRowsAndPublications) {
     itemType();
     writeSystem(10, "clientSys", "client");
     writeSystem(11, "internalSys", "member", 0);
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/s"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 10},
+                                                          {"outputPath", "velta/out/s"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
     auto ctrl = [](unsigned systemDescription, unsigned connection, unsigned tableId) {
         return makeRecord<veCtrl::subscription>(
             {{"system_description", systemDescription}, {"connection_id", connection}, {"tableId", tableId}});
     };
-    db_->write(kCtrlSubs, ctrl(77, sub.oid(), 1));         // no system description
-    db_->write(kCtrlSubs, ctrl(11, sub.oid(), 1));         // internal member
-    db_->write(kCtrlSubs, ctrl(10, 5555, 1));              // no external subscription
+    db_->write(kCtrlSubs, ctrl(77, sub.oid(), 1));  // no system description
+    db_->write(kCtrlSubs, ctrl(11, sub.oid(), 1));  // internal member
+    db_->write(kCtrlSubs, ctrl(10, 5555, 1));       // no external subscription
     const BaseRow kept = db_->write(kCtrlSubs, ctrl(10, sub.oid(), 4242));
     db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", 6666}, {"status", true}}));
-    const BaseRow keptPub =
-        db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", sub.oid()}, {"status", true}}));
+    const BaseRow keptPub = db_->write(
+        kExtPub, makeRecord<External::Publication>({{"subscription_id", sub.oid()}, {"status", true}}));
 
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
     const std::uint32_t sid = entryOf(t, sub).sid;
     ASSERT_NE(sid, 0u);
-    const veCtrl::subscription intake(db_->read(kCtrlSubs, makeRecord<veCtrl::subscription>({{"oid", sid}}), 1));
+    const veCtrl::subscription intake(
+        db_->read(kCtrlSubs, makeRecord<veCtrl::subscription>({{"oid", sid}}), 1));
     ASSERT_EQ(intake.tableId(), tableRow("velta/out/s").oid());
     std::vector<std::string> expected = {kept.toString(), intake.toString()};
     std::vector<std::string> actual = lines(kCtrlSubs);
@@ -289,9 +318,12 @@ TEST_F(PublicationTest, UnequalParameterListsEndTheProcess) {
     itemType();
     writeSystem(10, "clientSys", "client");
     start(Kind::server, "server", "serverSys");
-    const Established e = establish({{"system_description", 10}, {"outputPath", "velta/out/bad"},
-                                     {"queryText", "SELECT 1"}, {"standing", true},
-                                     {"paramName", {"a", "b"}}, {"paramValue", {"1"}}});
+    const Established e = establish({{"system_description", 10},
+                                     {"outputPath", "velta/out/bad"},
+                                     {"queryText", "SELECT 1"},
+                                     {"standing", true},
+                                     {"paramName", {"a", "b"}},
+                                     {"paramValue", {"1"}}});
     db_->write(kCtrlPub, internal(e, 10));
     EXPECT_DEATH(db_->runUntilIdle(),
                  "SubscriptionTranslator:812: void Velta::Agent::SubscriptionTranslator::pubOnRow\\(const "
@@ -308,18 +340,33 @@ protected:
         writeSystem(20, "sysA", "A");
         db_->createTable("velta/out/e", "Test::Item");
         start(Kind::standalone, "A", "sysA");
-        e_ = establish({{"system_description", 20}, {"outputPath", "velta/out/e"},
-                        {"queryText", "SELECT * FROM velta/out/e"}, {"standing", true}});
+        e_ = establish({{"system_description", 20},
+                        {"outputPath", "velta/out/e"},
+                        {"queryText", "SELECT * FROM velta/out/e"},
+                        {"standing", true}});
     }
-    External::Publication clientRow(std::uint32_t subscriptionId, bool status = true, const std::string& error = "") {
-        return makeRecord<External::Publication>({{"subscription_id", subscriptionId}, {"publication_id", 1},
-                                                  {"view_id", 3}, {"connection_id", 4}, {"tableId", 5},
-                                                  {"typeId", 6}, {"ptime", 7}, {"status", status}, {"error", error}});
+    External::Publication clientRow(std::uint32_t subscriptionId, bool status = true,
+                                    const std::string& error = "") {
+        return makeRecord<External::Publication>({{"subscription_id", subscriptionId},
+                                                  {"publication_id", 1},
+                                                  {"view_id", 3},
+                                                  {"connection_id", 4},
+                                                  {"tableId", 5},
+                                                  {"typeId", 6},
+                                                  {"ptime", 7},
+                                                  {"status", status},
+                                                  {"error", error}});
     }
     veCtrl::publication carried(std::uint32_t sid, bool status = true, const std::string& error = "") {
-        return makeRecord<veCtrl::publication>({{"subscription_id", sid}, {"view_id", 3}, {"connection_id", 4},
-                                                {"tableId", 5}, {"typeId", 6}, {"ptime", 7}, {"system_id", 20},
-                                                {"status", status}, {"error", error}});
+        return makeRecord<veCtrl::publication>({{"subscription_id", sid},
+                                                {"view_id", 3},
+                                                {"connection_id", 4},
+                                                {"tableId", 5},
+                                                {"typeId", 6},
+                                                {"ptime", 7},
+                                                {"system_id", 20},
+                                                {"status", status},
+                                                {"error", error}});
     }
     Agent::SubscriptionTranslator& t() { return *translator_; }
     Established e_;
@@ -337,7 +384,8 @@ TEST_F(ExternalPublicationTest, ClientPublicationIsCarriedOverUnconditionally) {
     EXPECT_EQ(changesSince(kCtrlPub, mark), (std::vector<std::string>{"+" + row, "+" + row}));
     EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{row});
     // Nothing is written back to the client's row.
-    EXPECT_EQ(extPubFor(e_.sub.oid()).toString(), clientRow(e_.sub.oid(), false, "client says no").toString());
+    EXPECT_EQ(extPubFor(e_.sub.oid()).toString(),
+              clientRow(e_.sub.oid(), false, "client says no").toString());
 }
 
 // Each missing piece ends the carry-over with its own trace and no write.
@@ -349,9 +397,10 @@ TEST_F(ExternalPublicationTest, EachMissingPieceIsTracedAndNothingWritten) {
     // An unrelated subscription (no registry entry) and a refused one (entry with sid 0).
     const External::Subscription unrelated = writeSubscription(
         {{"system_description", 21}, {"outputPath", "velta/out/u"}, {"queryText", "SELECT 1"}});
-    const External::Subscription refused = writeSubscription(
-        {{"system_description", 22}, {"outputPath", "velta/out/owned"}, {"queryText", "SELECT * INTO velta/out/owned"},
-         {"desiredFlags", 1}});
+    const External::Subscription refused = writeSubscription({{"system_description", 22},
+                                                              {"outputPath", "velta/out/owned"},
+                                                              {"queryText", "SELECT * INTO velta/out/owned"},
+                                                              {"desiredFlags", 1}});
     run();
     ASSERT_FALSE(t().subscription(unrelated));
     ASSERT_EQ(entryOf(t(), refused).sid, 0u);
@@ -374,29 +423,36 @@ TEST_F(ExternalPublicationTest, EachMissingPieceIsTracedAndNothingWritten) {
     db_->write(kExtPub, clientRow(e_.sub.oid()));
     run();
     // It comes back for another agent of the same system, then for another system.
-    const std::string prefix = "L2 SubscriptionTranslator:923 extPubOnRow |   PublicationTranslator Skipping unrelated "
-                               "subscription: " + streamed(e_.sub) + " (for system: ";
+    const std::string prefix =
+        "L2 SubscriptionTranslator:923 extPubOnRow |   PublicationTranslator Skipping unrelated "
+        "subscription: " +
+        streamed(e_.sub) + " (for system: ";
     writeSystem(20, "sysA", "B");
     db_->write(kExtPub, clientRow(e_.sub.oid()));
     run();
     writeSystem(20, "other", "A");
     db_->write(kExtPub, clientRow(e_.sub.oid()));
     run();
-    EXPECT_EQ(traces(capture),
-              (std::vector<std::string>{
-                  "L4 SubscriptionTranslator:897 extPubOnRow | No corresponding external Subscription for " +
-                      streamed(noSub),
-                  "L4 SubscriptionTranslator:903 extPubOnRow | No internal entry for Subscription " +
-                      streamed(unrelated),
-                  "L4 SubscriptionTranslator:909 extPubOnRow | No corresponding ctrl subscription for " +
-                      streamed(noCtrl),
-                  "L2 SubscriptionTranslator:916 extPubOnRow | No matching system description for subscription: " +
-                      streamed(e_.sub),
-                  prefix + streamed(makeRecord<veMetadata::SystemDescription>(
-                               {{"oid", 20}, {"sysName", "sysA"}, {"agentName", "B"}, {"properties", 1}})) + ")",
-                  prefix + streamed(makeRecord<veMetadata::SystemDescription>(
-                               {{"oid", 20}, {"sysName", "other"}, {"agentName", "A"}, {"properties", 1}})) + ")",
-              }));
+    EXPECT_EQ(
+        traces(capture),
+        (std::vector<std::string>{
+            "L4 SubscriptionTranslator:897 extPubOnRow | No corresponding external Subscription for " +
+                streamed(noSub),
+            "L4 SubscriptionTranslator:903 extPubOnRow | No internal entry for Subscription " +
+                streamed(unrelated),
+            "L4 SubscriptionTranslator:909 extPubOnRow | No corresponding ctrl subscription for " +
+                streamed(noCtrl),
+            "L2 SubscriptionTranslator:916 extPubOnRow | No matching system description for subscription: " +
+                streamed(e_.sub),
+            prefix +
+                streamed(makeRecord<veMetadata::SystemDescription>(
+                    {{"oid", 20}, {"sysName", "sysA"}, {"agentName", "B"}, {"properties", 1}})) +
+                ")",
+            prefix +
+                streamed(makeRecord<veMetadata::SystemDescription>(
+                    {{"oid", 20}, {"sysName", "other"}, {"agentName", "A"}, {"properties", 1}})) +
+                ")",
+        }));
     EXPECT_TRUE(changesSince(kCtrlPub, mark).empty());
 }
 
@@ -415,9 +471,10 @@ TEST_F(ExternalPublicationTest, DeletedClientPublicationIsLookedUpThroughItsOwnR
     ASSERT_TRUE(db_->erase(kExtPub, clientRow(e_.sub.oid())));
     run();
     EXPECT_EQ(lines(kCtrlPub), before);
-    EXPECT_EQ(traces(capture), std::vector<std::string>{
-                                   "L8 SubscriptionTranslator:950 extPubOnDelete | void "
-                                   "Velta::Agent::SubscriptionTranslator::extPubOnDelete(const Velta::BaseRow&)"});
+    EXPECT_EQ(traces(capture),
+              std::vector<std::string>{
+                  "L8 SubscriptionTranslator:950 extPubOnDelete | void "
+                  "Velta::Agent::SubscriptionTranslator::extPubOnDelete(const Velta::BaseRow&)"});
 
     // A subscription with no output path and system 0 is registered under the empty key.
     writeSubscription({{"system_description", 0}, {"outputPath", ""}});
@@ -429,7 +486,8 @@ TEST_F(ExternalPublicationTest, DeletedClientPublicationIsLookedUpThroughItsOwnR
     capture.clear();
     ASSERT_TRUE(db_->erase(kExtPub, clientRow(e_.sub.oid())));
     run();
-    EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 9, " deleting internal publication [0]  for external subscription: "));
+    EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 9,
+                         " deleting internal publication [0]  for external subscription: "));
     EXPECT_EQ(lines(kCtrlPub), std::vector<std::string>{carried(e_.sid).toString()});
 }
 
@@ -439,8 +497,8 @@ TEST_F(ExternalPublicationTest, DeletedClientPublicationIsLookedUpThroughItsOwnR
 TEST_F(ExternalPublicationTest, ReadyPassSweepsInternalPublicationsAfterTheWalk) {
     db_->write(kExtPub, clientRow(e_.sub.oid()));
     run();
-    const BaseRow stale =
-        db_->write(kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", e_.sid + 1000}, {"status", true}}));
+    const BaseRow stale = db_->write(
+        kCtrlPub, makeRecord<veCtrl::publication>({{"subscription_id", e_.sid + 1000}, {"status", true}}));
     db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", 8888}, {"status", true}}));
     const std::vector<std::string> clientRows = lines(kExtPub);
     const std::size_t mark = changeLines(log_, kCtrlPub).size();

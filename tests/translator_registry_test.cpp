@@ -13,7 +13,8 @@
 namespace Velta::Test {
 namespace {
 
-const std::string kDeleteSignature = "void Velta::Agent::SubscriptionTranslator::extSubsOnDelete(const Velta::BaseRow&)";
+const std::string kDeleteSignature =
+    "void Velta::Agent::SubscriptionTranslator::extSubsOnDelete(const Velta::BaseRow&)";
 
 External::Subscription registryKey(std::uint32_t oid, const std::string& path = "velta/out/reg") {
     return makeRecord<External::Subscription>(
@@ -69,10 +70,11 @@ TEST_F(RegistryTest, SidUpdatesFollowTheLatestControlId) {
     EXPECT_EQ(t.subscription(lookAlike), entry);
     EXPECT_EQ(t.subscriptionCount(), 1u);
 
-    EXPECT_EQ(traces(capture), (std::vector<std::string>{
-                                   "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/reg, 0=>5",
-                                   "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/reg, 5=>9",
-                               }));
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/reg, 0=>5",
+                  "L9 SubscriptionTranslator:728 subscriptionComplete | Updating sid for velta/out/reg, 5=>9",
+              }));
     EXPECT_EQ(db_->rowCount(kExtPub), 0u);
 }
 
@@ -81,10 +83,14 @@ TEST_F(RegistryTest, SidUpdatesFollowTheLatestControlId) {
 TEST_F(RegistryTest, FailureResetsSidButTheOldSidStaysMapped) {
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/f"}, {"queryText", "SELECT 1"}, {"standing", true}});
-    const External::Subscription other = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/g"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 10},
+                                                          {"outputPath", "velta/out/f"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
+    const External::Subscription other = writeSubscription({{"system_description", 10},
+                                                            {"outputPath", "velta/out/g"},
+                                                            {"queryText", "SELECT 1"},
+                                                            {"standing", true}});
     run();
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
     ASSERT_NE(sid, 0u);
@@ -109,9 +115,12 @@ TEST_F(RegistryTest, FailureResetsSidButTheOldSidStaysMapped) {
     const std::uint32_t otherTable = tableRow("velta/out/g").oid();
     log_.clear();
     t.subscriptionComplete(other, tableRow("velta/out/g"), false, false, false, 0, 0, "lost");
-    const External::Publication failed = makeRecord<External::Publication>(
-        {{"subscription_id", other.oid()}, {"connection_id", other.oid()}, {"tableId", otherTable},
-         {"typeId", itemTypeId()}, {"status", false}, {"error", "lost"}});
+    const External::Publication failed = makeRecord<External::Publication>({{"subscription_id", other.oid()},
+                                                                            {"connection_id", other.oid()},
+                                                                            {"tableId", otherTable},
+                                                                            {"typeId", itemTypeId()},
+                                                                            {"status", false},
+                                                                            {"error", "lost"}});
     EXPECT_EQ(changeLines(log_), (std::vector<std::string>{"-" + kCtrlSubs + " " + otherCtrl.toString(),
                                                            "+" + kExtPub + " " + failed.toString()}));
 }
@@ -132,8 +141,9 @@ TEST_F(RegistryTest, ExternalOidFollowsOnlyInPerAgentNonServer) {
         EXPECT_EQ(t.subscriptionCount(), 1u);
         if (kind == Kind::perAgent) {
             EXPECT_EQ(entry->externalOid, 32u);
-            EXPECT_EQ(traces(capture), std::vector<std::string>{"L9 SubscriptionTranslator:715 subscriptionComplete | "
-                                                                "Updating Sid for velta/out/reg, 31=>32"});
+            EXPECT_EQ(traces(capture),
+                      std::vector<std::string>{"L9 SubscriptionTranslator:715 subscriptionComplete | "
+                                               "Updating Sid for velta/out/reg, 31=>32"});
         } else {
             EXPECT_EQ(entry->externalOid, 31u);
             EXPECT_TRUE(traces(capture).empty());
@@ -149,8 +159,10 @@ TEST_F(RegistryTest, ExternalOidFollowsOnlyInPerAgentNonServer) {
 TEST_F(RegistryTest, CleanEmptiesReadinessListAndRegistryOnly) {
     writeSystem(20, "sysA", "A");
     Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 20}, {"outputPath", "velta/out/c"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/c"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
     ASSERT_TRUE(db_->runOne());  // intake only: the table is not there yet
     t.subscriptionComplete(registryKey(31), Agent::TableRow(), false, false, true, 0, 5, "");
     const auto entry = t.subscription(registryKey(31));
@@ -168,7 +180,8 @@ TEST_F(RegistryTest, CleanEmptiesReadinessListAndRegistryOnly) {
     ScopedDebugMask mask("SubscriptionTranslator", 0x3ff);
     Host::TraceCapture capture;
     t.onTableReady();
-    EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 8, "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()"));
+    EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 8,
+                         "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()"));
     EXPECT_FALSE(hasTrace(capture, "SubscriptionTranslator", 9, " not ready"));
 }
 
@@ -177,10 +190,14 @@ TEST_F(RegistryTest, CleanEmptiesReadinessListAndRegistryOnly) {
 TEST_F(RegistryTest, ServerWithdrawalOfAQuery) {
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/w1"}, {"queryText", "SELECT 1"}, {"standing", true}});
-    const External::Subscription other = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/w2"}, {"queryText", "SELECT 2"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 10},
+                                                          {"outputPath", "velta/out/w1"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
+    const External::Subscription other = writeSubscription({{"system_description", 10},
+                                                            {"outputPath", "velta/out/w2"},
+                                                            {"queryText", "SELECT 2"},
+                                                            {"standing", true}});
     run();
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
     ASSERT_NE(sid, 0u);
@@ -207,8 +224,8 @@ TEST_F(RegistryTest, ServerWithdrawalOfAQuery) {
               (std::vector<std::string>{
                   "L8 SubscriptionTranslator:652 extSubsOnDelete | " + kDeleteSignature + ": ",
                   "L9 SubscriptionTranslator:653 extSubsOnDelete |   key: " + streamed(sub),
-                  "L4 SubscriptionTranslator:662 extSubsOnDelete |  deleting subscription [" + std::to_string(sub.oid()) +
-                      "] velta/out/w1",
+                  "L4 SubscriptionTranslator:662 extSubsOnDelete |  deleting subscription [" +
+                      std::to_string(sub.oid()) + "] velta/out/w1",
                   "L9 SubscriptionTranslator:672 extSubsOnDelete |   Lookup sid: " + std::to_string(sid),
                   "L4 SubscriptionTranslator:683 extSubsOnDelete | [serverSys] removeQuery velta/out/w1",
               }));
@@ -228,10 +245,13 @@ TEST_F(RegistryTest, ServerWithdrawalOfAQuery) {
 TEST_F(RegistryTest, DirectAccessWithdrawalRemovesNoQuery) {
     writeSystem(10, "clientSys", "client");
     start(Kind::server, "server", "serverSys");
-    const External::Subscription reader = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/rd"}, {"queryText", "SELECT * FROM velta/out/rd"}, {"standing", true}});
-    const External::Subscription writer = writeSubscription(
-        {{"system_description", 10}, {"outputPath", "velta/out/wr"}, {"queryText", "SELECT * INTO velta/out/wr"}});
+    const External::Subscription reader = writeSubscription({{"system_description", 10},
+                                                             {"outputPath", "velta/out/rd"},
+                                                             {"queryText", "SELECT * FROM velta/out/rd"},
+                                                             {"standing", true}});
+    const External::Subscription writer = writeSubscription({{"system_description", 10},
+                                                             {"outputPath", "velta/out/wr"},
+                                                             {"queryText", "SELECT * INTO velta/out/wr"}});
     run();
     ASSERT_EQ(db_->rowCount(kCtrlSubs), 2u);
     db_->callsClear();
@@ -248,8 +268,8 @@ TEST_F(RegistryTest, DirectAccessWithdrawalRemovesNoQuery) {
 TEST_F(RegistryTest, WithdrawalWithSidZeroTracesNotFound) {
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
-    const External::Subscription sub =
-        writeSubscription({{"system_description", 99}, {"outputPath", "velta/out/z"}, {"queryText", "SELECT 1"}});
+    const External::Subscription sub = writeSubscription(
+        {{"system_description", 99}, {"outputPath", "velta/out/z"}, {"queryText", "SELECT 1"}});
     run();
     ASSERT_EQ(entryOf(t, sub).sid, 0u);
     ASSERT_EQ(extPubFor(sub.oid()).error(), "SystemDescription no longer valid.");
@@ -275,12 +295,15 @@ TEST_F(RegistryTest, NonServerWithdrawalLeavesPublicationsAndQueries) {
     writeSystem(20, "sysA", "A");
     db_->createTable("velta/out/n", "Test::Item");
     Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 20}, {"outputPath", "velta/out/n"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/n"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
     run();
     const std::uint32_t sid = ctrlFor(sub.oid()).oid();
     ASSERT_NE(sid, 0u);
-    db_->write(kExtPub, makeRecord<External::Publication>({{"subscription_id", sub.oid()}, {"status", true}}));
+    db_->write(kExtPub,
+               makeRecord<External::Publication>({{"subscription_id", sub.oid()}, {"status", true}}));
     run();
     ASSERT_EQ(db_->rowCount(kCtrlPub), 1u);
     const std::vector<std::string> extPublications = lines(kExtPub);
@@ -312,10 +335,11 @@ TEST_F(RegistryTest, UnknownSubscriptionProducesOnlyEntryTraces) {
     Host::TraceCapture capture;
     const External::Subscription stranger = registryKey(known.oid(), "velta/out/stranger");
     t.extSubsOnDelete(stranger);
-    EXPECT_EQ(traces(capture), (std::vector<std::string>{
-                                   "L8 SubscriptionTranslator:652 extSubsOnDelete | " + kDeleteSignature + ": ",
-                                   "L9 SubscriptionTranslator:653 extSubsOnDelete |   key: " + streamed(stranger),
-                               }));
+    EXPECT_EQ(traces(capture),
+              (std::vector<std::string>{
+                  "L8 SubscriptionTranslator:652 extSubsOnDelete | " + kDeleteSignature + ": ",
+                  "L9 SubscriptionTranslator:653 extSubsOnDelete |   key: " + streamed(stranger),
+              }));
     EXPECT_EQ(lines(kCtrlSubs), ctrlBefore);
     EXPECT_EQ(lines(kExtPub), pubBefore);
     EXPECT_TRUE(db_->calls().empty());
@@ -328,8 +352,10 @@ TEST_F(RegistryTest, UnknownSubscriptionProducesOnlyEntryTraces) {
 TEST_F(RegistryTest, PendingTableEntryIsLeftInPlace) {
     writeSystem(20, "sysA", "A");
     Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
-    const External::Subscription sub = writeSubscription(
-        {{"system_description", 20}, {"outputPath", "velta/out/p"}, {"queryText", "SELECT 1"}, {"standing", true}});
+    const External::Subscription sub = writeSubscription({{"system_description", 20},
+                                                          {"outputPath", "velta/out/p"},
+                                                          {"queryText", "SELECT 1"},
+                                                          {"standing", true}});
     ASSERT_TRUE(db_->runOne());
     ASSERT_EQ(t.pendingTableSubscriptions().count("velta/out/p"), 1u);
     ASSERT_TRUE(t.subscription(sub));
@@ -340,8 +366,9 @@ TEST_F(RegistryTest, PendingTableEntryIsLeftInPlace) {
     run();
     EXPECT_FALSE(t.subscription(sub));
     EXPECT_EQ(t.pendingTableSubscriptions().count("velta/out/p"), 1u);
-    EXPECT_TRUE(hasTrace(capture, "SubscriptionTranslator", 8,
-                         "( ok:0, sid:0,tr?0): " + streamed(External::Subscription()) + "[Output path is empty.]"));
+    EXPECT_TRUE(
+        hasTrace(capture, "SubscriptionTranslator", 8,
+                 "( ok:0, sid:0,tr?0): " + streamed(External::Subscription()) + "[Output path is empty.]"));
     EXPECT_TRUE(t.subscription(External::Subscription()));
     EXPECT_EQ(db_->rowCount(kCtrlSubs), 0u);
 }

@@ -60,10 +60,14 @@ std::string fromTable(const std::string& text) {
 
 EventListener::Delivery deliveryOf(QueuedEvent::Kind kind) noexcept {
     switch (kind) {
-        case QueuedEvent::Kind::ready: return EventListener::Delivery::ready;
-        case QueuedEvent::Kind::row: return EventListener::Delivery::row;
-        case QueuedEvent::Kind::rowDelete: return EventListener::Delivery::rowDelete;
-        case QueuedEvent::Kind::task: break;
+        case QueuedEvent::Kind::ready:
+            return EventListener::Delivery::ready;
+        case QueuedEvent::Kind::row:
+            return EventListener::Delivery::row;
+        case QueuedEvent::Kind::rowDelete:
+            return EventListener::Delivery::rowDelete;
+        case QueuedEvent::Kind::task:
+            break;
     }
     return EventListener::Delivery::hostTask;
 }
@@ -103,7 +107,8 @@ void Database::Impl::eraseSlotIfUnused(Slot& slot) {
     slots.erase(slot.path);
 }
 
-bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::string& ownerName, unsigned oid) {
+bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::string& ownerName,
+                                 unsigned oid) {
     if (slot.table) return false;
     slot.table = std::make_shared<TableState>(type, slot.path);
     if (listener != nullptr) listener->onTableCreated(slot.path);
@@ -179,15 +184,16 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
     if (RowData* replaced = t.put(spot, *target)) retired_.retire(replaced);
     notify(slot, QueuedEvent::Kind::row, *target);
     if (listener != nullptr) listener->onWrite(slot.path, *target);
-    if (spot.stored == nullptr && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(*target);
+    if (spot.stored == nullptr && slot.controlSubscriptions && options.autoPublish)
+        controlSubscriptionAdded(*target);
     return target->data();  // the table holds it too
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
     if (!slot.table || key.empty()) return false;
     TableState& t = *slot.table;
-    const BaseRow removed =
-        RowRef::adopt(key.rowType() == &t.type() ? t.remove(*key.data()) : t.remove(*key.as(t.type()).data()));
+    const BaseRow removed = RowRef::adopt(key.rowType() == &t.type() ? t.remove(*key.data())
+                                                                     : t.remove(*key.as(t.type()).data()));
     if (removed.empty()) return false;
     notify(slot, QueuedEvent::Kind::rowDelete, removed);
     if (listener != nullptr) listener->onDelete(slot.path, removed);
@@ -220,7 +226,8 @@ veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {
 // ---------------------------------------------------------------------------------------------
 // Impl: interfaces and the queue
 
-void Database::Impl::bind(VeTableInterface& iface, const std::string& path, bool flag, const std::string& agentName) {
+void Database::Impl::bind(VeTableInterface& iface, const std::string& path, bool flag,
+                          const std::string& agentName) {
     if (std::shared_ptr<Attachment>& old = HostAccess::attachment(iface)) {
         std::shared_ptr<Attachment> previous = std::move(old);
         detach(*previous);
@@ -327,7 +334,8 @@ void Database::Impl::lookAhead() noexcept {
 void Database::Impl::deliver(QueuedEvent& e) {
     EventListener* const l = listener;
     if (e.att == nullptr) {
-        if (l != nullptr) l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what);
+        if (l != nullptr)
+            l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what);
         if (e.task->run) e.task->run();
         if (l != nullptr) l->onDeliveryEnd();
         return;
@@ -346,7 +354,8 @@ void Database::Impl::deliver(QueuedEvent& e) {
         case QueuedEvent::Kind::rowDelete:
             if (const auto& cb = HostAccess::onDelete(iface)) cb(e.row);
             break;
-        case QueuedEvent::Kind::task: break;
+        case QueuedEvent::Kind::task:
+            break;
     }
     if (l != nullptr) l->onDeliveryEnd();
 }
@@ -367,9 +376,9 @@ void Database::Impl::logCall(HostCall call) {
     if (listener != nullptr) listener->onHostCall(calls.back());
 }
 
-void Database::Impl::registerTable(const AgentHandle& handle, const std::string& path, const std::string& typeName,
-                                   TableType type, unsigned short desiredFlags, unsigned short flags,
-                                   const std::string& ownerName) {
+void Database::Impl::registerTable(const AgentHandle& handle, const std::string& path,
+                                   const std::string& typeName, TableType type, unsigned short desiredFlags,
+                                   unsigned short flags, const std::string& ownerName) {
     HostCall call;
     call.kind = HostCall::Kind::registerTable;
     call.agent = handle.options().agentName;
@@ -405,8 +414,8 @@ void Database::Impl::registerTable(const AgentHandle& handle, const std::string&
 }
 
 void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& text, unsigned typeId,
-                                 const VeltaDB::QueryParams& params, VeltaDB::QueryCompletion done, bool standing,
-                                 const std::string& name) {
+                                 const VeltaDB::QueryParams& params, VeltaDB::QueryCompletion done,
+                                 bool standing, const std::string& name) {
     HostCall call;
     call.kind = HostCall::Kind::defineQuery;
     call.agent = handle.options().agentName;
@@ -578,8 +587,8 @@ std::string toString(const HostCall& call) {
     switch (call.kind) {
         case HostCall::Kind::registerTable:
             os << "registerTable path=" << call.path << " typeName=" << call.typeName
-               << " tableType=" << static_cast<unsigned>(call.tableType) << " desiredFlags=" << call.desiredFlags
-               << " flags=" << call.flags << " owner=" << call.owner;
+               << " tableType=" << static_cast<unsigned>(call.tableType)
+               << " desiredFlags=" << call.desiredFlags << " flags=" << call.flags << " owner=" << call.owner;
             break;
         case HostCall::Kind::defineQuery: {
             os << "defineQuery text=\"" << call.text << "\" typeId=" << call.typeId << " params={";
@@ -591,7 +600,9 @@ std::string toString(const HostCall& call) {
             os << "} standing=" << (call.standing ? 1 : 0) << " name=\"" << call.name << '"';
             break;
         }
-        case HostCall::Kind::removeQuery: os << "removeQuery name=\"" << call.name << '"'; break;
+        case HostCall::Kind::removeQuery:
+            os << "removeQuery name=\"" << call.name << '"';
+            break;
     }
     os << " agent=" << call.agent;
     return os.str();

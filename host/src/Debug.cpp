@@ -103,7 +103,9 @@ void debugMaskIs(const std::string& channel, std::uint32_t mask) {
     Kesto::Platform::getDebugHandler(channel)->maskIs(mask);
 }
 
-std::uint32_t debugMask(const std::string& channel) { return Kesto::Platform::getDebugHandler(channel)->mask(); }
+std::uint32_t debugMask(const std::string& channel) {
+    return Kesto::Platform::getDebugHandler(channel)->mask();
+}
 
 bool debugMasksFromText(const std::string& text) {
     const auto masks = parseMasks(text);
@@ -162,7 +164,8 @@ DebugHandler::~DebugHandler() = default;
 
 void DebugHandler::emit(DebugStream& message, unsigned level, const char* file, unsigned line,
                         const char* function) {
-    Velta::Host::TraceRecord record{name_, level, file ? file : "", line, function ? function : "", message.str()};
+    Velta::Host::TraceRecord record{name_,        level, file ? file : "", line, function ? function : "",
+                                    message.str()};
     {
         std::lock_guard lock(Velta::Host::captureMutex());
         if (Velta::Host::currentCapture != nullptr) {

@@ -139,9 +139,15 @@ struct PrimaryLess {
         if (pa != pb) return pa < pb;
         return !prefixIsKey && layout->compare(*a, *b) < 0;
     }
-    bool operator()(const OrderKey& a, const OrderKey& b) const noexcept { return less(a.prefix, a.key, b.prefix, b.key); }
-    bool operator()(const OrderKey& a, const KeyProbe& b) const noexcept { return less(a.prefix, a.key, b.prefix, b.data); }
-    bool operator()(const KeyProbe& a, const OrderKey& b) const noexcept { return less(a.prefix, a.data, b.prefix, b.key); }
+    bool operator()(const OrderKey& a, const OrderKey& b) const noexcept {
+        return less(a.prefix, a.key, b.prefix, b.key);
+    }
+    bool operator()(const OrderKey& a, const KeyProbe& b) const noexcept {
+        return less(a.prefix, a.key, b.prefix, b.data);
+    }
+    bool operator()(const KeyProbe& a, const OrderKey& b) const noexcept {
+        return less(a.prefix, a.data, b.prefix, b.key);
+    }
 };
 
 struct OidLess {
@@ -195,9 +201,15 @@ struct SlotEq {
     bool same(std::uint64_t ha, const RowData* a, std::uint64_t hb, const RowData* b) const noexcept {
         return ha == hb && (exact || layout->equal(*a, *b));
     }
-    bool operator()(const RowSlot& a, const RowSlot& b) const noexcept { return same(a.hash, a.row, b.hash, b.row); }
-    bool operator()(const RowSlot& a, const SlotProbe& b) const noexcept { return same(a.hash, a.row, b.hash, b.key); }
-    bool operator()(const SlotProbe& a, const RowSlot& b) const noexcept { return same(a.hash, a.key, b.hash, b.row); }
+    bool operator()(const RowSlot& a, const RowSlot& b) const noexcept {
+        return same(a.hash, a.row, b.hash, b.row);
+    }
+    bool operator()(const RowSlot& a, const SlotProbe& b) const noexcept {
+        return same(a.hash, a.row, b.hash, b.key);
+    }
+    bool operator()(const SlotProbe& a, const RowSlot& b) const noexcept {
+        return same(a.hash, a.key, b.hash, b.row);
+    }
 };
 
 using RowIndex = absl::flat_hash_set<RowSlot, SlotHash, SlotEq>;
@@ -312,10 +324,10 @@ public:
     Slot* slot = nullptr;
     VeTableInterface* iface = nullptr;
     std::uint64_t id = 0;
-    std::size_t queued = 0;   // events waiting in the queue for this attachment
+    std::size_t queued = 0;  // events waiting in the queue for this attachment
     bool readyQueued = false;
     bool observing = false;
-    std::string agentName;  // owner of a table this interface creates
+    std::string agentName;                                // owner of a table this interface creates
     HostCapability::Lookahead::Hook lookahead = nullptr;  // called for queued row events ahead
     void* lookaheadContext = nullptr;
 };
@@ -326,7 +338,7 @@ struct Slot {
     std::shared_ptr<TableState> table;
     std::vector<Attachment*> attachments;
     std::vector<Attachment*> observers;  // observing attachments whose ready was queued
-    bool controlSubscriptions = false;    // "velta/veCtrl/subscription" (control publications)
+    bool controlSubscriptions = false;   // "velta/veCtrl/subscription" (control publications)
 };
 
 // Private access to the interface and iterator members.
@@ -349,7 +361,8 @@ struct HostAccess {
     static const VeTableInterface::RowCallback& onDelete(const VeTableInterface& i) { return i.onDelete_; }
 
     // Iterator construction at a position of one index (the end when `pos` is the index's end).
-    static VeRowIterator primaryAt(const std::shared_ptr<TableState>& table, PrimaryIndex::const_iterator pos);
+    static VeRowIterator primaryAt(const std::shared_ptr<TableState>& table,
+                                   PrimaryIndex::const_iterator pos);
     static VeRowIterator oidAt(const std::shared_ptr<TableState>& table, OidIndex::const_iterator pos);
     // An index-0 iterator on `row` whose position is not known yet: found again by its key when
     // it is first moved.
@@ -548,9 +561,9 @@ private:
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;
     unsigned queryIds_ = 0;
-    std::set<std::string, std::less<>> inFlight_;  // registrations on their way
+    std::set<std::string, std::less<>> inFlight_;           // registrations on their way
     std::map<std::size_t, PendingCompletion> completions_;  // by index in queries
-    std::vector<bool> completionQueued_;                     // by index in queries
+    std::vector<bool> completionQueued_;                    // by index in queries
     std::mt19937_64 shuffle_;
 };
 
@@ -568,8 +581,8 @@ public:
     void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override;
     void registerTable(const std::string& path, const std::string& typeName, TableType type,
                        unsigned short desiredFlags, unsigned short flags, const std::string& owner) override;
-    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
-                     bool standing, const std::string& name) override;
+    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params,
+                     QueryCompletion done, bool standing, const std::string& name) override;
     void removeQuery(const std::string& name) override;
     veMetadata::veTable tableInfo(const std::string& path) const override;
     veMetadata::veTable tableInfo(unsigned oid) const override;

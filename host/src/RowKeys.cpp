@@ -7,10 +7,14 @@ namespace {
 
 unsigned widthOf(FieldKind kind) noexcept {
     switch (kind) {
-        case FieldKind::boolean: return 1;
-        case FieldKind::u16: return 16;
-        case FieldKind::u32: return 32;
-        default: return 64;
+        case FieldKind::boolean:
+            return 1;
+        case FieldKind::u16:
+            return 16;
+        case FieldKind::u32:
+            return 32;
+        default:
+            return 64;
     }
 }
 
@@ -71,7 +75,8 @@ KeyLayout::KeyLayout(const RowType& type) : exact_(keyHashExact(type)) {
         if (isNumberKind(f.kind)) {
             const unsigned width = widthOf(f.kind);
             const unsigned bits = std::min(width, left);
-            prefix_.push_back({f.kind, f.slot, static_cast<unsigned char>(bits), static_cast<unsigned char>(width)});
+            prefix_.push_back(
+                {f.kind, f.slot, static_cast<unsigned char>(bits), static_cast<unsigned char>(width)});
             left -= bits;
             prefixOpen = bits == width;
         } else if (f.kind == FieldKind::string && left >= 8) {

@@ -128,9 +128,9 @@ private:
     };
 
     bool exact_ = false;
-    std::vector<Part> parts_;         // in key order
+    std::vector<Part> parts_;  // in key order
     std::vector<std::uint16_t> numberSlots_;
-    std::vector<Part> otherParts_;    // strings and lists, in key order
+    std::vector<Part> otherParts_;  // strings and lists, in key order
     std::vector<PrefixStep> prefix_;
 };
 

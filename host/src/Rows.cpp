@@ -31,7 +31,8 @@ Layout layoutOf(const RowType& type) noexcept {
     Layout l{};
     l.numbers = alignUp(sizeof(RowData), alignof(std::uint64_t));
     l.strings = alignUp(l.numbers + type.numberCount() * sizeof(std::uint64_t), alignof(std::string));
-    l.lists = alignUp(l.strings + type.stringCount() * sizeof(std::string), alignof(std::vector<std::string>));
+    l.lists =
+        alignUp(l.strings + type.stringCount() * sizeof(std::string), alignof(std::vector<std::string>));
     l.total = l.lists + type.listCount() * sizeof(std::vector<std::string>);
     return l;
 }
@@ -49,10 +50,14 @@ RowData* allocate(const RowType& type) {
 
 std::uint64_t truncateTo(FieldKind kind, std::uint64_t v) noexcept {
     switch (kind) {
-        case FieldKind::u16: return v & 0xffffu;
-        case FieldKind::u32: return v & 0xffffffffu;
-        case FieldKind::boolean: return v != 0 ? 1 : 0;
-        default: return v;
+        case FieldKind::u16:
+            return v & 0xffffu;
+        case FieldKind::u32:
+            return v & 0xffffffffu;
+        case FieldKind::boolean:
+            return v != 0 ? 1 : 0;
+        default:
+            return v;
     }
 }
 
@@ -60,10 +65,17 @@ void appendQuoted(std::string& out, const std::string& s) {
     out += '"';
     for (const char c : s) {
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            default: out += c;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            default:
+                out += c;
         }
     }
     out += '"';
@@ -76,17 +88,24 @@ const std::vector<std::string> kEmptyList;
 
 const char* fieldKindName(FieldKind kind) noexcept {
     switch (kind) {
-        case FieldKind::u16: return "u16";
-        case FieldKind::u32: return "u32";
-        case FieldKind::u64: return "u64";
-        case FieldKind::boolean: return "bool";
-        case FieldKind::string: return "string";
-        case FieldKind::strings: return "strings";
+        case FieldKind::u16:
+            return "u16";
+        case FieldKind::u32:
+            return "u32";
+        case FieldKind::u64:
+            return "u64";
+        case FieldKind::boolean:
+            return "bool";
+        case FieldKind::string:
+            return "string";
+        case FieldKind::strings:
+            return "strings";
     }
     return "?";
 }
 
-RowType::RowType(std::string name, unsigned id, std::vector<Field> fields, std::vector<std::uint16_t> keyFields)
+RowType::RowType(std::string name, unsigned id, std::vector<Field> fields,
+                 std::vector<std::uint16_t> keyFields)
     : name_(std::move(name)), id_(id), fields_(std::move(fields)), keyFields_(std::move(keyFields)) {
     for (std::size_t i = 0; i < fields_.size(); ++i) {
         Field& f = fields_[i];
@@ -119,7 +138,8 @@ RowData* RowData::create(const RowType& type) {
 RowData* RowData::copy(const RowData& other) {
     const RowType& type = *other.type;
     RowData* d = allocate(type);
-    if (type.numberCount() != 0) std::memcpy(d->numbers, other.numbers, type.numberCount() * sizeof(std::uint64_t));
+    if (type.numberCount() != 0)
+        std::memcpy(d->numbers, other.numbers, type.numberCount() * sizeof(std::uint64_t));
     std::uninitialized_copy_n(other.strings, type.stringCount(), d->strings);
     std::uninitialized_copy_n(other.lists, type.listCount(), d->lists);
     return d;
@@ -212,19 +232,22 @@ const std::vector<std::string>& BaseRow::strings(std::size_t field) const noexce
 }
 
 void BaseRow::numberIs(std::size_t field, std::uint64_t value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
+                 __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.numbers[d.type->fields()[field].slot] = value;
 }
 
 void BaseRow::stringIs(std::size_t field, std::string value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
+                 __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.strings[d.type->fields()[field].slot] = std::move(value);
 }
 
 void BaseRow::stringsIs(std::size_t field, std::vector<std::string> value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
+                 __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.lists[d.type->fields()[field].slot] = std::move(value);
 }

@@ -187,7 +187,8 @@ void TableState::clear() {
     ++changes_;
 }
 
-VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table, PrimaryIndex::const_iterator pos) {
+VeRowIterator HostAccess::primaryAt(const std::shared_ptr<TableState>& table,
+                                    PrimaryIndex::const_iterator pos) {
     VeRowIterator it;
     if (pos == table->primary().end()) return it;
     it.table_ = table;
@@ -259,8 +260,9 @@ bool operator==(const VeRowIterator& a, const VeRowIterator& b) noexcept {
                           : Host::internal::compareOidKey(type, *a.row_.data(), *b.row_.data())) == 0;
 }
 
-VeTableInterface::VeTableInterface(const std::string& ifName, const std::string& rowTypeName, unsigned char mode,
-                                   ReadyCallback ready, RowCallback row, RowCallback rowDelete, FlagCallback flag)
+VeTableInterface::VeTableInterface(const std::string& ifName, const std::string& rowTypeName,
+                                   unsigned char mode, ReadyCallback ready, RowCallback row,
+                                   RowCallback rowDelete, FlagCallback flag)
     : Schedulable(ifName),
       rowTypeName_(rowTypeName),
       mode_(mode),
@@ -295,14 +297,17 @@ const std::shared_ptr<TableState>* tableOf(const std::shared_ptr<detail::Attachm
 }
 
 // `key` as a row of the table's type (shared when it already is one).
-BaseRow keyFor(const TableState& t, const BaseRow& key) { return key.rowType() == &t.type() ? key : key.as(t.type()); }
+BaseRow keyFor(const TableState& t, const BaseRow& key) {
+    return key.rowType() == &t.type() ? key : key.as(t.type());
+}
 
 }  // namespace
 
 VeRowIterator VeTableInterface::begin(unsigned char index) const {
     const auto* table = tableOf(attachment_);
     if (table == nullptr) return VeRowIterator();
-    if ((*table)->effectiveIndex(index) == 0) return detail::HostAccess::primaryAt(*table, (*table)->primary().begin());
+    if ((*table)->effectiveIndex(index) == 0)
+        return detail::HostAccess::primaryAt(*table, (*table)->primary().begin());
     return detail::HostAccess::oidAt(*table, (*table)->byOid().begin());
 }
 
@@ -361,7 +366,8 @@ VeRowIterator VeTableInterface::rowDel(VeRowIterator& position) {
     ++next;
     const BaseRow victim = *position;
     const auto* table = tableOf(attachment_);
-    if (table != nullptr && *table == detail::HostAccess::table(position)) attachment_->impl->eraseRow(*attachment_->slot, victim);
+    if (table != nullptr && *table == detail::HostAccess::table(position))
+        attachment_->impl->eraseRow(*attachment_->slot, victim);
     return next;
 }
 

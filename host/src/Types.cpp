@@ -51,7 +51,8 @@ public:
         const std::uint64_t key = hashKey(*x->type, *x);
         if (index_ == 0) return key;
         const int oid = x->type->oidField();
-        return oid < 0 ? key : mixInto(x->numbers[x->type->fields()[static_cast<std::size_t>(oid)].slot], key);
+        return oid < 0 ? key
+                       : mixInto(x->numbers[x->type->fields()[static_cast<std::size_t>(oid)].slot], key);
     }
 
 private:
@@ -93,7 +94,8 @@ TypeRegistry& registry() {
         auto* reg = new TypeRegistry;
         for (const Velta::detail::BuiltinType& b : Velta::detail::kBuiltinTypes) {
             std::vector<FieldSpec> fields;
-            for (std::size_t i = 0; i < b.fieldCount; ++i) fields.push_back({b.fields[i].name, b.fields[i].kind});
+            for (std::size_t i = 0; i < b.fieldCount; ++i)
+                fields.push_back({b.fields[i].name, b.fields[i].kind});
             std::vector<std::string> key(b.key, b.key + b.keyCount);
             reg->add(b.name, fields, key);
         }
@@ -102,7 +104,8 @@ TypeRegistry& registry() {
     return *r;
 }
 
-bool sameDefinition(const RowType& t, const std::vector<FieldSpec>& fields, const std::vector<std::string>& key) {
+bool sameDefinition(const RowType& t, const std::vector<FieldSpec>& fields,
+                    const std::vector<std::string>& key) {
     if (t.fields().size() != fields.size() || t.keyFields().size() != key.size()) return false;
     for (std::size_t i = 0; i < fields.size(); ++i) {
         if (t.fields()[i].name != fields[i].name || t.fields()[i].kind != fields[i].kind) return false;
@@ -159,12 +162,15 @@ const RowType& defineRowType(const std::string& name, const std::vector<FieldSpe
     std::set<std::string, std::less<>> names;
     for (const FieldSpec& f : fields) {
         if (f.name.empty()) throw std::invalid_argument("row type " + name + ": empty field name");
-        if (!names.insert(f.name).second) throw std::invalid_argument("row type " + name + ": duplicate field " + f.name);
+        if (!names.insert(f.name).second)
+            throw std::invalid_argument("row type " + name + ": duplicate field " + f.name);
     }
     std::set<std::string, std::less<>> keys;
     for (const std::string& k : keyFields) {
-        if (names.count(k) == 0) throw std::invalid_argument("row type " + name + ": key field " + k + " is no field");
-        if (!keys.insert(k).second) throw std::invalid_argument("row type " + name + ": key field " + k + " twice");
+        if (names.count(k) == 0)
+            throw std::invalid_argument("row type " + name + ": key field " + k + " is no field");
+        if (!keys.insert(k).second)
+            throw std::invalid_argument("row type " + name + ": key field " + k + " twice");
     }
     auto& r = internal::registry();
     std::lock_guard lock(r.mutex);
@@ -186,8 +192,8 @@ const RowType* findRowType(const std::string& name) {
 
 std::optional<FieldKind> parseFieldKind(const std::string& text) {
     static const std::pair<const char*, FieldKind> kinds[] = {
-        {"u16", FieldKind::u16},       {"u32", FieldKind::u32},       {"u64", FieldKind::u64},
-        {"bool", FieldKind::boolean},  {"string", FieldKind::string}, {"strings", FieldKind::strings},
+        {"u16", FieldKind::u16},      {"u32", FieldKind::u32},       {"u64", FieldKind::u64},
+        {"bool", FieldKind::boolean}, {"string", FieldKind::string}, {"strings", FieldKind::strings},
     };
     for (const auto& [n, k] : kinds) {
         if (text == n) return k;

@@ -26,8 +26,8 @@ int main() {
     sub.queryTextIs("SELECT * FROM velta/data/routes");
     sub.standingIs(true);
     db->write("velta/External/Subscription", sub);
-    Agent::Aggregator aggregator(db->connect({.agentName = "agg", .systemName = "sysA"}), "velta/data/",
-                                 "", "velta/merged", "veMetadata::veTable", false, true, false);
+    Agent::Aggregator aggregator(db->connect({.agentName = "agg", .systemName = "sysA"}), "velta/data/", "",
+                                 "velta/merged", "veMetadata::veTable", false, true, false);
     db->runUntilIdle();
     const auto controls = db->rowCount("velta/veCtrl/subscription");
     const auto inputs = aggregator.inputPaths().size();

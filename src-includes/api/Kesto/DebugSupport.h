@@ -35,17 +35,17 @@ inline DebugSupport::~DebugSupport() {
 
 // Emits one trace on `debug` (a DebugSupport) at `level`, reported as `file`:`line` in `function`.
 // `message` is a stream expression (`"a " << x << "b"`) and is evaluated only when the level is on.
-#define KESTO_TRACE(debug, level, file, line, function, message)                                  \
-    do {                                                                                         \
-        if ((debug).enabled(level)) {                                                            \
-            ::Kesto::Platform::DebugStream kestoStream_;                                          \
-            kestoStream_ << message;                                                             \
-            (debug).handler()->emit(kestoStream_, (level), (file), (line), (function));         \
-        }                                                                                        \
+#define KESTO_TRACE(debug, level, file, line, function, message)                        \
+    do {                                                                                \
+        if ((debug).enabled(level)) {                                                   \
+            ::Kesto::Platform::DebugStream kestoStream_;                                \
+            kestoStream_ << message;                                                    \
+            (debug).handler()->emit(kestoStream_, (level), (file), (line), (function)); \
+        }                                                                               \
     } while (0)
 
 // An internal contract: when `expression` is false the process ends with the standard report,
 // naming the given file, line and full function signature. Never compiled out.
-#define KESTO_ASSERT(expression, file, line, function)                                          \
-    ((expression) ? static_cast<void>(0)                                                         \
+#define KESTO_ASSERT(expression, file, line, function) \
+    ((expression) ? static_cast<void>(0)               \
                   : ::Kesto::Platform::assertionFailed(#expression, (file), (line), (function)))

@@ -37,8 +37,7 @@ public:
         std::uint16_t slot;  // index within the array for its kind
     };
 
-    RowType(std::string name, unsigned id, std::vector<Field> fields,
-            std::vector<std::uint16_t> keyFields);
+    RowType(std::string name, unsigned id, std::vector<Field> fields, std::vector<std::uint16_t> keyFields);
     RowType(const RowType&) = delete;
     RowType& operator=(const RowType&) = delete;
 
@@ -82,8 +81,12 @@ struct RowData {
     static void destroy(RowData* data) noexcept;
 
     std::uint64_t number(std::size_t field) const noexcept { return numbers[type->fields()[field].slot]; }
-    const std::string& string(std::size_t field) const noexcept { return strings[type->fields()[field].slot]; }
-    const std::vector<std::string>& list(std::size_t field) const noexcept { return lists[type->fields()[field].slot]; }
+    const std::string& string(std::size_t field) const noexcept {
+        return strings[type->fields()[field].slot];
+    }
+    const std::vector<std::string>& list(std::size_t field) const noexcept {
+        return lists[type->fields()[field].slot];
+    }
 };
 
 // A row value: empty (no data) or a shared reference to row data of some type.

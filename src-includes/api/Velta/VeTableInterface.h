@@ -48,12 +48,12 @@ public:
 private:
     friend struct detail::HostAccess;
     std::shared_ptr<detail::TableState> table_;
-    mutable BaseRow row_;                   // row at the position; empty at the end
-    std::uint64_t seen_ = 0;                // the table's change count when pos_ and row_ were read
+    mutable BaseRow row_;     // row at the position; empty at the end
+    std::uint64_t seen_ = 0;  // the table's change count when pos_ and row_ were read
     alignas(void*) unsigned char pos_[2 * sizeof(void*)] = {};  // host index position
-    const void* ahead_[4] = {};             // the host's read-ahead of the rows that follow
+    const void* ahead_[4] = {};  // the host's read-ahead of the rows that follow
     unsigned char index_ = 0;
-    unsigned char aheadNext_ = 0;           // ahead_[aheadNext_, aheadCount_) are valid
+    unsigned char aheadNext_ = 0;  // ahead_[aheadNext_, aheadCount_) are valid
     unsigned char aheadCount_ = 0;
 };
 
@@ -83,12 +83,13 @@ public:
                      void (std::type_identity_t<Owner>::*row)(const BaseRow&),
                      void (std::type_identity_t<Owner>::*rowDelete)(const BaseRow&),
                      void (std::type_identity_t<Owner>::*flag)(bool))
-        : VeTableInterface(ifName, rowTypeName, mode,
-                           ready ? ReadyCallback([owner, ready] { (owner->*ready)(); }) : ReadyCallback(),
-                           row ? RowCallback([owner, row](const BaseRow& r) { (owner->*row)(r); }) : RowCallback(),
-                           rowDelete ? RowCallback([owner, rowDelete](const BaseRow& r) { (owner->*rowDelete)(r); })
-                                     : RowCallback(),
-                           flag ? FlagCallback([owner, flag](bool v) { (owner->*flag)(v); }) : FlagCallback()) {}
+        : VeTableInterface(
+              ifName, rowTypeName, mode,
+              ready ? ReadyCallback([owner, ready] { (owner->*ready)(); }) : ReadyCallback(),
+              row ? RowCallback([owner, row](const BaseRow& r) { (owner->*row)(r); }) : RowCallback(),
+              rowDelete ? RowCallback([owner, rowDelete](const BaseRow& r) { (owner->*rowDelete)(r); })
+                        : RowCallback(),
+              flag ? FlagCallback([owner, flag](bool v) { (owner->*flag)(v); }) : FlagCallback()) {}
 
     // Detaches from the host; queued callbacks for this interface are dropped.
     ~VeTableInterface() override;

@@ -79,7 +79,8 @@ public:
     virtual unsigned tableTypeId(const std::string& typeName, bool flag) const = 0;
     // Row operations for an index of a type. Never null: rows of an unknown type, or of two
     // different types, are ordered by type id and then by their own primary keys.
-    virtual std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const = 0;
+    virtual std::shared_ptr<const RowOps> getRowOps(const std::string& typeName,
+                                                    unsigned char index) const = 0;
     // The host's description of a row class; an empty row for an unknown class.
     static BaseRow veClass(const std::string& name);
 };

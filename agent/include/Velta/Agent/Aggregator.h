@@ -30,13 +30,15 @@
 // compilation happens to find.
 #if VELTA_AGENT_HOST_KEY_HASH
 #if !__has_include(<Velta/HostCapability/KeyHash.h>)
-#error "libSubscriptionHandling was built with the host's key-hash capability: put <Velta/HostCapability/KeyHash.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
+#error \
+    "libSubscriptionHandling was built with the host's key-hash capability: put <Velta/HostCapability/KeyHash.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
 #endif
 #include <Velta/Agent/internal/RowKeyMap.h>
 #endif
 #if VELTA_AGENT_HOST_LOOKAHEAD
 #if !__has_include(<Velta/HostCapability/Lookahead.h>)
-#error "libSubscriptionHandling was built with the host's lookahead capability: put <Velta/HostCapability/Lookahead.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
+#error \
+    "libSubscriptionHandling was built with the host's lookahead capability: put <Velta/HostCapability/Lookahead.h> on the include path (CMake: link SubscriptionHandling::SubscriptionHandling, which brings SubscriptionHandling::VeltaHostCapability)"
 #endif
 #include <Velta/HostCapability/Lookahead.h>
 #endif

@@ -45,7 +45,10 @@ public:
     SubscriptionEntry() = default;
     SubscriptionEntry(bool writerValue, bool readerValue, std::uint32_t externalOidValue,
                       std::uint32_t tableOidValue, std::uint32_t typeIdValue) noexcept
-        : writer(writerValue), reader(readerValue), externalOid(externalOidValue), tableOid(tableOidValue),
+        : writer(writerValue),
+          reader(readerValue),
+          externalOid(externalOidValue),
+          tableOid(tableOidValue),
           typeId(typeIdValue) {}
     virtual ~SubscriptionEntry() = default;
 

@@ -155,10 +155,10 @@ private:
 class Database : public std::enable_shared_from_this<Database> {
 public:
     struct Options {
-        bool autoPublish = false;      // answer control subscriptions with control publications
-        bool manualQueries = false;    // complete queries only by completeQuery()
+        bool autoPublish = false;               // answer control subscriptions with control publications
+        bool manualQueries = false;             // complete queries only by completeQuery()
         std::size_t deliveryBound = 1'000'000;  // runUntilIdle stops after this many deliveries
-        std::uint64_t shuffleSeed = 0;  // non-zero: seeded delivery order (per-interface FIFO kept)
+        std::uint64_t shuffleSeed = 0;          // non-zero: seeded delivery order (per-interface FIFO kept)
     };
 
     static std::shared_ptr<Database> create(Options options);

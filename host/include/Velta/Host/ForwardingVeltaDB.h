@@ -28,8 +28,8 @@ public:
                        unsigned short desiredFlags, unsigned short flags, const std::string& owner) override {
         inner_->registerTable(path, typeName, type, desiredFlags, flags, owner);
     }
-    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params, QueryCompletion done,
-                     bool standing, const std::string& name) override {
+    void defineQuery(const std::string& text, unsigned typeId, const QueryParams& params,
+                     QueryCompletion done, bool standing, const std::string& name) override {
         inner_->defineQuery(text, typeId, params, std::move(done), standing, name);
     }
     void removeQuery(const std::string& name) override { inner_->removeQuery(name); }

@@ -20,12 +20,12 @@ namespace Velta::Agent::internal {
 // What the owner map asks of the host's key-hash helper.
 template <class H>
 concept RowKeyHashHelper = std::constructible_from<H, const RowOps*> && std::copy_constructible<H> &&
-                           requires(const H& h, const BaseRow& row) {
-                               { h.available() } -> std::same_as<bool>;
-                               { h.hash(row) } -> std::same_as<std::uint64_t>;
-                               { h.exact(row) } -> std::same_as<bool>;
-                               { h.numberKeyLess(row, row) } -> std::same_as<std::optional<bool>>;
-                           };
+    requires(const H& h, const BaseRow& row) {
+    { h.available() } -> std::same_as<bool>;
+    { h.hash(row) } -> std::same_as<std::uint64_t>;
+    { h.exact(row) } -> std::same_as<bool>;
+    { h.numberKeyLess(row, row) } -> std::same_as<std::optional<bool>>;
+};
 
 }  // namespace Velta::Agent::internal
 

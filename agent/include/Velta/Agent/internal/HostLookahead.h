@@ -16,8 +16,8 @@ namespace Velta::Agent::internal {
 
 // What the aggregator asks of the host's lookahead capability.
 template <class L>
-concept LookaheadCapability = requires(L& l, VeltaDB& db, VeTableInterface& iface, const BaseRow& row, void* context,
-                                       void (*hook)(void*, const BaseRow&)) {
+concept LookaheadCapability = requires(L& l, VeltaDB& db, VeTableInterface& iface, const BaseRow& row,
+                                       void* context, void (*hook)(void*, const BaseRow&)) {
     { L::of(db) } -> std::same_as<L*>;
     l.lookaheadIs(iface, hook, context);
     L::prefetchKey(iface, row);

@@ -114,7 +114,9 @@ private:
 
     // A slot's control byte: seven bits of the hash (not those that pick the slot) with the top bit
     // set, so most probes that cross other keys never read their entries.
-    static std::uint8_t tag(std::uint64_t hash) noexcept { return static_cast<std::uint8_t>(0x80 | (hash >> 57)); }
+    static std::uint8_t tag(std::uint64_t hash) noexcept {
+        return static_cast<std::uint8_t>(0x80 | (hash >> 57));
+    }
 
     void place(std::uint64_t hash, Pos&& pos) noexcept {
         std::size_t i = hash & mask_;

@@ -49,7 +49,7 @@ public:
 #else
             (void)slots;
 #endif
-            ::operator delete(block, std::align_val_t{kSlot});
+            ::operator delete (block, std::align_val_t{kSlot});
         }
     }
 
@@ -75,7 +75,7 @@ private:
     // Blocks double from 16 slots up to 1024 (64 KiB), so small containers stay small.
     void grow() {
         const std::size_t slots = nextSlots_;
-        auto* block = static_cast<unsigned char*>(::operator new(slots * kSlot, std::align_val_t{kSlot}));
+        auto* block = static_cast<unsigned char*>(::operator new (slots* kSlot, std::align_val_t{kSlot}));
         blocks_.emplace_back(block, slots);
         total_ += slots;
         free_.reserve(total_);

@@ -36,7 +36,9 @@ public:
 
     iterator find(const std::string& path) { return map_.find(path); }
     const_iterator find(const std::string& path) const { return map_.find(path); }
-    std::pair<iterator, bool> emplace(const std::string& path, V value) { return map_.emplace(path, std::move(value)); }
+    std::pair<iterator, bool> emplace(const std::string& path, V value) {
+        return map_.emplace(path, std::move(value));
+    }
     iterator erase(iterator entry) {
         hints_.fill(Hint{});
         return map_.erase(entry);
