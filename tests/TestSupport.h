@@ -250,42 +250,56 @@ protected:
 
 namespace Velta::Test {
 
-// The changes and host calls an event log holds, by whoever: "+path row" for a write, "-path row"
-// for a deletion and "call <call>" (Host::toString) for a host call.
-inline std::vector<std::string> changeLines(const Host::EventLog& log) {
-    std::vector<std::string> lines;
-    for (const Host::EventLog::Entry& e : log.entries()) {
-        using Kind = Host::EventLog::Entry::Kind;
-        if (e.kind == Kind::write || e.kind == Kind::erase)
-            lines.push_back((e.kind == Kind::write ? "+" : "-") + e.path + " " + e.row.toString());
-        else if (e.kind == Kind::hostCall)
-            lines.push_back("call " + Host::toString(*e.call));
+// The fields of `row` that are not zero, false or empty, as "name=value" separated by blanks
+// (lists as [a,b]): short enough to write whole rows into expected values.
+inline std::string brief(const BaseRow& row) {
+    std::string out;
+    const RowType* type = row.rowType();
+    for (std::size_t i = 0; type != nullptr && i < type->fields().size(); ++i) {
+        const RowType::Field& f = type->fields()[i];
+        std::string value;
+        if (isNumberKind(f.kind)) {
+            if (row.number(i) != 0) value = std::to_string(row.number(i));
+        } else if (f.kind == FieldKind::string) {
+            value = row.string(i);
+        } else {
+            for (const std::string& item : row.strings(i)) value += (value.empty() ? "[" : ",") + item;
+            if (!value.empty()) value += "]";
+        }
+        if (!value.empty()) out += (out.empty() ? "" : " ") + f.name + "=" + value;
     }
-    return lines;
+    return out;
 }
 
-// The writes and deletions of the table at `path`, without the path: "+row" and "-row".
-inline std::vector<std::string> changeLines(const Host::EventLog& log, const std::string& path) {
-    std::vector<std::string> lines;
-    for (const Host::EventLog::Entry& e : log.entries()) {
-        using Kind = Host::EventLog::Entry::Kind;
-        if ((e.kind == Kind::write || e.kind == Kind::erase) && e.path == path)
-            lines.push_back((e.kind == Kind::write ? "+" : "-") + e.row.toString());
+// A record from "name=value;name=value" (numbers in any base, lists as [a,b]): the other way round
+// from brief(), e.g. rowOf<External::Publication>("subscription_id=5;status=1").
+template <class RecordT>
+RecordT rowOf(const std::string& text) {
+    FieldValues values;
+    std::istringstream in(text);
+    for (std::string item; std::getline(in, item, ';');) {
+        const std::string name = item.substr(0, item.find('=')), value = item.substr(name.size() + 1);
+        const int index = RecordT::type().fieldIndex(name);
+        const FieldKind kind =
+            index < 0 ? FieldKind::string : RecordT::type().fields()[static_cast<std::size_t>(index)].kind;
+        if (isNumberKind(kind)) {
+            values.emplace_back(name, std::stoull(value, nullptr, 0));
+        } else if (kind == FieldKind::string) {
+            values.emplace_back(name, value);
+        } else {
+            std::vector<std::string> list;
+            std::istringstream items(value.substr(1, value.size() - 2));
+            for (std::string v; std::getline(items, v, ',');) list.push_back(v);
+            values.emplace_back(name, list);
+        }
     }
-    return lines;
+    return makeRecord<RecordT>(values);
 }
 
-// A record's streamed form, for building expected trace messages.
-template <class T>
-std::string streamed(const T& value) {
-    std::ostringstream out;
-    out << value;
-    return out.str();
-}
-
-// A fixture with one translator in an agent of a chosen kind, the user row type "Test::Item" and
-// an event log. The translator holds the only reference to its handle, so destroying it also
-// drops the host's pending query completions for it.
+// A fixture with one translator in an agent of a chosen kind, the user row type "Test::Item", the
+// translator's traces on, and a transcript of what happened: the writes and deletions of the
+// subscription and publication tables (with the observers active at the time), host calls and the
+// translator's traces, in the order they happened.
 class TranslatorTest : public HostTest {
 protected:
     enum class Kind { server, standalone, perAgent };
@@ -313,11 +327,21 @@ protected:
         return o;
     }
 
-    // Builds a translator in a new agent of `kind` (after the database's event log is attached)
-    // and runs the loop, so its ready pass is done.
+    // A fresh database (auto-publishing or not, outside the server process) with the transcript
+    // attached and no translator.
+    void fresh(bool autoPublish) {
+        translator_.reset();
+        Host::Database::serverProcessIs(false);
+        Host::Database::Options options;
+        options.autoPublish = autoPublish;
+        reset(options);
+        itemType();
+        db_->listenerIs(&log_);
+    }
+
+    // Builds a translator in a new agent of `kind` and runs the loop, so its ready pass is done.
     Agent::SubscriptionTranslator& start(Kind kind, const std::string& agentName = "A",
                                          const std::string& systemName = "sysA") {
-        itemType();
         db_->listenerIs(&log_);
         translator_ = std::make_unique<Agent::SubscriptionTranslator>(
             db_->connect(agentOptions(kind, agentName, systemName)));
@@ -333,76 +357,80 @@ protected:
                 {{"oid", oid}, {"sysName", sysName}, {"agentName", agentName}, {"properties", properties}}));
     }
 
-    // Writes an external subscription (typeName defaults to "Test::Item") and returns it as stored.
-    External::Subscription writeSubscription(FieldValues values,
-                                             const std::string& path = "velta/External/Subscription") {
-        itemType();
-        bool typed = false;
-        for (const auto& [name, value] : values) typed = typed || name == "typeName";
-        if (!typed) values.emplace_back("typeName", "Test::Item");
-        return External::Subscription(db_->write(path, makeRecord<External::Subscription>(values)));
+    // Writes an external subscription given as for rowOf (typeName defaults to "Test::Item") and
+    // returns it as stored.
+    External::Subscription writeSubscription(const std::string& text, const std::string& path = kExtSubs) {
+        const std::string typed = text.find("typeName=") == std::string::npos ? ";typeName=Test::Item" : "";
+        return External::Subscription(db_->write(path, rowOf<External::Subscription>(text + typed)));
     }
 
-    veMetadata::veTable tableRow(const std::string& path) const {
-        return veMetadata::veTable(
-            db_->read("velta/metadata/veTable", makeRecord<veMetadata::veTable>({{"tablePath", path}})));
+    // The transcript since the last call, one line per event: "+ctrlSub <brief row> @<active
+    // observer>", "-extPub <brief row>", "call <host call>", "L<level>:<line> <message>". Changes of
+    // the clients' subscription table (the tests make them) and traces that only echo the row
+    // delivered are left out.
+    std::string happened() {
+        flushTraces();
+        return std::exchange(happened_, "");
     }
 
-    // The id the host gives "Test::Item".
-    unsigned itemTypeId() {
-        itemType();
-        return db_->connect(agentOptions(Kind::standalone, "probe", "probe"))
-            ->tableTypeId("Test::Item", false);
+    // The registry entry of `sub` in brief: "w/r/- externalOid tableOid typeId sid", or "none".
+    std::string entry(const External::Subscription& sub) const {
+        const std::shared_ptr<Agent::SubscriptionEntry> e = translator_->subscription(sub);
+        if (!e) return "none";
+        return std::string(e->writer ? "w" : "") + (e->reader ? "r" : "") +
+               (e->writer || e->reader ? "" : "-") + " " + std::to_string(e->externalOid) + " " +
+               std::to_string(e->tableOid) + " " + std::to_string(e->typeId) + " " + std::to_string(e->sid);
     }
 
-    // The translator's captured traces as "L<level> <file>:<line> <function> | <message>".
-    static std::vector<std::string> traces(const Host::TraceCapture& capture) {
-        std::vector<std::string> lines;
-        for (const Host::TraceRecord& r : capture.records()) {
-            if (r.channel != "SubscriptionTranslator") continue;
-            lines.push_back("L" + std::to_string(r.level) + " " + r.file + ":" + std::to_string(r.line) +
-                            " " + r.function + " | " + r.message);
-        }
-        return lines;
-    }
+    // Every trace level but the function entries (level 8).
+    static constexpr std::uint32_t kTranscriptLevels = 0x2ff;
 
     inline static const std::string kExtSubs = "velta/External/Subscription";
     inline static const std::string kExtPub = "velta/External/Publication";
     inline static const std::string kCtrlSubs = "velta/veCtrl/subscription";
     inline static const std::string kCtrlPub = "velta/veCtrl/publication";
 
-    // The control subscription with that connection_id (an external subscription's oid), or empty.
-    veCtrl::subscription ctrlFor(std::uint32_t connectionId, const std::string& path = kCtrlSubs) const {
-        for (const BaseRow& row : db_->rows(path)) {
-            const veCtrl::subscription c(row);
-            if (c.connection_id() == connectionId) return c;
-        }
-        return veCtrl::subscription();
-    }
-    // The client's publication row for an external subscription oid, or empty.
-    External::Publication extPubFor(std::uint32_t subscriptionId) const {
-        return External::Publication(
-            db_->read(kExtPub, makeRecord<External::Publication>({{"subscription_id", subscriptionId}})));
-    }
-
-    // The registry entry of `sub`: a test failure, and an entry with every field set, when missing.
-    static const Agent::SubscriptionEntry& entryOf(const Agent::SubscriptionTranslator& t,
-                                                   const External::Subscription& sub) {
-        static const Agent::SubscriptionEntry missing = [] {
-            Agent::SubscriptionEntry e(true, true, ~0u, ~0u, ~0u);
-            e.sid = ~0u;
-            return e;
-        }();
-        const std::shared_ptr<Agent::SubscriptionEntry> entry = t.subscription(sub);
-        if (!entry) {
-            ADD_FAILURE() << "no registry entry for " << sub;
-            return missing;
-        }
-        return *entry;  // kept alive by the registry
-    }
-
     std::unique_ptr<Agent::SubscriptionTranslator> translator_;
-    Host::EventLog log_;
+
+private:
+    void flushTraces() {
+        const std::vector<Host::TraceRecord>& records = capture_.records();
+        for (; traced_ < records.size(); ++traced_) {
+            const Host::TraceRecord& r = records[traced_];
+            if (r.channel != "SubscriptionTranslator") continue;
+            EXPECT_EQ(r.file, "SubscriptionTranslator");
+            if (r.level == 9 && (r.line == 642 || r.line == 653 || r.line == 891))
+                continue;  // echoes of the row
+            std::string message = r.message;
+            for (const std::string prefix : {"Velta::Agent::SubscriptionTranslator::", "Velta::"})
+                for (std::size_t at; (at = message.find(prefix)) != std::string::npos;)
+                    message.erase(at, prefix.size());
+            happened_ += "L" + std::to_string(r.level) + ":" + std::to_string(r.line) + " " + message + "\n";
+        }
+    }
+    void record(const Host::EventLog::Entry& e) {
+        using EntryKind = Host::EventLog::Entry::Kind;
+        flushTraces();
+        if (e.kind == EntryKind::hostCall) happened_ += "call " + Host::toString(*e.call) + "\n";
+        if ((e.kind != EntryKind::write && e.kind != EntryKind::erase) || e.path == kExtSubs) return;
+        std::string table = e.path == kExtPub                                    ? "extPub"
+                            : e.path == kCtrlSubs                                ? "ctrlSub"
+                            : e.path == kCtrlPub                                 ? "ctrlPub"
+                            : e.path.find("/veCtrl/input/") != std::string::npos ? e.path
+                                                                                 : "";
+        if (table.empty()) return;
+        happened_ += (e.kind == EntryKind::write ? "+" : "-") + table + " " + brief(e.row);
+        for (const char* name : {"extSubsObserver_", "pubObserver_", "extPubObserver_"})
+            if (translator_ && translator_->tableInterface(name)->activated())
+                happened_ += std::string(" @") + name;
+        happened_ += "\n";
+    }
+
+    ScopedDebugMask mask_{"SubscriptionTranslator", kTranscriptLevels};
+    Host::TraceCapture capture_;
+    std::size_t traced_ = 0;
+    std::string happened_;
+    Host::EventLog log_{[this](const Host::EventLog::Entry& e) { record(e); }};
 };
 
 }  // namespace Velta::Test

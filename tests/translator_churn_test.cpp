@@ -147,7 +147,7 @@ enum class Op : std::uint8_t {
     clock,
     clean,
     rebuild,
-    settle,
+    settle
 };
 
 struct Step {
@@ -168,70 +168,30 @@ struct Step {
 };
 
 std::string describe(const Step& s) {
+    static constexpr std::array<const char*, 17> kNames = {"write subscription",
+                                                           "delete subscription",
+                                                           "write per-client subscription",
+                                                           "delete per-client subscription",
+                                                           "write system description",
+                                                           "delete system description",
+                                                           "client writes publication",
+                                                           "client deletes publication",
+                                                           "database writes control publication",
+                                                           "database deletes control publication",
+                                                           "database deletes control subscription",
+                                                           "create table",
+                                                           "drop table",
+                                                           "clock advance",
+                                                           "clean()",
+                                                           "destroy and rebuild the translator",
+                                                           "settle and check"};
     std::ostringstream os;
-    auto sub = [&] {
-        os << " sd=" << int(s.sd) << " outputPath=\"" << kOutputs[s.output]
-           << "\" type=" << kTypeNames[s.type] << " text=\"" << kTexts[s.text].text
-           << "\" desiredFlags=" << kDesiredFlags[s.desired] << " flags=" << kFlags[s.flags]
-           << " standing=" << s.standing << " params=" << int(s.params);
-    };
-    switch (s.op) {
-        case Op::writeSub:
-            os << "write subscription";
-            sub();
-            break;
-        case Op::deleteSub:
-            os << "delete subscription sd=" << int(s.sd) << " outputPath=\"" << kOutputs[s.output] << "\"";
-            break;
-        case Op::writeClientSub:
-            os << "write per-client subscription";
-            sub();
-            break;
-        case Op::deleteClientSub:
-            os << "delete per-client subscription sd=" << int(s.sd) << " outputPath=\"" << kOutputs[s.output]
-               << "\"";
-            break;
-        case Op::writeSysDesc:
-            os << "write system description oid=" << int(s.sd) << (s.ours ? " our system" : " other system")
-               << (s.ourAgent ? " our agent" : " other agent") << " properties=" << int(s.props);
-            break;
-        case Op::deleteSysDesc:
-            os << "delete system description oid=" << int(s.sd);
-            break;
-        case Op::writeExtPub:
-            os << "client writes publication #" << s.pick << " status=" << s.status;
-            break;
-        case Op::deleteExtPub:
-            os << "client deletes publication #" << s.pick;
-            break;
-        case Op::writeCtrlPub:
-            os << "database writes control publication #" << s.pick << " status=" << s.status;
-            break;
-        case Op::deleteCtrlPub:
-            os << "database deletes control publication #" << s.pick;
-            break;
-        case Op::deleteCtrlSub:
-            os << "database deletes control subscription #" << s.pick;
-            break;
-        case Op::createTable:
-            os << "create table " << kOutputs[s.output] << " owner #" << s.pick % 4;
-            break;
-        case Op::dropTable:
-            os << "drop table " << kOutputs[s.output];
-            break;
-        case Op::clock:
-            os << "clock advance " << s.pick % 120;
-            break;
-        case Op::clean:
-            os << "clean()";
-            break;
-        case Op::rebuild:
-            os << "destroy and rebuild the translator";
-            break;
-        case Op::settle:
-            os << "settle and check";
-            break;
-    }
+    os << kNames[static_cast<std::size_t>(s.op)] << ": sd=" << int(s.sd) << " outputPath=\""
+       << kOutputs[s.output] << "\" type=" << kTypeNames[s.type] << " text=\"" << kTexts[s.text].text
+       << "\" desiredFlags=" << kDesiredFlags[s.desired] << " flags=" << kFlags[s.flags]
+       << " standing=" << s.standing << " params=" << int(s.params) << " ours=" << s.ours
+       << " ourAgent=" << s.ourAgent << " properties=" << int(s.props) << " pick=" << s.pick
+       << " status=" << s.status;
     return os.str();
 }
 
@@ -372,18 +332,20 @@ private:
                                                  : "p" + std::to_string(i));  // a repeated name now and then
             values.push_back(std::to_string(s.pick % 7 + static_cast<std::uint32_t>(i)));
         }
-        return makeRecord<External::Subscription>({{"oid", 0u},
-                                                   {"system_description", unsigned(s.sd)},
-                                                   {"outputPath", kOutputs[s.output]},
-                                                   {"typeName", kTypeNames[s.type]},
-                                                   {"queryText", kTexts[s.text].text},
-                                                   {"desiredFlags", unsigned(kDesiredFlags[s.desired])},
-                                                   {"flags", unsigned(kFlags[s.flags])},
-                                                   {"standing", s.standing},
-                                                   {"features", s.pick % 5},
-                                                   {"paramName", names},
-                                                   {"paramValue", values},
-                                                   {"ptime", db_->clock()}});
+        return makeRecord<External::Subscription>(
+            {{"oid", 0u},
+             {"system_description", unsigned(s.sd)},
+             {"outputPath", kOutputs[s.output]},
+             {"typeName", kTypeNames[s.type]},
+             {"queryText", kTexts[s.text].text},
+             {"desiredFlags", unsigned(kDesiredFlags[s.desired])},
+             {"flags", unsigned(kFlags[s.flags])},
+             {"standing", s.standing},
+             {"type_signature", s.pick % 3 ? "" : "sig" + std::to_string(s.pick % 4)},
+             {"features", s.pick % 5},
+             {"paramName", names},
+             {"paramValue", values},
+             {"ptime", db_->clock()}});
     }
     static External::Subscription subscriptionKey(const Step& s) {
         return makeRecord<External::Subscription>(
@@ -504,15 +466,28 @@ private:
                 problems->push_back("C1: no output table for valid " + name);
                 continue;
             }
-            std::vector<std::uint32_t> mine;  // control rows for the current table
+            std::vector<const veCtrl::subscription*> mine;  // control rows for the current table
             for (const veCtrl::subscription& c : controls)
                 if (c.connection_id() == oid && c.system_description() == sub.system_description() &&
                     c.tableId() == table.oid())
-                    mine.push_back(c.oid());
+                    mine.push_back(&c);
             if (mine.size() != 1) {
                 problems->push_back("C1: " + std::to_string(mine.size()) + " control rows for valid " + name);
                 continue;
             }
+            const veCtrl::subscription expected =
+                makeRecord<veCtrl::subscription>({{"oid", mine.front()->oid()},
+                                                  {"connection_id", oid},
+                                                  {"system_description", sub.system_description()},
+                                                  {"typeName", sub.typeName()},
+                                                  {"type_signature", sub.type_signature()},
+                                                  {"tableId", table.oid()},
+                                                  {"features", sub.features()},
+                                                  {"writer", classify(sub.queryText()) == TextClass::writer},
+                                                  {"ptime", sub.ptime()}});
+            if (!mine.front()->equals(expected))
+                problems->push_back("C1: control row " + mine.front()->toString() + ", expected " +
+                                    expected.toString());
             const auto entry = translator_->subscription(sub);
             if (!entry) {
                 problems->push_back("R: no registry entry for valid " + name);
@@ -525,9 +500,9 @@ private:
                 problems->push_back("R: entry externalOid " + std::to_string(entry->externalOid) + " for " +
                                     name);
             if (readBack) {
-                if (entry->sid != mine.front())
+                if (entry->sid != mine.front()->oid())
                     problems->push_back("R: entry sid " + std::to_string(entry->sid) + ", control row oid " +
-                                        std::to_string(mine.front()) + " for " + name);
+                                        std::to_string(mine.front()->oid()) + " for " + name);
                 else if (translator_->externalSubscriptionId(entry->sid) != oid)
                     problems->push_back("R: externalSubscriptionId(" + std::to_string(entry->sid) + ") is " +
                                         std::to_string(translator_->externalSubscriptionId(entry->sid)) +
@@ -580,42 +555,17 @@ Step drawStep(std::mt19937_64& rng, const AgentKind& kind) {
     s.props = static_cast<std::uint8_t>(pick(6) == 0 ? 0 : (pick(2) ? 1 : 3));
     s.pick = static_cast<std::uint32_t>(rng() % 1000);
     s.status = pick(4) != 0;
-    const bool perAgent = !kind.serverAgent && !kind.standalone;
+    // Upper bounds of each operation's share of the rolls 16 to 99, in the order of Op (rolls below
+    // 16 settle); per-client steps fall back to shared ones where there is no per-client table.
+    static constexpr std::array<int, 16> kBelow = {40, 48, 54, 57, 65, 69, 74, 77,
+                                                   82, 85, 87, 91, 94, 97, 98, 100};
     const int roll = pick(100);
-    if (roll < 16)
-        s.op = Op::settle;
-    else if (roll < 40)
-        s.op = Op::writeSub;
-    else if (roll < 48)
-        s.op = Op::deleteSub;
-    else if (roll < 54)
-        s.op = perAgent ? Op::writeClientSub : Op::writeSub;
-    else if (roll < 57)
-        s.op = perAgent ? Op::deleteClientSub : Op::deleteSub;
-    else if (roll < 65)
-        s.op = Op::writeSysDesc;
-    else if (roll < 69)
-        s.op = Op::deleteSysDesc;
-    else if (roll < 74)
-        s.op = Op::writeExtPub;
-    else if (roll < 77)
-        s.op = Op::deleteExtPub;
-    else if (roll < 82)
-        s.op = Op::writeCtrlPub;
-    else if (roll < 85)
-        s.op = Op::deleteCtrlPub;
-    else if (roll < 87)
-        s.op = Op::deleteCtrlSub;
-    else if (roll < 91)
-        s.op = Op::createTable;
-    else if (roll < 94)
-        s.op = Op::dropTable;
-    else if (roll < 97)
-        s.op = Op::clock;
-    else if (roll < 98)
-        s.op = Op::clean;
-    else
-        s.op = Op::rebuild;
+    s.op = Op::settle;
+    for (std::size_t i = 0; roll >= 16 && s.op == Op::settle; ++i)
+        if (roll < kBelow[i]) s.op = static_cast<Op>(i);
+    const bool perAgent = !kind.serverAgent && !kind.standalone;
+    if (!perAgent && s.op == Op::writeClientSub) s.op = Op::writeSub;
+    if (!perAgent && s.op == Op::deleteClientSub) s.op = Op::deleteSub;
     return s;
 }
 

@@ -1,0 +1,636 @@
+// SubscriptionTranslator, one flow per kind of agent on the in-memory host: intake and refusals,
+// tables that arrive late, publications in both directions, withdrawals, ready passes and their
+// sweeps, the registry's bookkeeping and teardown, each compared as one transcript of writes,
+// deletions, host calls and traces. Then the bindings per kind of agent, the trace mask level by
+// level, and the contracts whose breach ends the process.
+#include "TestSupport.h"
+
+#include <Velta/Agent/SubscriptionTranslator.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Velta::Test {
+namespace {
+
+class TranslatorFlowTest : public TranslatorTest {
+public:
+    std::string out_;
+    void mark(const std::string& what) { out_ += "== " + what + "\n" + happened(); }
+    void note(const std::string& text) { out_ += happened() + text + "\n"; }
+    void entries(const std::vector<External::Subscription>& subs) {
+        for (const External::Subscription& s : subs) note(s.outputPath() + " " + entry(s));
+    }
+    unsigned sidOf(const External::Subscription& sub) const {
+        const auto e = translator_->subscription(sub);
+        return e ? e->sid : 0;
+    }
+    veMetadata::veTable tableRow(const std::string& path) {
+        return db_->connect(agentOptions(Kind::standalone, "p", "p"))->tableInfo(path);
+    }
+    // The database's publication for `sub`'s control row and table, with the fields in `more`.
+    veCtrl::publication internal(const External::Subscription& sub, const std::string& more = "") {
+        return rowOf<veCtrl::publication>("subscription_id=" + std::to_string(sidOf(sub)) + ";tableId=" +
+                                          std::to_string(tableRow(sub.outputPath()).oid()) + more);
+    }
+    void writeClientRow(unsigned id) {
+        db_->write(kExtPub,
+                   rowOf<External::Publication>("subscription_id=" + std::to_string(id) +
+                                                ";publication_id=1;view_id=3;connection_id=4;tableId=5;"
+                                                "typeId=6;ptime=7;error=client says no"));
+    }
+
+    // Server agent: the host answers control subscriptions with publications.
+    std::string serverFlow() {
+        fresh(true);
+        out_.clear();
+        writeSystem(10, "clientSys", "client");
+        writeSystem(11, "internalSys", "member", 0);
+        for (const char* path : {"velta/in/items", "velta/out/owned", "velta/out/owned2", "velta/out/s"})
+            db_->createTable(path, "Test::Item",
+                             std::string(path).find("owned") != std::string::npos ? "someone" : "");
+        // Left from before: a subscription whose client row names a publication that is gone, a
+        // client row of no subscription and control rows of no subscription or system.
+        writeSubscription("oid=5;system_description=10;outputPath=velta/out/act;standing=1");
+        db_->write(kExtPub, rowOf<External::Publication>("subscription_id=5;publication_id=777;status=1"));
+        db_->write(kExtPub, rowOf<External::Publication>("subscription_id=4242;status=1"));
+        for (const char* row :
+             {"connection_id=4;system_description=10", "connection_id=5;system_description=99",
+              "connection_id=5;system_description=11"})
+            db_->write(kCtrlSubs, rowOf<veCtrl::subscription>(row));
+        happened();
+        start(Kind::server, "server", "serverSys");
+        mark("ready");
+
+        db_->clockAdvance(500);
+        std::vector<External::Subscription> subs;
+        for (const char* sub : {
+                 "outputPath=velta/out/q1;queryText=SELECT key FROM velta/in/items;standing=1;features=6;"
+                 "type_signature=sig;paramName=[a,b,a];paramValue=[1,2,3];ptime=42",
+                 "outputPath=velta/out/bad;queryText=SELECT key FROM velta/in/missing;standing=1",
+                 "outputPath=",
+                 "outputPath=velta/out/t;typeName=No::Such",
+                 "outputPath=velta/out/s;system_description=99",
+                 "outputPath=velta/out/oneshot;queryText=SELECT * FROM "
+                 "velta/out/oneshot;desiredFlags=0x40;flags=0x41",
+                 "outputPath=velta/out/owned;queryText=SELECT * INTO velta/out/owned;desiredFlags=1",
+                 // Look-alikes of the refusals, accepted.
+                 "outputPath=velta/out/la1;queryText=SELECT * FROM velta/out/la1;desiredFlags=0x40;flags=1",
+                 "outputPath=velta/out/la2;queryText=SELECT * FROM velta/out/la2;desiredFlags=1;flags=0x40",
+                 "outputPath=velta/out/owned2;queryText=SELECT * INTO velta/out/owned2;flags=0x40",
+                 "outputPath=velta/out/la3;queryText=SELECT * FROM ;desiredFlags=0x40;flags=0x40",
+                 "outputPath=velta/out/m;queryText=SELECT 1;system_description=11",
+             })
+            subs.push_back(writeSubscription(std::string("system_description=10;") + sub));
+        run();
+        mark("intake");
+        entries(subs);
+
+        for (const char* pub : {";ptime=549;status=1;system_id=10", ";ptime=550;status=1;system_id=10",
+                                ";ptime=549;error=broken;system_id=10"}) {
+            db_->write(kCtrlPub, internal(subs[0], pub));
+            run();
+        }
+        db_->erase(kCtrlPub, internal(subs[0]));
+        db_->erase(kCtrlPub, internal(subs[8]));
+        run();
+        db_->write(kCtrlPub, internal(subs[8], ";status=1;ptime=600"));
+        db_->write(kCtrlPub, rowOf<veCtrl::publication>("subscription_id=5555;status=1"));
+        run();
+        mark("publications");
+
+        for (int i : {0, 1, 7}) db_->erase(kExtSubs, subs[i]);
+        run();
+        mark("withdrawals");
+        entries({subs[0], subs[1], subs[7]});
+
+        Agent::SubscriptionTranslator& t = *translator_;
+        auto key = [](unsigned oid) {
+            return rowOf<External::Subscription>(
+                "oid=" + std::to_string(oid) +
+                ";system_description=10;outputPath=velta/out/reg;typeName=Test::Item");
+        };
+        t.subscriptionComplete(key(31), Agent::TableRow(), false, false, true, 0, 5, "");
+        t.subscriptionComplete(key(31), Agent::TableRow(), true, true, true, 1234, 9, "");
+        t.subscriptionComplete(key(99), Agent::TableRow(), false, false, true, 77, 0, "");
+        note(entry(key(31)) + " ids " + std::to_string(t.externalSubscriptionId(5)) + " " +
+             std::to_string(t.externalSubscriptionId(9)));
+        t.subscriptionComplete(subs[10], Agent::TableRow(), false, false, false, 0, 0, "no table");
+        const unsigned sid = sidOf(subs[10]);
+        t.subscriptionComplete(subs[10], tableRow("velta/out/la3"), false, false, false, 0, 0, "gone");
+        note(entry(subs[10]) + " old sid maps " +
+             std::to_string(t.externalSubscriptionId(sid) == subs[10].oid()));
+        db_->erase(kExtPub, rowOf<External::Publication>("subscription_id=" + std::to_string(subs[9].oid())));
+        t.subscriptionComplete(subs[9], tableRow("velta/out/owned2"), false, false, false, 0, 0, "lost");
+        mark("registry");
+        translator_.reset();
+        mark("teardown");
+        return out_;
+    }
+
+    // Standalone non-server agent: tables appear a loop turn after registration.
+    std::string standaloneFlow() {
+        fresh(false);
+        out_.clear();
+        writeSystem(20, "sysA", "A");
+        writeSystem(21, "sysA", "B");
+        writeSystem(22, "other", "A");
+        db_->createTable("velta/out/e", "Test::Item");
+        db_->createTable("velta/out/owned", "Test::Item", "someone");
+        Agent::SubscriptionTranslator& t = start(Kind::standalone, "A", "sysA");
+        mark("ready");
+        const std::string late =
+            "system_description=20;outputPath=velta/out/late;queryText=SELECT * INTO x;desiredFlags=1";
+        writeSubscription(late);
+        writeSubscription(
+            "system_description=20;outputPath=velta/out/pr;queryText=SELECT * FROM "
+            "x;desiredFlags=0x40;flags=0x40");
+        db_->runOne();
+        db_->runOne();
+        note("parked " + std::to_string(t.pendingTableSubscriptions().size()));
+        writeSubscription(late);  // the client writes its row again, under a new oid
+        std::vector<External::Subscription> subs;
+        for (const char* sub :
+             {"system_description=20;outputPath=velta/out/e;queryText=SELECT * FROM velta/out/e;standing=1",
+              "system_description=21;outputPath=velta/out/u1",
+              "system_description=22;outputPath=velta/out/u2",
+              "system_description=20;outputPath=velta/out/owned;queryText=SELECT * INTO "
+              "velta/out/owned;desiredFlags=1"})
+            subs.push_back(writeSubscription(sub));
+        run();
+        mark("intake");
+        note("parked " + std::to_string(t.pendingTableSubscriptions().size()));
+
+        const unsigned e = subs[0].oid();
+        for (unsigned id : {e, 9999u, subs[1].oid(), subs[3].oid()}) {
+            writeClientRow(id);
+            run();
+        }
+        db_->erase("velta/metadata/SystemDescription", rowOf<veMetadata::SystemDescription>("oid=20"));
+        writeClientRow(e);
+        run();
+        for (const auto& [system, agent] :
+             std::vector<std::pair<std::string, std::string>>{{"sysA", "B"}, {"other", "A"}}) {
+            writeSystem(20, system, agent);
+            writeClientRow(e);
+            run();
+        }
+        writeSystem(20, "sysA", "A");
+        mark("client publications");
+        // A deleted client row is looked up through its own (empty) key fields: only the entry of a
+        // subscription with no output path and system 0 matches, and its sid 0 names the row deleted.
+        const auto clientRow = rowOf<External::Publication>("subscription_id=" + std::to_string(e));
+        db_->write(kCtrlPub, rowOf<veCtrl::publication>("subscription_id=0;status=1"));
+        db_->erase(kExtPub, clientRow);
+        run();
+        writeSubscription("system_description=0;outputPath=");
+        writeClientRow(e);
+        db_->erase(kExtPub, clientRow);
+        run();
+        mark("client publication deleted");
+
+        db_->erase(kExtSubs, subs[0]);
+        run();
+        writeSubscription("system_description=20;outputPath=velta/out/c;queryText=SELECT 1");
+        db_->runOne();
+        writeClientRow(e);
+        db_->write(kCtrlPub, rowOf<veCtrl::publication>("subscription_id=8888;status=1"));
+        translator_->clean();
+        note("after clean: required " + std::to_string(translator_->requiredInterfaces().size()) +
+             ", entries " + std::to_string(translator_->subscriptionCount()) + ", parked " +
+             std::to_string(translator_->pendingTableSubscriptions().size()));
+        translator_->onTableReady();
+        run();
+        mark("withdrawal, clean and a ready pass");
+        return out_;
+    }
+
+    // Per-agent non-server agent: shared rows and per-client rows (handled with oid 0).
+    std::string perAgentFlow() {
+        fresh(false);
+        out_.clear();
+        writeSystem(20, "sysA", "A");
+        db_->createTable("velta/out/pa", "Test::Item");
+        db_->createTable("velta/out/pc", "Test::Item");
+        Agent::SubscriptionTranslator& t = start(Kind::perAgent, "A", "sysA");
+        mark("ready");
+        const std::string clientTable = "velta/External/input/A/Subscription";
+        const std::string shared = "system_description=20;outputPath=velta/out/pa;standing=1";
+        writeSubscription(shared);
+        const External::Subscription perClient = writeSubscription(
+            "oid=7;system_description=20;outputPath=velta/out/pc;queryText=SELECT 2", clientTable);
+        run();
+        const External::Subscription again = writeSubscription(shared);  // under a new oid
+        run();
+        mark("intake");
+        entries({again, perClient});
+        note("ids " + std::to_string(t.externalSubscriptionId(sidOf(again))) + " " +
+             std::to_string(t.externalSubscriptionId(sidOf(perClient))));
+        db_->write(kExtPub,
+                   rowOf<External::Publication>("status=1;subscription_id=" + std::to_string(again.oid())));
+        db_->erase(clientTable, perClient);
+        db_->erase(kExtSubs, again);
+        run();
+        t.onTableReady();
+        run();
+        mark("withdrawals and a ready pass");
+        translator_.reset();
+        Host::Database::serverProcessIs(true);
+        start(Kind::perAgent, "D", "sysA");
+        writeSystem(21, "sysA", "D");
+        writeSubscription("system_description=21;outputPath=velta/out/pa;standing=1");
+        run();
+        mark("in the server process");
+        return out_;
+    }
+};
+
+TEST_F(TranslatorFlowTest, ServerAgent) {
+    EXPECT_EQ(serverFlow(), R"(== ready
+L0:326 SubscriptionTranslator starting for server:serverSys
++ctrlPub subscription_id=11 system_id=10 typeId=65535 status=1
++ctrlPub subscription_id=12 system_id=99 typeId=65535 status=1
++ctrlPub subscription_id=13 system_id=11 typeId=65535 status=1
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 pubObserver_ not ready
+call registerTable path=velta/out/act typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
++ctrlSub oid=15 connection_id=5 system_description=10 typeName=Test::Item tableId=14 @extSubsObserver_
+L9:728 Updating sid for velta/out/act, 0=>15
+-ctrlSub oid=11 connection_id=4 system_description=10 @extSubsObserver_
+-ctrlSub oid=13 connection_id=5 system_description=11 @extSubsObserver_
+-ctrlSub oid=12 connection_id=5 system_description=99 @extSubsObserver_
+-extPub subscription_id=4242 status=1 @extSubsObserver_
++extPub subscription_id=5 publication_id=777 error=no corresponding internal publication row @pubObserver_
++ctrlPub subscription_id=15 system_id=10 tableId=14 typeId=8 status=1
+-ctrlPub subscription_id=11 system_id=10 typeId=65535 status=1
+-ctrlPub subscription_id=13 system_id=11 typeId=65535 status=1
+-ctrlPub subscription_id=12 system_id=99 typeId=65535 status=1
++extPub subscription_id=5 publication_id=15 tableId=14 typeId=8 status=1
+L4:822 [serverSys:10] defineQuery (velta/out/act) 
+call defineQuery text="" typeId=8 params={} standing=1 name="" agent=server
+== intake
+call registerTable path=velta/out/q1 typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
++ctrlSub oid=29 connection_id=16 system_description=10 typeName=Test::Item type_signature=sig tableId=28 features=6 ptime=42
+L9:728 Updating sid for velta/out/q1, 0=>29
++extPub subscription_id=16 tableId=28 typeId=8 status=1
+call registerTable path=velta/out/bad typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
++ctrlSub oid=31 connection_id=17 system_description=10 typeName=Test::Item tableId=30
+L9:728 Updating sid for velta/out/bad, 0=>31
++extPub subscription_id=17 tableId=30 typeId=8 status=1
++extPub subscription_id=18 connection_id=18 typeId=8 error=Output path is empty.
++extPub subscription_id=19 connection_id=19 error=Result type undefined.
++extPub subscription_id=20 connection_id=20 typeId=8 error=SystemDescription no longer valid.
+call registerTable path=velta/out/oneshot typeName=Test::Item tableType=1 desiredFlags=64 flags=65 owner= agent=server
++extPub subscription_id=21 connection_id=21 tableId=32 typeId=8 error=Can't do a one-shot read of non-materialized table. Issue a standing read, or use a query instead.
++extPub subscription_id=22 connection_id=22 tableId=8 typeId=8 error=Can't write to table already owned by someone
+call registerTable path=velta/out/la1 typeName=Test::Item tableType=1 desiredFlags=64 flags=1 owner= agent=server
+L4:593 [serverSys:10] subscribe r velta/out/la1
++ctrlSub oid=34 connection_id=23 system_description=10 typeName=Test::Item tableId=33
+L9:728 Updating sid for velta/out/la1, 0=>34
++extPub subscription_id=23 tableId=33 typeId=8 status=1
+call registerTable path=velta/out/la2 typeName=Test::Item tableType=1 desiredFlags=1 flags=64 owner= agent=server
+L4:593 [serverSys:10] subscribe r velta/out/la2
++ctrlSub oid=36 connection_id=24 system_description=10 typeName=Test::Item tableId=35
+L9:728 Updating sid for velta/out/la2, 0=>36
++extPub subscription_id=24 tableId=35 typeId=8 status=1
+L4:593 [serverSys:10] subscribe w velta/out/owned2
++ctrlSub oid=37 connection_id=25 system_description=10 typeName=Test::Item tableId=9 writer=1
+L9:728 Updating sid for velta/out/owned2, 0=>37
++extPub subscription_id=25 tableId=9 typeId=8 status=1
+call registerTable path=velta/out/la3 typeName=Test::Item tableType=1 desiredFlags=64 flags=64 owner= agent=server
++ctrlSub oid=39 connection_id=26 system_description=10 typeName=Test::Item tableId=38
+L9:728 Updating sid for velta/out/la3, 0=>39
++extPub subscription_id=26 tableId=38 typeId=8 status=1
+call registerTable path=velta/out/m typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=server
++ctrlSub oid=41 connection_id=27 system_description=11 typeName=Test::Item tableId=40
+L9:728 Updating sid for velta/out/m, 0=>41
++extPub subscription_id=27 tableId=40 typeId=8 status=1
++ctrlPub subscription_id=29 system_id=10 tableId=28 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=31 system_id=10 tableId=30 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=34 system_id=10 tableId=33 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=36 system_id=10 tableId=35 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=37 system_id=10 tableId=9 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=39 system_id=10 tableId=38 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=41 system_id=11 tableId=40 typeId=8 status=1 ptime=500
++extPub subscription_id=16 publication_id=29 tableId=28 typeId=8 status=1 ptime=500
+L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
+call defineQuery text="SELECT key FROM velta/in/items" typeId=8 params={a=3,b=2} standing=1 name="" agent=server
++extPub subscription_id=17 publication_id=31 tableId=30 typeId=8 status=1 ptime=500
+L4:822 [serverSys:10] defineQuery (velta/out/bad) SELECT key FROM velta/in/missing
+call defineQuery text="SELECT key FROM velta/in/missing" typeId=8 params={} standing=1 name="" agent=server
++extPub subscription_id=23 publication_id=34 tableId=33 typeId=8 status=1 ptime=500
++extPub subscription_id=24 publication_id=36 tableId=35 typeId=8 status=1 ptime=500
++extPub subscription_id=25 publication_id=37 tableId=9 typeId=8 status=1 ptime=500
++extPub subscription_id=26 publication_id=39 tableId=38 typeId=8 status=1 ptime=500
+L4:822 [serverSys:10] defineQuery (velta/out/la3) SELECT * FROM 
+call defineQuery text="SELECT * FROM " typeId=8 params={} standing=0 name="" agent=server
+L2:775   PublicationTranslator Skipping internal publication: veCtrl::subscription{oid=41 connection_id=27 system_description=11 typeName="Test::Item" type_signature="" tableId=40 features=0 writer=0 ptime=0} for internal member veMetadata::SystemDescription{oid=11 sysName="internalSys" agentName="member" properties=0}
+-ctrlSub oid=31 connection_id=17 system_description=10 typeName=Test::Item tableId=30
+-ctrlPub subscription_id=31 system_id=10 tableId=30 typeId=8 status=1 ptime=500
++extPub subscription_id=17 publication_id=31 tableId=30 typeId=8 error=no corresponding publication row ptime=500
+velta/out/q1 - 16 28 8 29
+velta/out/bad - 17 30 8 0
+ - 18 0 8 0
+velta/out/t - 19 0 0 0
+velta/out/s - 20 0 8 0
+velta/out/oneshot r 21 32 8 0
+velta/out/owned w 22 8 8 0
+velta/out/la1 r 23 33 8 34
+velta/out/la2 r 24 35 8 36
+velta/out/owned2 w 25 9 8 37
+velta/out/la3 - 26 38 8 39
+velta/out/m - 27 40 8 41
+== publications
++ctrlPub subscription_id=29 system_id=10 tableId=28 status=1 ptime=549
+L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
+call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2} standing=1 name="" agent=server
++ctrlPub subscription_id=29 system_id=10 tableId=28 status=1 ptime=550
++extPub subscription_id=16 publication_id=29 tableId=28 status=1 ptime=550
+L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
+call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2} standing=1 name="" agent=server
++ctrlPub subscription_id=29 system_id=10 tableId=28 error=broken ptime=549
++extPub subscription_id=16 publication_id=29 tableId=28 error=broken ptime=549
+-ctrlPub subscription_id=29 system_id=10 tableId=28 error=broken ptime=549
+-ctrlPub subscription_id=36 system_id=10 tableId=35 typeId=8 status=1 ptime=500
++extPub subscription_id=24 publication_id=36 tableId=35 typeId=8 error=no corresponding publication row ptime=500
++ctrlPub subscription_id=36 tableId=35 status=1 ptime=600
++ctrlPub subscription_id=5555 status=1
++extPub subscription_id=24 publication_id=36 tableId=35 status=1 ptime=600
+== withdrawals
+L4:662  deleting subscription [16] velta/out/q1
+-extPub subscription_id=16 publication_id=29 tableId=28 error=broken ptime=549
+L9:672   Lookup sid: 29
+-ctrlSub oid=29 connection_id=16 system_description=10 typeName=Test::Item type_signature=sig tableId=28 features=6 ptime=42
+L4:683 [serverSys] removeQuery velta/out/q1
+call removeQuery name="velta/out/q1" agent=server
+L4:662  deleting subscription [17] velta/out/bad
+-extPub subscription_id=17 publication_id=31 tableId=30 typeId=8 error=no corresponding publication row ptime=500
+L9:672   Lookup sid: 0
+L9:679   Not found
+L4:683 [serverSys] removeQuery velta/out/bad
+call removeQuery name="velta/out/bad" agent=server
+L4:662  deleting subscription [23] velta/out/la1
+-extPub subscription_id=23 publication_id=34 tableId=33 typeId=8 status=1 ptime=500
+L9:672   Lookup sid: 34
+-ctrlSub oid=34 connection_id=23 system_description=10 typeName=Test::Item tableId=33
+-ctrlPub subscription_id=34 system_id=10 tableId=33 typeId=8 status=1 ptime=500
+velta/out/q1 none
+velta/out/bad none
+velta/out/la1 none
+L9:728 Updating sid for velta/out/reg, 0=>5
+L9:728 Updating sid for velta/out/reg, 5=>9
+- 31 0 8 9 ids 0 31
+-ctrlSub oid=39 connection_id=26 system_description=10 typeName=Test::Item tableId=38
+- 26 38 8 0 old sid maps 1
+== registry
+-extPub subscription_id=25 publication_id=37 tableId=9 typeId=8 status=1 ptime=500
+-ctrlSub oid=37 connection_id=25 system_description=10 typeName=Test::Item tableId=9 writer=1
++extPub subscription_id=25 connection_id=25 tableId=9 typeId=8 error=lost
+== teardown
+)");
+}
+TEST_F(TranslatorFlowTest, StandaloneNonServerAgent) {
+    EXPECT_EQ(standaloneFlow(), R"(== ready
+L0:326 SubscriptionTranslator starting for A:sysA
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extPubObserver_ not ready
+L9:394 extPubObserver_ not ready
+call registerTable path=velta/out/late typeName=Test::Item tableType=1 desiredFlags=1 flags=0 owner=A agent=A
+L4:556 Table row not ready for velta/out/late
+call registerTable path=velta/out/pr typeName=Test::Item tableType=1 desiredFlags=64 flags=64 owner= agent=A
+L4:556 Table row not ready for velta/out/pr
+parked 2
+== intake
+L4:593 [sysA:20] subscribe w velta/out/late
++ctrlSub oid=17 connection_id=9 system_description=20 typeName=Test::Item tableId=15 writer=1
+L9:728 Updating sid for velta/out/late, 0=>17
+L4:593 [sysA:20] subscribe r velta/out/e
++ctrlSub oid=18 connection_id=11 system_description=20 typeName=Test::Item tableId=7
+L9:728 Updating sid for velta/out/e, 0=>18
+L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
+L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
+parked 0
+== client publications
++extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++ctrlPub subscription_id=18 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++extPub subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
++extPub subscription_id=12 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L4:903 No internal entry for Subscription External::Subscription{oid=12 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
++extPub subscription_id=14 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=14 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
++extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L2:916 No matching system description for subscription: External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0}
++extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="sysA" agentName="B" properties=1})
++extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="other" agentName="A" properties=1})
+== client publication deleted
++ctrlPub status=1
+-extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+-extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++ctrlPub subscription_id=18 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L9:961  deleting internal publication [0]  for external subscription: External::Subscription{oid=19 typeName="Test::Item" type_signature="" queryText="" outputPath="" system_description=0 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+-ctrlPub status=1
+L4:662  deleting subscription [11] velta/out/e
+L9:672   Lookup sid: 18
+-ctrlSub oid=18 connection_id=11 system_description=20 typeName=Test::Item tableId=7
+call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
+L4:556 Table row not ready for velta/out/c
++extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++ctrlPub subscription_id=8888 status=1
+after clean: required 0, entries 0, parked 1
+== withdrawal, clean and a ready pass
+call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
+L4:556 Table row not ready for velta/out/c
+L4:593 [sysA:20] subscribe w velta/out/late
++ctrlSub oid=17 connection_id=9 system_description=20 typeName=Test::Item tableId=15 writer=1 @extSubsObserver_
+L9:728 Updating sid for velta/out/late, 0=>17
+L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
+L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+L4:903 No internal entry for Subscription External::Subscription{oid=12 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=14 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+-ctrlPub subscription_id=18 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 @extPubObserver_
+-ctrlPub subscription_id=8888 status=1 @extPubObserver_
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
++ctrlSub oid=22 connection_id=20 system_description=20 typeName=Test::Item tableId=21
+L9:728 Updating sid for velta/out/c, 0=>22
+)");
+}
+TEST_F(TranslatorFlowTest, PerAgentNonServerAgent) {
+    EXPECT_EQ(perAgentFlow(), R"(== ready
+L0:326 SubscriptionTranslator starting for A:sysA
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extPubObserver_ not ready
+L9:394 extPubObserver_ not ready
+L9:394 extPubObserver_ not ready
+== intake
++ctrlSub oid=11 connection_id=10 system_description=20 typeName=Test::Item tableId=7
+L9:728 Updating sid for velta/out/pa, 0=>11
++ctrlSub oid=12 system_description=20 typeName=Test::Item tableId=8
+L9:728 Updating sid for velta/out/pc, 0=>12
++ctrlSub oid=11 connection_id=10 system_description=20 typeName=Test::Item tableId=7
+velta/out/pa - 10 7 8 11
+velta/out/pc - 0 8 8 12
+ids 10 0
+== withdrawals and a ready pass
++extPub subscription_id=10 status=1
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=0 connection_id=0 tableId=0 typeId=0 view_id=0 status=1 error="" ptime=0}
+L4:662  deleting subscription [10] velta/out/pa
+L9:672   Lookup sid: 11
+-ctrlSub oid=11 connection_id=10 system_description=20 typeName=Test::Item tableId=7
+-ctrlSub oid=12 system_description=20 typeName=Test::Item tableId=8 @extSubsObserver_
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=0 connection_id=0 tableId=0 typeId=0 view_id=0 status=1 error="" ptime=0}
+== in the server process
+L0:326 SubscriptionTranslator starting for D:sysA
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extSubsObserver_ not ready
+L9:394 extPubObserver_ not ready
+L9:394 extPubObserver_ not ready
+L9:394 extPubObserver_ not ready
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=0 connection_id=0 tableId=0 typeId=0 view_id=0 status=1 error="" ptime=0}
++velta/veCtrl/input/D/subscription oid=16 connection_id=15 system_description=21 typeName=Test::Item tableId=7
+)");
+}
+
+}  // namespace
+}  // namespace Velta::Test
+
+namespace Velta::Test {
+namespace {
+
+// Every trace appears at its own level only, and tracing changes nothing else: each flow run with
+// one level on shows exactly the lines of that level (and every change) of the run with all on.
+TEST_F(TranslatorFlowTest, TracesFollowTheMaskLevelByLevel) {
+    for (auto flow : {&TranslatorFlowTest::serverFlow, &TranslatorFlowTest::standaloneFlow,
+                      &TranslatorFlowTest::perAgentFlow}) {
+        const std::string full = (this->*flow)();
+        for (unsigned level = 0; level < 10; ++level) {
+            if ((kTranscriptLevels & (1u << level)) == 0) continue;
+            std::string expected;
+            std::istringstream lines(full);
+            for (std::string line; std::getline(lines, line);)
+                if (line[0] != 'L' || line.rfind("L" + std::to_string(level) + ":", 0) == 0)
+                    expected += line + "\n";
+            ScopedDebugMask mask("SubscriptionTranslator", 1u << level);
+            EXPECT_EQ((this->*flow)(), expected) << "level " << level;
+        }
+    }
+}
+
+// Which interfaces each kind of agent binds, where and with which flag, and which it waits for.
+TEST_F(TranslatorFlowTest, BindingsPerKindOfAgent) {
+    auto bindings = [this](Kind kind, const std::string& name) {
+        const Agent::SubscriptionTranslator& t = start(kind, name, "sys");
+        std::string out;
+        for (const char* ifName : {"extSubsObserver_", "extSubsPerClientObserver_", "subsReader",
+                                   "subsModifier", "extPubObserver_", "extPubModifier", "pubObserver_",
+                                   "pubModifier", "sysDescReader", "veTableObserver"}) {
+            const VeTableInterface* iface = t.tableInterface(ifName);
+            if (iface->attachment() != 0)
+                out += std::string(ifName) + " " + std::to_string(iface->mode()) + " " + iface->tablePath() +
+                       (iface->bindFlag() ? " flag" : "") + "\n";
+        }
+        out += "waits for";
+        for (const VeTableInterface* iface : t.requiredInterfaces()) out += " " + iface->ifName();
+        return out;
+    };
+    EXPECT_EQ(bindings(Kind::server, "S"), R"(extSubsObserver_ 5 velta/External/Subscription
+subsReader 1 velta/veCtrl/subscription
+subsModifier 3 velta/veCtrl/subscription
+extPubModifier 3 velta/External/Publication
+pubObserver_ 5 velta/veCtrl/publication
+sysDescReader 1 velta/metadata/SystemDescription
+waits for extSubsObserver_ subsReader sysDescReader subsModifier extPubModifier pubObserver_)");
+    EXPECT_EQ(bindings(Kind::standalone, "B"), R"(extSubsObserver_ 5 velta/External/Subscription
+subsReader 1 velta/veCtrl/subscription
+subsModifier 3 velta/veCtrl/subscription flag
+extPubObserver_ 5 velta/External/Publication
+pubModifier 3 velta/veCtrl/publication flag
+sysDescReader 1 velta/metadata/SystemDescription
+veTableObserver 5 velta/metadata/veTable
+waits for extSubsObserver_ subsReader sysDescReader subsModifier pubModifier extPubObserver_ veTableObserver)");
+    EXPECT_EQ(bindings(Kind::perAgent, "C"), R"(extSubsObserver_ 5 velta/External/Subscription
+extSubsPerClientObserver_ 5 velta/External/input/C/Subscription
+subsReader 1 velta/veCtrl/subscription
+subsModifier 3 velta/veCtrl/subscription flag
+extPubObserver_ 5 velta/External/Publication
+pubModifier 3 velta/veCtrl/publication flag
+sysDescReader 1 velta/metadata/SystemDescription
+veTableObserver 5 velta/metadata/veTable
+waits for extSubsObserver_ subsReader sysDescReader subsModifier pubModifier extPubObserver_ veTableObserver extSubsPerClientObserver_)");
+    Host::Database::serverProcessIs(true);
+    EXPECT_EQ(bindings(Kind::perAgent, "D"), R"(extSubsObserver_ 5 velta/External/Subscription
+extSubsPerClientObserver_ 5 velta/External/input/D/Subscription
+subsReader 1 velta/veCtrl/subscription
+subsModifier 3 velta/veCtrl/input/D/subscription
+extPubObserver_ 5 velta/External/Publication
+pubModifier 3 velta/veCtrl/publication flag
+sysDescReader 1 velta/metadata/SystemDescription
+veTableObserver 5 velta/metadata/veTable
+waits for extSubsObserver_ subsReader sysDescReader subsModifier pubModifier extPubObserver_ veTableObserver extSubsPerClientObserver_)");
+    EXPECT_EQ(translator_->tableInterface("nothing"), nullptr);
+}
+
+// A host whose registrations never become visible: everything else is the real in-memory host.
+class RegistrationLosingHost : public ForwardingHost {
+public:
+    using ForwardingHost::ForwardingHost;
+    void registerTable(const std::string&, const std::string&, TableType, unsigned short, unsigned short,
+                       const std::string&) override {}
+};
+
+// Breaches of the translator's contracts end the process with the assertion report: an agent that
+// is neither the server nor external, a server whose registered table is not visible at once, and
+// unequal parameter lists in a query subscription.
+TEST_F(TranslatorFlowTest, BrokenContractsEndTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    fresh(false);
+    Host::AgentOptions plain = agentOptions(Kind::server, "plain", "sys");
+    plain.serverAgent = false;
+    EXPECT_DEATH(Agent::SubscriptionTranslator(db_->connect(plain)),
+                 "SubscriptionTranslator:327: "
+                 "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::VeltaDB::p_t\\): "
+                 "Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed");
+    writeSystem(10, "clientSys", "client");
+    start(Kind::server, "server", "serverSys");
+    const External::Subscription unequal = writeSubscription(
+        "system_description=10;outputPath=velta/out/u;queryText=SELECT 1;paramName=[a,b];paramValue=[1]");
+    run();
+    db_->write(kCtrlPub, internal(unequal, ";status=1"));
+    EXPECT_DEATH(db_->runUntilIdle(),
+                 "SubscriptionTranslator:812: void Velta::Agent::SubscriptionTranslator::pubOnRow"
+                 "\\(const Velta::BaseRow&\\): Assertion `pName.size\\(\\) == pValue.size\\(\\)' "
+                 "failed");
+    fresh(false);  // the parent still holds what killed the child
+    writeSystem(10, "clientSys", "client");
+    Agent::SubscriptionTranslator losing(
+        std::make_shared<RegistrationLosingHost>(db_->connect(agentOptions(Kind::server, "server2", "s"))));
+    run();
+    writeSubscription("system_description=10;outputPath=velta/out/nometa;queryText=SELECT 1");
+    EXPECT_DEATH(db_->runUntilIdle(),
+                 "SubscriptionTranslator:547: void Velta::Agent::SubscriptionTranslator::"
+                 "extSubsOnRowCommon\\(const Velta::BaseRow&, bool\\): Assertion "
+                 "`!vdb_->isServerAgent\\(\\)' failed");
+}
+
+}  // namespace
+}  // namespace Velta::Test
