@@ -3,52 +3,36 @@
 // deleted on both sides, in all three kinds of agent. After each settle, and again after forced
 // ready passes, the invariants below must hold and nothing may crash or fail to settle.
 //
-// What the documented behaviour guarantees, and so what is checked:
-//
 // After every settle:
-//   W. No registry entry survives its withdrawal: a subscription key whose row was deleted from
-//      "velta/External/Subscription" (and is not there now) has no entry. Narrowed: a key that
-//      was ever written through the agent's per-client table is left out, because rows deleted
-//      from that table have no delete callback and are never withdrawn. This also relies on every
-//      query being completed within the settle that defined it: a completion that arrives after
-//      its subscription was deleted records an outcome for it and so creates a new entry.
+//   W. No registry entry survives its withdrawal: a key whose row was deleted from the shared table
+//      (and is not there now) has no entry. Narrowed: keys ever written through the per-client
+//      table are left out (rows deleted there have no delete callback). This relies on every query
+//      being completed within the settle that defined it.
 //
-// After two forced ready passes (onTableReady() called by the host process, each followed by a
-// settle). One pass is not enough in a non-server agent: a pass that has to register an output
-// table completes that subscription only when the table's metadata row arrives, after the pass's
-// sweep, so a control row the sweep would have removed can be written then; the second pass finds
-// every table known and its sweep runs after the last write.
-//   C1. Every live subscription of the shared table that is valid has exactly one control row
-//       with its system description, its oid as connection id and the current oid of its output
-//       table. Valid means: an output path; a known result type; a system description with bit 0
-//       of properties set (the sweep deletes control rows of systems without it, even though the
-//       intake writes them); in a non-server agent, a system description naming this agent's
-//       system and agent; not refused (one-shot direct read of a table with bit 0x40 in both
-//       flag words, direct write to a table owned by another agent when desiredFlags is set);
-//       and, in the server agent, a query text the host's query engine accepts (a failed query
-//       definition withdraws the control row). Narrowed: control rows for an older table at the
-//       same path (dropped and created again) may also remain, because the sweep matches control
-//       rows to subscriptions by oid only; C1 counts the rows for the current table.
-//   C2. No control row outlives its subscription: every control row's connection id is the oid
-//       of a live subscription of the shared table with the same system description, and that
-//       system description exists with bit 0 set. Per-client subscriptions have none after a pass:
-//       they are handled with oid 0, which names no shared subscription, so the sweep removes
-//       their control rows and the pass replays only the shared table.
-//   P.  Server agent: every live subscription of the shared table has exactly one client
-//       publication row, and every client publication row belongs to a live subscription.
-//   R.  The registry agrees: each valid subscription of C1 has an entry whose tableOid is the
-//       current table's oid, whose externalOid is its oid and, where the control row is read back
-//       from the table it was written to, whose sid is that control row's oid and maps back to the
-//       subscription's oid through externalSubscriptionId. (A per-agent translator in the server
-//       process writes control rows into its own table but reads them back from the shared one,
-//       finds nothing and records sid 0.)
+// After two forced ready passes (onTableReady(), each followed by a settle; in a non-server agent
+// one pass may register a table whose metadata row arrives only after the pass's sweep):
+//   C1. Every valid live subscription of the shared table has exactly one control row for the
+//       current oid of its output table, and it is exactly the row the subscription asks for
+//       (connection id, system description, type name and signature, features, writer, ptime).
+//       Valid: an output path; a known result type; a system description with bit 0 of properties
+//       set; outside the server, one naming this agent's system and agent; not refused (one-shot
+//       direct read with bit 0x40 in both flag words, direct write to a table owned by another
+//       agent when desiredFlags is set); in the server, a query text the host accepts. Control rows
+//       for an older table at the same path may remain: the sweep matches by oid only.
+//   C2. No control row outlives its subscription or its system description (bit 0 set).
+//       Per-client subscriptions, handled with oid 0, have none after a pass.
+//   P.  Server agent: every live subscription has exactly one client publication row, and every
+//       client publication row belongs to a live subscription.
+//   R.  The registry agrees: each valid subscription of C1 has an entry with the table's oid and its
+//       own oid and, where the control row is read back from the table it was written to, the
+//       control row's oid as sid, which maps back through externalSubscriptionId. (A per-agent
+//       translator in the server process reads back from the shared table and records sid 0.)
 //   W. as above.
 //
-// Host-side publications are written as the database writes them (naming a control row and its
-// table) or naming no control row at all: one that names one subscription's control row with
-// another table's id makes the translator complete that other subscription under the first one's
-// control id, which is documented behaviour and would void R. Parameter lists always have equal
-// lengths: unequal ones stop the process by contract.
+// Host-side publications name a control row and its table as the database writes them, or no
+// control row at all (one naming another table's id would complete that other subscription under
+// this control id, which is documented and would void R). Parameter lists have equal lengths:
+// unequal ones stop the process by contract.
 //
 // VELTA_CHURN_SEED=S replays one history; VELTA_CHURN_HISTORIES=N sets the count per agent kind.
 #include "TestSupport.h"
@@ -78,6 +62,7 @@ namespace veCtrl = Velta::veCtrl;
 namespace veMetadata = Velta::veMetadata;
 using Velta::Agent::SubscriptionTranslator;
 using Velta::Test::makeRecord;
+using Velta::Test::rowOf;
 
 constexpr const char* kSubsPath = "velta/External/Subscription";
 constexpr const char* kPubPath = "velta/External/Publication";
@@ -168,26 +153,18 @@ struct Step {
 };
 
 std::string describe(const Step& s) {
-    static constexpr std::array<const char*, 17> kNames = {"write subscription",
-                                                           "delete subscription",
-                                                           "write per-client subscription",
-                                                           "delete per-client subscription",
-                                                           "write system description",
-                                                           "delete system description",
-                                                           "client writes publication",
-                                                           "client deletes publication",
-                                                           "database writes control publication",
-                                                           "database deletes control publication",
-                                                           "database deletes control subscription",
-                                                           "create table",
-                                                           "drop table",
-                                                           "clock advance",
-                                                           "clean()",
-                                                           "destroy and rebuild the translator",
-                                                           "settle and check"};
+    // The operations' names, in the order of Op.
+    std::istringstream names(
+        "write subscription|delete subscription|write per-client subscription|delete per-client subscription|"
+        "write system description|delete system description|client writes publication|client deletes "
+        "publication|database writes control publication|database deletes control publication|database "
+        "deletes control subscription|create table|drop table|clock advance|clean()|destroy and rebuild the "
+        "translator|settle and check");
+    std::string name;
+    for (int i = 0; i <= static_cast<int>(s.op); ++i) std::getline(names, name, '|');
     std::ostringstream os;
-    os << kNames[static_cast<std::size_t>(s.op)] << ": sd=" << int(s.sd) << " outputPath=\""
-       << kOutputs[s.output] << "\" type=" << kTypeNames[s.type] << " text=\"" << kTexts[s.text].text
+    os << name << ": sd=" << int(s.sd) << " outputPath=\"" << kOutputs[s.output]
+       << "\" type=" << kTypeNames[s.type] << " text=\"" << kTexts[s.text].text
        << "\" desiredFlags=" << kDesiredFlags[s.desired] << " flags=" << kFlags[s.flags]
        << " standing=" << s.standing << " params=" << int(s.params) << " ours=" << s.ours
        << " ourAgent=" << s.ourAgent << " properties=" << int(s.props) << " pick=" << s.pick
@@ -199,9 +176,6 @@ std::string describe(const Step& s) {
 
 struct Stats {
     std::size_t histories = 0;
-    std::size_t steps = 0;
-    std::size_t checks = 0;
-    std::size_t deliveries = 0;
     std::size_t liveValid = 0;  // valid live subscriptions checked (C1), summed over checks
     std::size_t controlRows = 0;
 };
@@ -226,7 +200,6 @@ public:
 
     // Applies one step; returns the violated invariants after a settle, if any.
     std::optional<std::string> apply(const Step& s, Stats* stats) {
-        if (stats) ++stats->steps;
         switch (s.op) {
             case Op::writeSub:
                 db_->write(kSubsPath, subscriptionRow(s));
@@ -244,15 +217,14 @@ public:
                 db_->erase(perClientPath(kind_), subscriptionKey(s));
                 break;
             case Op::writeSysDesc:
-                db_->write(kSysDescPath, makeRecord<veMetadata::SystemDescription>(
-                                             {{"oid", unsigned(s.sd)},
-                                              {"sysName", s.ours ? kSystem : "sysB"},
-                                              {"agentName", s.ourAgent ? agentName(kind_) : "other"},
-                                              {"properties", unsigned(s.props)}}));
+                db_->write(kSysDescPath,
+                           rowOf<veMetadata::SystemDescription>(
+                               "oid=" + std::to_string(s.sd) + ";sysName=" + (s.ours ? kSystem : "sysB") +
+                               ";agentName=" + (s.ourAgent ? agentName(kind_) : "other") +
+                               ";properties=" + std::to_string(s.props)));
                 break;
             case Op::deleteSysDesc:
-                db_->erase(kSysDescPath,
-                           makeRecord<veMetadata::SystemDescription>({{"oid", unsigned(s.sd)}}));
+                db_->erase(kSysDescPath, rowOf<veMetadata::SystemDescription>("oid=" + std::to_string(s.sd)));
                 break;
             case Op::writeExtPub: {
                 // For a live subscription, or for one that never existed.
@@ -260,12 +232,11 @@ public:
                 const std::uint32_t id = !subs.empty() && s.pick % 4 != 0
                                              ? External::Subscription(subs[s.pick % subs.size()]).oid()
                                              : 90000 + s.pick % 100;
-                db_->write(kPubPath,
-                           makeRecord<External::Publication>({{"subscription_id", id},
-                                                              {"publication_id", s.pick % 3 ? 0u : id},
-                                                              {"status", s.status},
-                                                              {"error", s.status ? "" : "client says no"},
-                                                              {"ptime", db_->clock()}}));
+                db_->write(kPubPath, rowOf<External::Publication>(
+                                         "subscription_id=" + std::to_string(id) +
+                                         ";publication_id=" + std::to_string(s.pick % 3 ? 0u : id) +
+                                         ";ptime=" + std::to_string(db_->clock()) +
+                                         (s.status ? ";status=1" : ";error=client says no")));
                 break;
             }
             case Op::deleteExtPub:
@@ -274,9 +245,8 @@ public:
             case Op::writeCtrlPub: {
                 const std::vector<BaseRow> ctrl = db_->rows(controlPath(kind_));
                 veCtrl::publication pub =
-                    makeRecord<veCtrl::publication>({{"status", s.status},
-                                                     {"error", s.status ? "" : "database says no"},
-                                                     {"ptime", db_->clock()}});
+                    rowOf<veCtrl::publication>("ptime=" + std::to_string(db_->clock()) +
+                                               (s.status ? ";status=1" : ";error=database says no"));
                 if (!ctrl.empty() && s.pick % 4 != 0) {
                     const veCtrl::subscription c(ctrl[s.pick % ctrl.size()]);
                     pub.subscription_idIs(c.oid());
@@ -356,25 +326,18 @@ private:
         if (!rows.empty()) db_->erase(path, rows[pick % rows.size()]);
     }
 
-    std::size_t settle(Stats* stats) {
-        const std::size_t n = db_->runUntilIdle();
-        if (stats) stats->deliveries += n;
-        return n;
-    }
-
     std::optional<std::string> settleAndCheck(Stats* stats) {
         std::vector<std::string> problems;
-        settle(stats);
+        db_->runUntilIdle();
         if (!db_->settled()) return "the host did not settle";
         checkWithdrawals(&problems);
         for (int pass = 0; pass < 2; ++pass) {
             translator_->onTableReady();
-            settle(stats);
+            db_->runUntilIdle();
             if (!db_->settled()) return "the host did not settle after a forced ready pass";
         }
         checkWithdrawals(&problems);
         checkAfterPasses(&problems, stats);
-        if (stats) ++stats->checks;
         if (problems.empty()) return std::nullopt;
         std::ostringstream os;
         for (const auto& p : problems) os << "  " << p << "\n";
@@ -394,17 +357,10 @@ private:
         }
     }
 
-    struct SysDesc {
-        bool exists = false;
-        std::string sysName, agentName;
-        unsigned properties = 0;
-    };
-    SysDesc sysDesc(std::uint32_t oid) const {
-        const BaseRow row =
-            db_->read(kSysDescPath, makeRecord<veMetadata::SystemDescription>({{"oid", oid}}));
-        if (row.empty()) return {};
-        const veMetadata::SystemDescription d(row);
-        return {true, d.sysName(), d.agentName(), d.properties()};
+    // The system description with that oid, or an empty one.
+    veMetadata::SystemDescription sysDesc(std::uint32_t oid) const {
+        return veMetadata::SystemDescription(
+            db_->read(kSysDescPath, rowOf<veMetadata::SystemDescription>("oid=" + std::to_string(oid))));
     }
 
     static TextClass classify(const std::string& text) {
@@ -417,10 +373,10 @@ private:
         if (sub.outputPath().empty()) return *why = "no output path", false;
         if (handle_->tableTypeId(sub.typeName(), false) == Velta::VeltaDB::kUnknownTypeId)
             return *why = "unknown type", false;
-        const SysDesc d = sysDesc(sub.system_description());
-        if (!d.exists) return *why = "no system description", false;
-        if ((d.properties & 1) == 0) return *why = "internal member system", false;
-        if (!kind_.serverAgent && (d.sysName != kSystem || d.agentName != agentName(kind_)))
+        const veMetadata::SystemDescription d = sysDesc(sub.system_description());
+        if (d.empty()) return *why = "no system description", false;
+        if ((d.properties() & 1) == 0) return *why = "internal member system", false;
+        if (!kind_.serverAgent && (d.sysName() != kSystem || d.agentName() != agentName(kind_)))
             return *why = "unrelated", false;
         const TextClass cls = classify(sub.queryText());
         const veMetadata::veTable table = handle_->tableInfo(sub.outputPath());
@@ -428,7 +384,7 @@ private:
             if (cls == TextClass::reader && !sub.standing() && (sub.desiredFlags() & 0x40 & sub.flags()) != 0)
                 return *why = "one-shot read refused", false;
             if (cls == TextClass::writer && !table.empty() && !table.owner().empty() &&
-                table.owner() != d.agentName)
+                table.owner() != d.agentName())
                 return *why = "foreign owner refused", false;
         }
         if (kind_.serverAgent && (cls == TextClass::failingQuery || cls == TextClass::uncertain))
@@ -512,11 +468,11 @@ private:
 
         for (const veCtrl::subscription& c : controls) {  // C2
             auto live = liveByOid.find(c.connection_id());
-            const SysDesc d = sysDesc(c.system_description());
+            const veMetadata::SystemDescription d = sysDesc(c.system_description());
             if (live == liveByOid.end() || live->second.system_description() != c.system_description())
                 problems->push_back("C2: control row oid=" + std::to_string(c.oid()) + " connection_id=" +
                                     std::to_string(c.connection_id()) + " outlives its subscription");
-            else if (!d.exists || (d.properties & 1) == 0)
+            else if (d.empty() || (d.properties() & 1) == 0)
                 problems->push_back("C2: control row oid=" + std::to_string(c.oid()) +
                                     " kept for a system description that is gone or internal");
         }
@@ -595,19 +551,6 @@ std::optional<Failure> replay(const std::vector<Step>& steps, const AgentKind& k
     return std::nullopt;
 }
 
-// Drops steps (chunks, then single steps) while the history still fails.
-std::vector<Step> shrink(std::vector<Step> steps, const AgentKind& kind) {
-    return Velta::Test::shrinkHistory(std::move(steps), [&](const std::vector<Step>& candidate) {
-        return replay(candidate, kind).has_value();
-    });
-}
-
-std::size_t envCount(const char* name, std::size_t fallback) {
-    const char* text = std::getenv(name);
-    if (text == nullptr || *text == '\0') return fallback;
-    return static_cast<std::size_t>(std::strtoull(text, nullptr, 10));
-}
-
 constexpr std::size_t kHistoryLength = 60;
 
 void churn(const AgentKind& kind, std::uint64_t seedBase) {
@@ -616,7 +559,8 @@ void churn(const AgentKind& kind, std::uint64_t seedBase) {
     if (const char* one = std::getenv("VELTA_CHURN_SEED"); one && *one) {
         seeds.push_back(std::strtoull(one, nullptr, 10));
     } else {
-        const std::size_t count = envCount("VELTA_CHURN_HISTORIES", 1500);
+        const char* histories = std::getenv("VELTA_CHURN_HISTORIES");
+        const std::size_t count = histories && *histories ? std::strtoull(histories, nullptr, 10) : 1500;
         for (std::size_t i = 0; i < count; ++i) seeds.push_back(seedBase + 7919ULL * i);
     }
     for (std::uint64_t seed : seeds) {
@@ -627,7 +571,9 @@ void churn(const AgentKind& kind, std::uint64_t seedBase) {
             os << kind.label << " agent, history seed " << seed << ": after step " << failure->step + 1
                << " (" << describe(steps[failure->step]) << "):\n"
                << failure->what;
-            const std::vector<Step> small = shrink(steps, kind);
+            const std::vector<Step> small = Velta::Test::shrinkHistory(
+                steps,
+                [&](const std::vector<Step>& candidate) { return replay(candidate, kind).has_value(); });
             os << "shrunk history (" << small.size() << " of " << steps.size()
                << " steps) that still fails:\n";
             for (std::size_t i = 0; i < small.size(); ++i)
@@ -639,8 +585,7 @@ void churn(const AgentKind& kind, std::uint64_t seedBase) {
         }
     }
     std::cout << "translator churn (" << kind.label << "): " << stats.histories << " histories, "
-              << stats.steps << " steps, " << stats.checks << " checks, " << stats.deliveries
-              << " callbacks, " << stats.liveValid << " valid live subscriptions and " << stats.controlRows
+              << stats.liveValid << " valid live subscriptions and " << stats.controlRows
               << " control rows checked\n";
     // The streams must reach the interesting states, or the invariants check nothing (not asked of
     // a single replayed history).
