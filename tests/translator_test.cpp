@@ -146,14 +146,14 @@ public:
         mark("ready");
         const std::string late =
             "system_description=20;outputPath=velta/out/late;queryText=SELECT * INTO x;desiredFlags=1";
-        writeSubscription(late);
+        writeSubscription("oid=31;" + late);
         writeSubscription(
             "system_description=20;outputPath=velta/out/pr;queryText=SELECT * FROM "
             "x;desiredFlags=0x40;flags=0x40");
         db_->runOne();
         db_->runOne();
         note("parked " + std::to_string(t.pendingTableSubscriptions().size()));
-        writeSubscription(late);  // the client writes its row again, under a new oid
+        writeSubscription("oid=33;" + late);  // the client writes its row again, under a new oid
         std::vector<External::Subscription> subs;
         for (const char* sub :
              {"system_description=20;outputPath=velta/out/e;queryText=SELECT * FROM velta/out/e;standing=1",
@@ -220,11 +220,11 @@ public:
         mark("ready");
         const std::string clientTable = "velta/External/input/A/Subscription";
         const std::string shared = "system_description=20;outputPath=velta/out/pa;standing=1";
-        writeSubscription(shared);
+        writeSubscription("oid=31;" + shared);
         const External::Subscription perClient = writeSubscription(
             "oid=7;system_description=20;outputPath=velta/out/pc;queryText=SELECT 2", clientTable);
         run();
-        const External::Subscription again = writeSubscription(shared);  // under a new oid
+        const External::Subscription again = writeSubscription("oid=32;" + shared);  // under a new oid
         run();
         mark("intake");
         entries({again, perClient});
@@ -400,62 +400,62 @@ L4:556 Table row not ready for velta/out/pr
 parked 2
 == intake
 L4:593 [sysA:20] subscribe w velta/out/late
-+ctrlSub oid=17 connection_id=9 system_description=20 typeName=Test::Item tableId=15 writer=1
-L9:728 Updating sid for velta/out/late, 0=>17
++ctrlSub oid=16 connection_id=33 system_description=20 typeName=Test::Item tableId=14 writer=1
+L9:728 Updating sid for velta/out/late, 0=>16
 L4:593 [sysA:20] subscribe r velta/out/e
-+ctrlSub oid=18 connection_id=11 system_description=20 typeName=Test::Item tableId=7
-L9:728 Updating sid for velta/out/e, 0=>18
++ctrlSub oid=17 connection_id=10 system_description=20 typeName=Test::Item tableId=7
+L9:728 Updating sid for velta/out/e, 0=>17
 L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
 L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
 parked 0
 == client publications
-+extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-+ctrlPub subscription_id=18 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 +extPub subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L4:897 No corresponding external Subscription for External::Publication{subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-+extPub subscription_id=12 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L4:903 No internal entry for Subscription External::Subscription{oid=12 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
-+extPub subscription_id=14 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=14 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
 +extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L2:916 No matching system description for subscription: External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0}
-+extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="sysA" agentName="B" properties=1})
-+extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="other" agentName="A" properties=1})
+L4:903 No internal entry for Subscription External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
++extPub subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
++extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L2:916 No matching system description for subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0}
++extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="sysA" agentName="B" properties=1})
++extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="other" agentName="A" properties=1})
 == client publication deleted
 +ctrlPub status=1
--extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-+extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
--extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-+ctrlPub subscription_id=18 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L9:961  deleting internal publication [0]  for external subscription: External::Subscription{oid=19 typeName="Test::Item" type_signature="" queryText="" outputPath="" system_description=0 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+-extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+-extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L9:961  deleting internal publication [0]  for external subscription: External::Subscription{oid=18 typeName="Test::Item" type_signature="" queryText="" outputPath="" system_description=0 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
 -ctrlPub status=1
-L4:662  deleting subscription [11] velta/out/e
-L9:672   Lookup sid: 18
--ctrlSub oid=18 connection_id=11 system_description=20 typeName=Test::Item tableId=7
+L4:662  deleting subscription [10] velta/out/e
+L9:672   Lookup sid: 17
+-ctrlSub oid=17 connection_id=10 system_description=20 typeName=Test::Item tableId=7
 call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
 L4:556 Table row not ready for velta/out/c
-+extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
++extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 +ctrlPub subscription_id=8888 status=1
 after clean: required 0, entries 0, parked 1
 == withdrawal, clean and a ready pass
 call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
 L4:556 Table row not ready for velta/out/c
 L4:593 [sysA:20] subscribe w velta/out/late
-+ctrlSub oid=17 connection_id=9 system_description=20 typeName=Test::Item tableId=15 writer=1 @extSubsObserver_
-L9:728 Updating sid for velta/out/late, 0=>17
++ctrlSub oid=16 connection_id=33 system_description=20 typeName=Test::Item tableId=14 writer=1 @extSubsObserver_
+L9:728 Updating sid for velta/out/late, 0=>16
 L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
 L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
-L4:897 No corresponding external Subscription for External::Publication{subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-L4:903 No internal entry for Subscription External::Subscription{oid=12 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
-L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=14 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+L4:903 No internal entry for Subscription External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
 L4:897 No corresponding external Subscription for External::Publication{subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
--ctrlPub subscription_id=18 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 @extPubObserver_
+-ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 @extPubObserver_
 -ctrlPub subscription_id=8888 status=1 @extPubObserver_
-L4:897 No corresponding external Subscription for External::Publication{subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-+ctrlSub oid=22 connection_id=20 system_description=20 typeName=Test::Item tableId=21
-L9:728 Updating sid for velta/out/c, 0=>22
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
++ctrlSub oid=21 connection_id=19 system_description=20 typeName=Test::Item tableId=20
+L9:728 Updating sid for velta/out/c, 0=>21
 )");
 }
 TEST_F(TranslatorFlowTest, PerAgentNonServerAgent) {
@@ -469,19 +469,22 @@ L9:394 extPubObserver_ not ready
 L9:394 extPubObserver_ not ready
 L9:394 extPubObserver_ not ready
 == intake
-+ctrlSub oid=11 connection_id=10 system_description=20 typeName=Test::Item tableId=7
-L9:728 Updating sid for velta/out/pa, 0=>11
-+ctrlSub oid=12 system_description=20 typeName=Test::Item tableId=8
-L9:728 Updating sid for velta/out/pc, 0=>12
-+ctrlSub oid=11 connection_id=10 system_description=20 typeName=Test::Item tableId=7
-velta/out/pa - 10 7 8 11
-velta/out/pc - 0 8 8 12
-ids 10 0
++ctrlSub oid=10 connection_id=31 system_description=20 typeName=Test::Item tableId=7
+L9:728 Updating sid for velta/out/pa, 0=>10
++ctrlSub oid=11 system_description=20 typeName=Test::Item tableId=8
+L9:728 Updating sid for velta/out/pc, 0=>11
++ctrlSub oid=12 connection_id=32 system_description=20 typeName=Test::Item tableId=7
+L9:715 Updating Sid for velta/out/pa, 31=>32
+L9:728 Updating sid for velta/out/pa, 10=>12
+velta/out/pa - 32 7 8 12
+velta/out/pc - 0 8 8 11
+ids 32 0
 == withdrawals and a ready pass
-L4:662  deleting subscription [10] velta/out/pa
-L9:672   Lookup sid: 11
--ctrlSub oid=11 connection_id=10 system_description=20 typeName=Test::Item tableId=7
--ctrlSub oid=12 system_description=20 typeName=Test::Item tableId=8 @extSubsObserver_
+L4:662  deleting subscription [31] velta/out/pa
+L9:672   Lookup sid: 12
+-ctrlSub oid=12 connection_id=32 system_description=20 typeName=Test::Item tableId=7
+-ctrlSub oid=11 system_description=20 typeName=Test::Item tableId=8 @extSubsObserver_
+-ctrlSub oid=10 connection_id=31 system_description=20 typeName=Test::Item tableId=7 @extSubsObserver_
 )");
 }
 
@@ -570,9 +573,7 @@ public:
 TEST_F(TranslatorFlowTest, BrokenContractsEndTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     fresh(false);
-    Host::AgentOptions plain = agentOptions(Kind::server, "plain", "sys");
-    plain.serverAgent = false;
-    EXPECT_DEATH(Agent::SubscriptionTranslator(db_->connect(plain)),
+    EXPECT_DEATH(Agent::SubscriptionTranslator(db_->connect(Host::AgentOptions{})),  // neither kind
                  "SubscriptionTranslator:327: "
                  "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator\\(Velta::VeltaDB::p_t\\): "
                  "Assertion `vdb_->isServerAgent\\(\\) \\|\\| vdb_->external\\(\\)' failed");
