@@ -73,7 +73,7 @@ public:
         std::vector<External::Subscription> subs;
         for (const char* sub : {
                  "outputPath=velta/out/q1;queryText=SELECT key FROM velta/in/items;standing=1;features=6;"
-                 "type_signature=sig;paramName=[a,b,a];paramValue=[1,2,3];ptime=42",
+                 "type_signature=sig;paramName=[c,a,b,a];paramValue=[0,1,2,3];ptime=42",
                  "outputPath=velta/out/bad;queryText=SELECT key FROM velta/in/missing;standing=1",
                  "outputPath=",
                  "outputPath=velta/out/t;typeName=No::Such",
@@ -312,7 +312,7 @@ L9:728 Updating sid for velta/out/m, 0=>41
 +ctrlPub subscription_id=41 system_id=11 tableId=40 typeId=8 status=1 ptime=500
 +extPub subscription_id=16 publication_id=29 tableId=28 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
-call defineQuery text="SELECT key FROM velta/in/items" typeId=8 params={a=3,b=2} standing=1 name="" agent=server
+call defineQuery text="SELECT key FROM velta/in/items" typeId=8 params={a=3,b=2,c=0} standing=1 name="" agent=server
 +extPub subscription_id=17 publication_id=31 tableId=30 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/bad) SELECT key FROM velta/in/missing
 call defineQuery text="SELECT key FROM velta/in/missing" typeId=8 params={} standing=1 name="" agent=server
@@ -341,11 +341,11 @@ velta/out/m - 27 40 8 41
 == publications
 +ctrlPub subscription_id=29 system_id=10 tableId=28 status=1 ptime=549
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
-call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2} standing=1 name="" agent=server
+call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2,c=0} standing=1 name="" agent=server
 +ctrlPub subscription_id=29 system_id=10 tableId=28 status=1 ptime=550
 +extPub subscription_id=16 publication_id=29 tableId=28 status=1 ptime=550
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
-call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2} standing=1 name="" agent=server
+call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2,c=0} standing=1 name="" agent=server
 +ctrlPub subscription_id=29 system_id=10 tableId=28 error=broken ptime=549
 +extPub subscription_id=16 publication_id=29 tableId=28 error=broken ptime=549
 -ctrlPub subscription_id=29 system_id=10 tableId=28 error=broken ptime=549
