@@ -246,6 +246,7 @@ protected:
 
 #include <Velta/Agent/SubscriptionTranslator.h>
 
+#include <map>
 #include <sstream>
 
 namespace Velta::Test {
@@ -328,7 +329,7 @@ protected:
     }
 
     // A fresh database (auto-publishing or not, outside the server process) with the transcript
-    // attached and no translator.
+    // attached, emptied, and no translator.
     void fresh(bool autoPublish) {
         translator_.reset();
         Host::Database::serverProcessIs(false);
@@ -337,6 +338,8 @@ protected:
         reset(options);
         itemType();
         db_->listenerIs(&log_);
+        happened();
+        entryTraces();
     }
 
     // Builds a translator in a new agent of `kind` and runs the loop, so its ready pass is done.
@@ -372,6 +375,30 @@ protected:
         flushTraces();
         return std::exchange(happened_, "");
     }
+    // The function-entry traces (level 8) since the last call, as "L8: <line>x<count> ...", or "".
+    std::string entryTraces() {
+        flushTraces();
+        std::string out;
+        for (const auto& [line, count] : entryTraces_)
+            out += " " + std::to_string(line) + "x" + std::to_string(count);
+        entryTraces_.clear();
+        return out.empty() ? "" : "L8:" + out + "\n";
+    }
+    // `transcript` with each run of equal lines written once, followed by " (xN)".
+    static std::string collapsed(const std::string& transcript) {
+        std::vector<std::pair<std::string, int>> runs;
+        std::istringstream in(transcript);
+        for (std::string line; std::getline(in, line);) {
+            if (!runs.empty() && runs.back().first == line)
+                ++runs.back().second;
+            else
+                runs.emplace_back(line, 1);
+        }
+        std::string out;
+        for (const auto& [line, n] : runs)
+            out += line + (n > 1 ? " (x" + std::to_string(n) + ")" : "") + "\n";
+        return out;
+    }
 
     // The registry entry of `sub` in brief: "w/r/- externalOid tableOid typeId sid", or "none".
     std::string entry(const External::Subscription& sub) const {
@@ -382,8 +409,8 @@ protected:
                std::to_string(e->tableOid) + " " + std::to_string(e->typeId) + " " + std::to_string(e->sid);
     }
 
-    // Every trace level but the function entries (level 8).
-    static constexpr std::uint32_t kTranscriptLevels = 0x2ff;
+    // The trace levels the transcript holds: all of them.
+    static constexpr std::uint32_t kTranscriptLevels = 0x3ff;
 
     inline static const std::string kExtSubs = "velta/External/Subscription";
     inline static const std::string kExtPub = "velta/External/Publication";
@@ -399,6 +426,10 @@ private:
             const Host::TraceRecord& r = records[traced_];
             if (r.channel != "SubscriptionTranslator") continue;
             EXPECT_EQ(r.file, "SubscriptionTranslator");
+            if (r.level == 8) {  // function entries: counted, not written out
+                ++entryTraces_[r.line];
+                continue;
+            }
             if (r.level == 9 && (r.line == 642 || r.line == 653 || r.line == 891))
                 continue;  // echoes of the row
             std::string message = r.message;
@@ -429,6 +460,7 @@ private:
     ScopedDebugMask mask_{"SubscriptionTranslator", kTranscriptLevels};
     Host::TraceCapture capture_;
     std::size_t traced_ = 0;
+    std::map<unsigned, unsigned> entryTraces_;
     std::string happened_;
     Host::EventLog log_{[this](const Host::EventLog::Entry& e) { record(e); }};
 };
