@@ -247,6 +247,7 @@ protected:
 #include <Velta/Agent/SubscriptionTranslator.h>
 
 #include <map>
+#include <regex>
 #include <sstream>
 
 namespace Velta::Test {
@@ -375,12 +376,13 @@ protected:
         flushTraces();
         return std::exchange(happened_, "");
     }
-    // The function-entry traces (level 8) since the last call, as "L8: <line>x<count> ...", or "".
+    // The function-entry traces (level 8) since the last call, as "L8: <line><flags>x<count> ...", or
+    // "": the flags are what the trace says between the signature and the row, numbers of two digits
+    // or more written "#".
     std::string entryTraces() {
         flushTraces();
         std::string out;
-        for (const auto& [line, count] : entryTraces_)
-            out += " " + std::to_string(line) + "x" + std::to_string(count);
+        for (const auto& [what, count] : entryTraces_) out += " " + what + "x" + std::to_string(count);
         entryTraces_.clear();
         return out.empty() ? "" : "L8:" + out + "\n";
     }
@@ -426,8 +428,12 @@ private:
             const Host::TraceRecord& r = records[traced_];
             if (r.channel != "SubscriptionTranslator") continue;
             EXPECT_EQ(r.file, "SubscriptionTranslator");
-            if (r.level == 8) {  // function entries: counted, not written out
-                ++entryTraces_[r.line];
+            if (r.level == 8) {  // function entries: counted by line and flags, the row left out
+                const std::string head = r.message.substr(0, r.message.find('{'));
+                const std::size_t close = head.find(')') + 1, colon = head.rfind(": ");
+                const std::string flags = colon > close ? head.substr(close, colon - close) : "";
+                ++entryTraces_[std::to_string(r.line) +
+                               std::regex_replace(flags, std::regex("[0-9]{2,}"), "#")];
                 continue;
             }
             if (r.level == 9 && (r.line == 642 || r.line == 653 || r.line == 891))
@@ -460,7 +466,7 @@ private:
     ScopedDebugMask mask_{"SubscriptionTranslator", kTranscriptLevels};
     Host::TraceCapture capture_;
     std::size_t traced_ = 0;
-    std::map<unsigned, unsigned> entryTraces_;
+    std::map<std::string, unsigned> entryTraces_;
     std::string happened_;
     Host::EventLog log_{[this](const Host::EventLog::Entry& e) { record(e); }};
 };

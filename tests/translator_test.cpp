@@ -388,7 +388,7 @@ L9:728 Updating sid for velta/out/reg, 5=>9
 -ctrlSub oid=37 connection_id=25 system_description=10 typeName=Test::Item tableId=9 writer=1
 +extPub subscription_id=25 connection_id=25 tableId=9 typeId=8 error=lost
 == teardown
-L8: 347x1 417x1 477x14 652x3 695x26 760x20 846x7
+L8: 347x1 417x1 477 (perClient:0)x14 652x3 695( ok:0, sid:#,tr?1)x1 695( ok:0, sid:0,tr?0)x4 695( ok:0, sid:0,tr?1)x4 695( ok:1, sid:#,tr?1)x14 695( ok:1, sid:0,tr?0)x1 695( ok:1, sid:5,tr?0)x1 695( ok:1, sid:9,tr?0)x1 760x20 846x7
 )");
 }
 TEST_F(TranslatorFlowTest, StandaloneNonServerAgent) {
@@ -459,7 +459,7 @@ L4:897 No corresponding external Subscription for External::Publication{subscrip
 L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
 +ctrlSub oid=21 connection_id=19 system_description=20 typeName=Test::Item tableId=20
 L9:728 Updating sid for velta/out/c, 0=>21
-L8: 347x1 417x2 477x18 641x3 652x1 695x14 889x13 950x2
+L8: 347x1 417x2 477 (perClient:0)x18 641x3 652x1 695( ok:0, sid:0,tr?0)x6 695( ok:0, sid:0,tr?1)x4 695( ok:1, sid:#,tr?1)x4 889x13 950x2
 )");
 }
 TEST_F(TranslatorFlowTest, PerAgentNonServerAgent) {
@@ -484,7 +484,7 @@ L9:672   Lookup sid: 12
 -ctrlSub oid=12 connection_id=32 system_description=20 typeName=Test::Item tableId=7
 -ctrlSub oid=11 system_description=20 typeName=Test::Item tableId=8 @extSubsObserver_
 -ctrlSub oid=10 connection_id=31 system_description=20 typeName=Test::Item tableId=7 @extSubsObserver_
-L8: 347x1 417x2 477x3 652x1 695x3
+L8: 347x1 417x2 477 (perClient:0)x2 477 (perClient:1)x1 652x1 695( ok:1, sid:#,tr?1)x3
 )");
 }
 
