@@ -247,7 +247,6 @@ protected:
 #include <Velta/Agent/SubscriptionTranslator.h>
 
 #include <map>
-#include <regex>
 #include <sstream>
 
 namespace Velta::Test {
@@ -432,8 +431,13 @@ private:
                 const std::string head = r.message.substr(0, r.message.find('{'));
                 const std::size_t close = head.find(')') + 1, colon = head.rfind(": ");
                 const std::string flags = colon > close ? head.substr(close, colon - close) : "";
-                ++entryTraces_[std::to_string(r.line) +
-                               std::regex_replace(flags, std::regex("[0-9]{2,}"), "#")];
+                std::string key = std::to_string(r.line);
+                for (std::size_t i = 0; i < flags.size();) {
+                    const std::size_t end = std::min(flags.find_first_not_of("0123456789", i), flags.size());
+                    key += end - i >= 2 ? "#" : flags.substr(i, std::max<std::size_t>(end - i, 1));
+                    i = std::max(end, i + 1);
+                }
+                ++entryTraces_[key];
                 continue;
             }
             if (r.level == 9 && (r.line == 642 || r.line == 653 || r.line == 891))
