@@ -463,15 +463,11 @@ private:
     bool batchClosed_ = false;
 };
 
-struct Failure {
-    std::size_t step = 0;
-    std::string what;
-};
-
-std::optional<Failure> replay(const std::vector<Step>& steps, std::uint64_t shuffleSeed) {
+// Runs `steps` afresh; the first divergence, if any, as "step N: what".
+std::optional<std::string> replay(const std::vector<Step>& steps, std::uint64_t shuffleSeed) {
     StormRun run(shuffleSeed);
     for (std::size_t i = 0; i < steps.size(); ++i)
-        if (auto bad = run.apply(steps[i])) return Failure{i, *bad};
+        if (auto bad = run.apply(steps[i])) return "step " + std::to_string(i + 1) + ": " + *bad;
     return std::nullopt;
 }
 
@@ -550,8 +546,7 @@ std::optional<std::string> stormHistory(std::uint64_t seed, std::uint64_t shuffl
         os << "shrunk history that still fails:\n";
         for (std::size_t j = 0; j < small.size(); ++j)
             os << "  " << j + 1 << ". " << describe(small[j]) << "\n";
-        if (const auto again = replay(small, shuffleSeed))
-            os << "which fails at step " << again->step + 1 << ": " << again->what;
+        os << "which fails at " << replay(small, shuffleSeed).value_or("no step");
         return os.str() + "replay with VELTA_STORM_SEED=" + std::to_string(seed) + "\n";
     }
     return std::nullopt;

@@ -69,11 +69,6 @@ protected:
     void put(const std::string& path, const std::string& prefix, const std::string& hop) {
         db_->write(path, route(prefix, hop));
     }
-    Lines output() const {
-        Lines lines;
-        for (const BaseRow& row : db_->rows(kOut)) lines.push_back(row.string(0) + "=" + hopOf(row));
-        return lines;
-    }
 
     // The journal since the last call: "+k1=a" and "-k1=a" for the output's changes, and each
     // trace of the Aggregator channel as Host::toString prints it.
@@ -104,9 +99,10 @@ private:
 
 TEST_F(AggregatorTest, AdmissionTracesEachDecisionAndRemembersOnlyAdmittedPaths) {
     ScopedDebugMask mask("Aggregator", (1u << 1) | (1u << 6));
-    for (const char* path : {"velta/input//routes", "velta/input/a/b/routes", "velta/input/a/routes"})
-        db_->createTable(path, kRoute);
+    // Created out of path order: the first pass reads the metadata in path order.
     db_->createTable(kB, "Demo::Other");
+    for (const char* path : {"velta/input/a/routes", "velta/input/a/b/routes", "velta/input//routes"})
+        db_->createTable(path, kRoute);
     start(connect("agg"));
     run();
     // The refused type is not remembered: the path is examined afresh with the output's type. An
@@ -176,7 +172,6 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
                      at(9, 95, "onDelete") + onDelete + fromA + ", " + row, "-k6=a",
                      at(9, 137, "~Aggregator") + "Velta::Agent::Aggregator::~Aggregator() " + kOut,
                      kInputGone + kA + "=>" + kOut}));
-    EXPECT_EQ(output(), (Lines{"k1=a", "k5=a"}));
     // The aggregator never owned the channel's handler: it outlives it.
     EXPECT_EQ(Aggregator::__kestoDebug::getHandler(), Kesto::Platform::getDebugHandler("Aggregator"));
     EXPECT_EQ(Aggregator::AggregatorInputTable::__kestoDebug::getHandler()->mask(), 1u << 9);
