@@ -53,10 +53,15 @@ constexpr std::array<const char*, 8> kPaths = {
 constexpr int kGoodSlots = 4;
 constexpr int kKeys = 4;
 
+// The host gives each row an oid, so every table also has an oid order, which is not the key order
+// the aggregator walks and merges in.
 const RowType& rowType() {
-    static const RowType& t = Host::defineRowType(
-        kRowTypeName, {{"key", FieldKind::string}, {"src", FieldKind::string}, {"ver", FieldKind::u32}},
-        {"key"});
+    static const RowType& t = Host::defineRowType(kRowTypeName,
+                                                  {{"key", FieldKind::string},
+                                                   {"src", FieldKind::string},
+                                                   {"ver", FieldKind::u32},
+                                                   {"oid", FieldKind::u32}},
+                                                  {"key"});
     return t;
 }
 // The same key field: written into an input, it reads as a row with only its key.
