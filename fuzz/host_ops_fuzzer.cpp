@@ -152,9 +152,7 @@ private:
         return r;
     }
 
-    // A translator is destroyed only once none of its queries is pending: a completion arriving
-    // later would call into the destroyed translator (known, see the top of this file). Pending
-    // queries are failed by hand and delivered; false when some are still pending.
+    // Fails the agent's pending queries by hand and delivers; false when some are still pending.
     static bool queriesSettled(Host::Database& db, const std::string& agent) {
         auto pending = [&db, &agent]() -> const Host::QueryInfo* {
             for (const Host::QueryInfo& q : db.queries())
@@ -174,8 +172,7 @@ private:
     // The n-th row of a table, if any.
     BaseRow pickRow(const std::string& p) {
         const std::vector<BaseRow> rows = db_->rows(p);
-        if (rows.empty()) return {};
-        return rows[in_.inRange<std::size_t>(0, rows.size() - 1)];
+        return rows.empty() ? BaseRow() : rows[in_.inRange<std::size_t>(0, rows.size() - 1)];
     }
 
     void buildAggregator() {
@@ -216,11 +213,9 @@ private:
                 if (Host::findRowType(t)) db_->createTable(p, t, owner);
                 break;
             }
-            case 5: {
-                const std::string p = path();
-                db_->dropTable(p);
+            case 5:
+                db_->dropTable(path());
                 break;
-            }
             case 6:
             case 7:
                 db_->runUntilIdle();
