@@ -357,6 +357,12 @@ TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
     EXPECT_EQ(log_, (std::vector<std::string>{"o ready", line("o", "row", "a"), line("o", "row", "b"),
                                               line("o", "row", "b"), line("o", "delete", "a"), "late ready",
                                               line("o", "row", "nested"), line("late", "row", "nested")}));
+
+    // A callback that throws stops the loop with its exception; the loop goes on delivering afterwards.
+    o->onEvent = [](const std::string&, const BaseRow&) { throw std::runtime_error("callback failed"); };
+    db_->write(kEvents, ev("c"));
+    EXPECT_THROW(db_->runUntilIdle(), std::runtime_error);
+    EXPECT_EQ(run(), 1u);
 }
 
 TEST_F(HostCallbacks, ShuffledOrderKeepsEachInterfacesOwnOrder) {
@@ -429,12 +435,14 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
     agent->registerTable("t/y", resultType().name(), TableType::standing, 0, 0, "A");
     EXPECT_FALSE(db_->hasTable("t/y"));
     db_->write("t/two", makeRow(resultType(), {{"k", "k1"}}));
+    db_->write("t/four", makeRow(resultType(), {{"k", "k1"}}));  // a missing table is created
     run();
     EXPECT_FALSE(db_->hasTable("t/strange") || db_->hasTable("t/u"));
     EXPECT_EQ(agent->tableInfo("t/race").owner(), "ownerS");
+    EXPECT_EQ(agent->tableInfo("t/four").toString(), meta(11, "t/four", resultType().name(), ""));
     EXPECT_EQ(agent->tableInfo("t/two").toString(), meta(77, "t/two", resultType().name(), ""));
     EXPECT_EQ(agent->tableInfo(8u).toString(), meta(8, "t/three", resultType().name(), "A"));
-    EXPECT_EQ(agent->tableInfo(11u).toString(), meta(11, "t/y", resultType().name(), "A"));
+    EXPECT_EQ(agent->tableInfo(13u).toString(), meta(13, "t/y", resultType().name(), "A"));
     EXPECT_TRUE(agent->tableInfo("t/one").empty() && agent->tableInfo(7u).empty());
     db_->write(kVeTable, makeRecord<veMetadata::veTable>({{"oid", 500}, {"tablePath", "t/virtual"}}));
     EXPECT_EQ(agent->tableInfo(500u).tablePath(), "t/virtual");  // also rows a client wrote
