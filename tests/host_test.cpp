@@ -414,6 +414,8 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
     std::string builtinOids;  // the built-in tables, in path order
     for (const BaseRow& r : db_->rows(kVeTable)) builtinOids += std::to_string(r.number(0)) + " ";
     EXPECT_EQ(builtinOids, "4 3 2 1 6 5 ");
+    Host::EventLog events;
+    db_->listenerIs(&events);
     auto server = connectServer("srv");
     auto agent = connect("A", false, true);
     db_->createTable("t/one", resultType().name(), "owner1");
@@ -438,6 +440,23 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
     db_->write("t/four", makeRow(resultType(), {{"k", "k1"}}));  // a missing table is created
     run();
     EXPECT_FALSE(db_->hasTable("t/strange") || db_->hasTable("t/u"));
+    db_->listenerIs(nullptr);
+    // The listener's log, each entry as a letter for its kind (begin, end, write, delete, call,
+    // created, dropped) and its path, interface or work.
+    std::string seen;
+    for (const Host::EventLog::Entry& e : events.entries())
+        seen += std::string(1, "bewdkcx"[static_cast<int>(e.kind)]) +
+                (e.call           ? e.call->path
+                 : e.iface        ? e.ifName
+                 : e.what.empty() ? e.path
+                                  : e.what) +
+                " ";
+    EXPECT_EQ(
+        seen,
+        "ct/one wvelta/metadata/veTable ct/two wvelta/metadata/veTable ct/three wvelta/metadata/veTable "
+        "xt/one dvelta/metadata/veTable kt/race kt/race ct/race wvelta/metadata/veTable kt/u kt/y wt/two "
+        "ct/four wvelta/metadata/veTable wt/four br e bs e bregisterTable t/race e bregisterTable t/y ct/y "
+        "wvelta/metadata/veTable e ");
     EXPECT_EQ(agent->tableInfo("t/race").owner(), "ownerS");
     EXPECT_EQ(agent->tableInfo("t/four").toString(), meta(11, "t/four", resultType().name(), ""));
     EXPECT_EQ(agent->tableInfo("t/two").toString(), meta(77, "t/two", resultType().name(), ""));
