@@ -13,7 +13,6 @@ public:
     ByteReader(const std::uint8_t* data, std::size_t size) noexcept : data_(data), size_(size) {}
 
     std::size_t remaining() const noexcept { return size_ - pos_; }
-
     bool boolean() noexcept { return (byte() & 1) != 0; }
 
     // A value in [low, high], taken from as few bytes as the range needs.
@@ -36,11 +35,8 @@ public:
     std::string string(std::size_t maxLength) {
         std::string out;
         while (out.size() < maxLength && remaining() != 0) {
-            char c = static_cast<char>(byte());
-            if (c == '\\' && remaining() != 0) {
-                const char next = static_cast<char>(byte());
-                if (next != '\\') break;
-            }
+            const char c = static_cast<char>(byte());
+            if (c == '\\' && remaining() != 0 && static_cast<char>(byte()) != '\\') break;
             out.push_back(c);
         }
         return out;

@@ -19,16 +19,15 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const fs::path arg(argv[i]);
         std::error_code ec;
-        if (fs::is_directory(arg, ec)) {
-            std::vector<fs::path> inDir;
-            for (const auto& entry : fs::directory_iterator(arg))
-                if (entry.is_regular_file() && entry.path().filename().string().front() != '.')
-                    inDir.push_back(entry.path());
-            std::sort(inDir.begin(), inDir.end());
-            files.insert(files.end(), inDir.begin(), inDir.end());
-        } else if (fs::exists(arg, ec)) {
-            files.push_back(arg);
+        if (!fs::is_directory(arg, ec)) {
+            if (fs::exists(arg, ec)) files.push_back(arg);
+            continue;
         }
+        const std::size_t first = files.size();
+        for (const auto& entry : fs::directory_iterator(arg))
+            if (entry.is_regular_file() && entry.path().filename().string().front() != '.')
+                files.push_back(entry.path());
+        std::sort(files.begin() + static_cast<std::ptrdiff_t>(first), files.end());
     }
     for (const fs::path& file : files) {
         std::ifstream in(file, std::ios::binary);

@@ -1,31 +1,18 @@
 // Fuzz target: bytes become client and host operations on in-memory databases that run a server
-// translator, an external non-server translator (standalone or per-agent) and an aggregator. Rows of any type
-// go into any table (the host converts them by field name), metadata rows are written by hand, tables come
-// and go, queries are completed by hand or fail, agents are destroyed and rebuilt, ready passes and clean()
-// are forced, and traces are on or off. Whatever happens, nothing may crash, leak or loop: a run that does
-// not settle within the delivery bound is fine, a fault is not.
+// translator, an external non-server translator (standalone or per-agent) and an aggregator: rows of
+// any type into any table, metadata rows written by hand, tables that come and go, queries completed
+// by hand or failed, agents destroyed and rebuilt, forced ready passes and clean(), traces on or off.
+// Nothing may crash, leak or loop; a run that does not settle within the delivery bound is fine (two
+// translators in one database can mirror a publication back and forth for ever), and an input stops
+// at the first database that does not settle. Left out because they stop the process by contract: a
+// translator in an agent neither server nor external, and parameter lists of unequal length.
 //
-// Left out on purpose, because they stop the process by contract: a translator in an agent that is
-// neither the server agent nor external, and parameter lists of unequal length.
-//
-// Bit 1 of the first byte chooses the shape: one database holding both translators and the
-// aggregator, where the external agent's registration of an output table can still be travelling
-// when the server agent registers the same path, or a database each. In every database, the
-// server agent's included, clients may delete metadata rows and drop "velta/metadata/veTable". The
-// server agent's registration must make its table and metadata row visible at once in all of these
-// cases (its assertion "!vdb_->isServerAgent()" stops the process otherwise); the inputs in
-// regressions/host_ops/ reached that assertion before the host did so, and the scenarios in
-// tests/scenarios/regressions/ pin the same faults (run figures in docs/reliability.md).
-//
-// In one database the server translator mirrors control publications out and the external one
-// mirrors them back, each writing the value its callback carried; once two values of a publication
-// are queued they can chase each other for ever. An input stops at the first database that does
-// not settle within the delivery bound.
-//
-// A translator is destroyed only when none of its queries is pending: a query completion that
-// arrives after its translator was destroyed calls into it when the handle outlives the translator
-// (tests/scenarios/regressions/query-completion-after-stop.yaml); the host drops a handle's pending
-// completions when the handle goes, which the embedding relies on.
+// With one database for all (bit 1 of the first byte) the external agent's registration of an output
+// table can still be travelling when the server agent registers the same path; clients may delete
+// metadata rows and drop "velta/metadata/veTable". The server agent's registration must still make
+// its table visible at once ("!vdb_->isServerAgent()" stops the process otherwise): the inputs in
+// regressions/host_ops/ and tests/scenarios/regressions/ pin those faults. A translator is destroyed
+// only when none of its queries is pending (tests/scenarios/regressions/query-completion-after-stop.yaml).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/SubscriptionTranslator.h>
 #include <Velta/Host/Database.h>
@@ -50,55 +37,24 @@ namespace Host = Velta::Host;
 using Velta::Agent::Aggregator;
 using Velta::Agent::SubscriptionTranslator;
 
+// clang-format off
 const RowType& fuzzRowType() {
-    static const RowType& t = Host::defineRowType("Fuzz::Row",
-                                                  {{"key", FieldKind::string},
-                                                   {"oid", FieldKind::u32},
-                                                   {"val", FieldKind::u64},
-                                                   {"tags", FieldKind::strings}},
-                                                  {"key"});
+    static const RowType& t = Host::defineRowType("Fuzz::Row", {{"key", FieldKind::string}, {"oid", FieldKind::u32},
+                                                  {"val", FieldKind::u64}, {"tags", FieldKind::strings}}, {"key"});
     return t;
 }
-
 constexpr std::array<const char*, 16> kPaths = {
-    "velta/External/Subscription",
-    "velta/External/Publication",
-    "velta/veCtrl/subscription",
-    "velta/veCtrl/publication",
-    "velta/metadata/veTable",
-    "velta/metadata/SystemDescription",
-    "velta/External/input/edge/Subscription",
-    "velta/veCtrl/input/edge/subscription",
-    "velta/in/a/rows",
-    "velta/in/b/rows",
-    "velta/in/a/b/rows",
-    "velta/in//rows",
-    "velta/agg/out",
-    "velta/out/q",
-    "velta/out/r",
-    "",
-};
+    "velta/External/Subscription", "velta/External/Publication", "velta/veCtrl/subscription",
+    "velta/veCtrl/publication", "velta/metadata/veTable", "velta/metadata/SystemDescription",
+    "velta/External/input/edge/Subscription", "velta/veCtrl/input/edge/subscription", "velta/in/a/rows",
+    "velta/in/b/rows", "velta/in/a/b/rows", "velta/in//rows", "velta/agg/out", "velta/out/q", "velta/out/r", ""};
 constexpr std::array<const char*, 9> kTypes = {
-    "External::Subscription",
-    "External::Publication",
-    "veCtrl::subscription",
-    "veCtrl::publication",
-    "veMetadata::veTable",
-    "veMetadata::SystemDescription",
-    "Fuzz::Row",
-    "veMetadata::veClass",
-    "No::Such",
-};
+    "External::Subscription", "External::Publication", "veCtrl::subscription", "veCtrl::publication",
+    "veMetadata::veTable", "veMetadata::SystemDescription", "Fuzz::Row", "veMetadata::veClass", "No::Such"};
 constexpr std::array<const char*, 8> kTexts = {
-    "SELECT * FROM velta/out/q",
-    "SELECT * INTO velta/out/q",
-    "SELECT tablePath FROM velta/metadata/veTable",
-    "SELECT x FROM velta/nowhere",
-    "SELECT * FROM ",
-    "SELECT * INTO ",
-    "",
-    "FROM",
-};
+    "SELECT * FROM velta/out/q", "SELECT * INTO velta/out/q", "SELECT tablePath FROM velta/metadata/veTable",
+    "SELECT x FROM velta/nowhere", "SELECT * FROM ", "SELECT * INTO ", "", "FROM"};
+// clang-format on
 
 // Every byte is consumed in a statement of its own, never two within one argument list, whose
 // order of evaluation differs between compilers: a saved input must decode to the same program in
@@ -119,21 +75,11 @@ public:
         if (in_.boolean()) options.shuffleSeed = in_.integral<std::uint16_t>() + 1u;
         serverDb_ = Host::Database::create(options);
         edgeDb_ = oneDatabase ? serverDb_ : Host::Database::create(options);
-        Host::AgentOptions server;
-        server.agentName = "server";
-        server.systemName = "sysA";
-        server.serverAgent = true;
-        serverHandle_ = serverDb_->connect(server);
-        Host::AgentOptions edge;
-        edge.agentName = "edge";
-        edge.systemName = "sysA";
-        edge.external = true;
-        edge.standalone = in_.boolean();
-        edgeHandle_ = edgeDb_->connect(edge);
+        serverHandle_ = serverDb_->connect({"server", "sysA", true, false, true});
+        edgeHandle_ = edgeDb_->connect({"edge", "sysA", false, true, in_.boolean()});
         const std::uint32_t mask = in_.boolean() ? 0xffffffffu : 0u;
-        Host::debugMaskIs("SubscriptionTranslator", mask);
-        Host::debugMaskIs("Aggregator", mask);
-        Host::debugMaskIs("Schedulable", mask);
+        for (const char* channel : {"SubscriptionTranslator", "Aggregator", "Schedulable"})
+            Host::debugMaskIs(channel, mask);
         serverTranslator_ = std::make_unique<SubscriptionTranslator>(serverHandle_);
         edgeTranslator_ = std::make_unique<SubscriptionTranslator>(edgeHandle_);
         buildAggregator();
@@ -147,14 +93,11 @@ public:
 
     void run() {
         for (int ops = 0; ops < 256 && in_.remaining() > 0; ++ops) {
-            // Each step acts on one database: the server agent's or the edge agent's (with the
-            // aggregator); the same one when they share it.
+            // Each step acts on the server agent's database or the edge agent's (with the aggregator).
             const bool serverSide = in_.inRange<int>(0, 2) != 0;
             db_ = serverSide ? serverDb_.get() : edgeDb_.get();
             step();
-            // A database that did not settle within the delivery bound is in a loop (two
-            // translators in one database can mirror publications back and forth for ever); the
-            // rest of the input would only repeat it, at great cost in time and memory.
+            // A database that did not settle is in a loop: the rest of the input would only repeat it.
             if (!serverDb_->settled() || !edgeDb_->settled()) return;
         }
         serverDb_->runUntilIdle();
@@ -171,18 +114,14 @@ private:
         return kTypes[in_.inRange<std::size_t>(0, kTypes.size() - 1)];
     }
     std::string text() {
-        switch (in_.inRange<int>(0, 3)) {
-            case 0:
-                return in_.string(300);
-            case 1:
-                return std::string(in_.inRange<std::size_t>(0, 5000), 'x');
-            default:
-                return kTexts[in_.inRange<std::size_t>(0, kTexts.size() - 1)];
-        }
+        const int how = in_.inRange<int>(0, 3);
+        if (how == 0) return in_.string(300);
+        if (how == 1) return std::string(in_.inRange<std::size_t>(0, 5000), 'x');
+        return kTexts[in_.inRange<std::size_t>(0, kTexts.size() - 1)];
     }
-    const RowType* rowType() {
-        const RowType* t = Host::findRowType(kTypes[in_.inRange<std::size_t>(0, 6)]);
-        return t;
+    const RowType* rowType() { return Host::findRowType(kTypes[in_.inRange<std::size_t>(0, 6)]); }
+    std::string fixedOr(const char* fixed, std::size_t maxLength) {
+        return in_.boolean() ? std::string(fixed) : in_.string(maxLength);
     }
 
     // A row of `type` with fields filled from the input; string lists of equal length wherever
@@ -198,18 +137,12 @@ private:
                 r.numberIs(f, in_.inRange<int>(0, 3) == 0 ? in_.integral<std::uint64_t>()
                                                           : in_.inRange<std::uint64_t>(0, 12));
             } else if (kind == FieldKind::string) {
-                if (name == "queryText")
-                    r.stringIs(f, text());
-                else if (name == "outputPath" || name == "tablePath")
-                    r.stringIs(f, path());
-                else if (name == "typeName")
-                    r.stringIs(f, typeName());
-                else if (name == "sysName")
-                    r.stringIs(f, in_.boolean() ? "sysA" : in_.string(16));
-                else if (name == "agentName")
-                    r.stringIs(f, in_.boolean() ? "edge" : in_.string(16));
-                else
-                    r.stringIs(f, in_.string(24));
+                r.stringIs(f, name == "queryText"                           ? text()
+                              : name == "outputPath" || name == "tablePath" ? path()
+                              : name == "typeName"                          ? typeName()
+                              : name == "sysName"                           ? fixedOr("sysA", 16)
+                              : name == "agentName"                         ? fixedOr("edge", 16)
+                                                                            : in_.string(24));
             } else {
                 std::vector<std::string> list;
                 for (std::size_t i = 0; i < listLength; ++i) list.push_back(in_.string(12));
@@ -219,9 +152,7 @@ private:
         return r;
     }
 
-    // A translator is destroyed only once none of its queries is pending: a completion arriving
-    // later would call into the destroyed translator (known, see the top of this file). Pending
-    // queries are failed by hand and delivered; false when some are still pending.
+    // Fails the agent's pending queries by hand and delivers; false when some are still pending.
     static bool queriesSettled(Host::Database& db, const std::string& agent) {
         auto pending = [&db, &agent]() -> const Host::QueryInfo* {
             for (const Host::QueryInfo& q : db.queries())
@@ -241,8 +172,7 @@ private:
     // The n-th row of a table, if any.
     BaseRow pickRow(const std::string& p) {
         const std::vector<BaseRow> rows = db_->rows(p);
-        if (rows.empty()) return {};
-        return rows[in_.inRange<std::size_t>(0, rows.size() - 1)];
+        return rows.empty() ? BaseRow() : rows[in_.inRange<std::size_t>(0, rows.size() - 1)];
     }
 
     void buildAggregator() {
@@ -283,11 +213,9 @@ private:
                 if (Host::findRowType(t)) db_->createTable(p, t, owner);
                 break;
             }
-            case 5: {
-                const std::string p = path();
-                db_->dropTable(p);
+            case 5:
+                db_->dropTable(path());
                 break;
-            }
             case 6:
             case 7:
                 db_->runUntilIdle();
@@ -305,20 +233,13 @@ private:
                     aggregator_->enableIs(in_.boolean());
                 break;
             case 10:
-                if (aggregator_) {
-                    switch (in_.inRange<int>(0, 2)) {
-                        case 0:
-                            aggregator_->suppressResyncIs(in_.boolean());
-                            break;
-                        case 1:
-                            aggregator_->scheduledIs(in_.boolean());
-                            break;
-                        default:
-                            if (auto input = aggregator_->inputTable(path()))
-                                input->outputBlocked(in_.boolean());
-                            break;
-                    }
-                }
+                if (!aggregator_) break;
+                if (const int what = in_.inRange<int>(0, 2); what == 0)
+                    aggregator_->suppressResyncIs(in_.boolean());
+                else if (what == 1)
+                    aggregator_->scheduledIs(in_.boolean());
+                else if (auto input = aggregator_->inputTable(path()))
+                    input->outputBlocked(in_.boolean());
                 break;
             case 11: {
                 const bool server = in_.boolean();
@@ -354,16 +275,13 @@ private:
                 db_->clockAdvance(in_.integral<std::uint16_t>());
                 break;
             case 15: {  // a subscription into the shared or the per-client table
-                const RowType* t = Host::findRowType("External::Subscription");
                 const char* p = in_.boolean() ? kPaths[0] : kPaths[6];
-                db_->write(p, row(*t));
+                db_->write(p, row(*Host::findRowType("External::Subscription")));
                 break;
             }
-            case 16: {  // a system description
-                const RowType* t = Host::findRowType("veMetadata::SystemDescription");
-                db_->write(kPaths[5], row(*t));
+            case 16:  // a system description
+                db_->write(kPaths[5], row(*Host::findRowType("veMetadata::SystemDescription")));
                 break;
-            }
             case 17: {  // an input row for the aggregator
                 db_ = edgeDb_.get();
                 const std::string p = in_.boolean() ? "velta/in/a/rows" : "velta/in/b/rows";

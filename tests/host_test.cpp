@@ -1,0 +1,679 @@
+// The in-memory host's own behaviour: row values and types, tables, indexes and positions, callback
+// delivery, metadata and registration, control publications, queries, debug channels and traces,
+// and the query runtime's operation catalogue. The contracts every host keeps are the conformance
+// kit's (conformance_test); these are this host's own choices.
+#include "TestSupport.h"
+
+#include <Kesto/DebugSupport.h>
+#include <Kesto/Platform.h>
+#include <Velta/VeRT.h>
+#include <Velta/Scheduler>
+#include <cstdlib>
+#include <map>
+#include <ostream>
+#include <set>
+
+namespace Velta::Test {
+namespace {
+
+const RowType& pairType() {
+    return Host::defineRowType("RowsTest::Pair",
+                               {{"oid", FieldKind::u32},
+                                {"group", FieldKind::string},
+                                {"rank", FieldKind::u16},
+                                {"tags", FieldKind::strings},
+                                {"big", FieldKind::u64},
+                                {"on", FieldKind::boolean}},
+                               {"group", "rank"});
+}
+
+TEST(HostRows, CopyOnWriteConversionPrintingAndEquality) {
+    External::Publication original;
+    original.subscription_idIs(7);
+    original.errorIs("bad \"x\"");
+    External::Publication edited = original;
+    edited.errorIs("second");
+    EXPECT_EQ(original.error(), "bad \"x\"");
+    const RowData* before = edited.data();
+    edited.view_idIs(3);  // a sole holder writes in place
+    EXPECT_EQ(edited.data(), before);
+    veCtrl::publication pub;
+    pub.subscription_idIs(1);
+    const veCtrl::publication cloned = pub.clone();  // data of its own even before any write
+    EXPECT_TRUE(cloned.equals(pub) && !cloned.sameData(pub));
+    // A stored row is shared: changing what a lookup gave changes nothing stored.
+    auto db = Host::Database::create();
+    db->write("velta/External/Publication", original);
+    External::Publication read(db->read("velta/External/Publication", original));
+    read.errorIs("changed by a reader");
+    EXPECT_EQ(db->rows("velta/External/Publication")[0].toString(),
+              "External::Publication{subscription_id=7 publication_id=0 connection_id=0 tableId=0 typeId=0 "
+              "view_id=0 status=0 error=\"bad \\\"x\\\"\" ptime=0}");
+    EXPECT_EQ(streamed(original), original.toString());
+    EXPECT_EQ(BaseRow().toString(), "{}");
+
+    // Another record reads fields by name; numbers are narrowed, kinds that differ read as missing.
+    const RowType& wide = Host::defineRowType(
+        "RowsTest::Wide", {{"rank", FieldKind::u64}, {"group", FieldKind::u32}, {"tags", FieldKind::strings}},
+        {"rank"});
+    const BaseRow p =
+        makeRow(wide, {{"rank", 0x12345ull}, {"group", 5}, {"tags", {"a", "b"}}}).as(pairType());
+    EXPECT_EQ(p.toString(), "RowsTest::Pair{oid=0 group=\"\" rank=9029 tags=[\"a\",\"b\"] big=0 on=0}");
+    EXPECT_TRUE(External::Publication(static_cast<const BaseRow&>(original)).sameData(original));
+    EXPECT_TRUE(External::Subscription(BaseRow()).empty());
+
+    // Equality is by type and every value.
+    const BaseRow a = makeRow(pairType(), {{"group", "g"}, {"tags", {"x"}}, {"on", true}});
+    EXPECT_TRUE(a.equals(makeRow(pairType(), {{"group", "g"}, {"tags", {"x"}}, {"on", true}})));
+    EXPECT_FALSE(a.equals(makeRow(pairType(), {{"group", "g"}, {"tags", {"y"}}, {"on", true}})));
+    EXPECT_FALSE(a.equals(makeRow(pairType(), {{"group", "g"}, {"tags", {"x"}}})));
+    EXPECT_FALSE(a.equals(BaseRow()));
+    EXPECT_TRUE(BaseRow().equals(BaseRow()));
+    EXPECT_FALSE(makeRow(wide, {}).equals(makeRow(pairType(), {})));
+}
+
+TEST(HostRowTypes, RegistryClassesAndRowOps) {
+    const char* builtins[] = {"External::Subscription", "External::Publication",
+                              "veCtrl::subscription",   "veCtrl::publication",
+                              "veMetadata::veTable",    "veMetadata::SystemDescription",
+                              "veMetadata::veClass"};
+    auto db = Host::Database::create();
+    auto handle = db->connect({"a", "s"});
+    for (unsigned i = 0; i < std::size(builtins); ++i) {  // built-ins first, in their fixed order
+        EXPECT_EQ(handle->tableTypeId(builtins[i], false), i + 1) << builtins[i];
+        EXPECT_EQ(&builtinRowType(static_cast<BuiltinRow>(i)), Host::findRowType(builtins[i]));
+    }
+    EXPECT_GT(pairType().id(), 7u);
+    EXPECT_EQ(handle->tableTypeId("RowsTest::Pair", false), pairType().id());
+    EXPECT_EQ(&pairType(), &pairType());  // the same definition again: the same type
+    // Anything else under a known name, duplicate or empty field names, or an unknown key: refused.
+    for (const auto& [name, fields, key] :
+         std::vector<std::tuple<std::string, std::vector<Host::FieldSpec>, std::vector<std::string>>>{
+             {"RowsTest::Pair", {{"group", FieldKind::string}}, {"group"}},
+             {"RowsTest::Bad", {{"a", FieldKind::u32}, {"a", FieldKind::u16}}, {"a"}},
+             {"RowsTest::Bad", {{"", FieldKind::u32}}, {}},
+             {"RowsTest::Bad", {{"a", FieldKind::u32}}, {"b"}}})
+        EXPECT_THROW(Host::defineRowType(name, fields, key), std::invalid_argument) << name;
+    EXPECT_EQ(Host::findRowType("RowsTest::Bad"), nullptr);
+    for (FieldKind k : {FieldKind::u16, FieldKind::u32, FieldKind::u64, FieldKind::boolean, FieldKind::string,
+                        FieldKind::strings})
+        EXPECT_EQ(Host::parseFieldKind(fieldKindName(k)), k);
+    EXPECT_EQ(Host::parseFieldKind("u8"), std::nullopt);
+    EXPECT_EQ(pairType().oidField(), 0);  // slots are per kind
+    EXPECT_EQ(pairType().numberCount() * 100 + pairType().stringCount() * 10 + pairType().listCount(), 411u);
+    EXPECT_EQ(Host::findRowType("External::Publication")->oidField(), -1);
+    EXPECT_EQ(veMetadata::veClass(VeltaDB::veClass("veMetadata::veTable")).fields(),
+              (std::vector<std::string>{"oid:u32", "tablePath:string", "typeName:string", "owner:string"}));
+
+    // Index 1 orders by oid first; a row without data has the zero key; the operations are cached.
+    const RowOpsKeyLess less0(handle->getRowOps("RowsTest::Pair", 0));
+    const RowOpsKeyLess less1(handle->getRowOps("RowsTest::Pair", 1));
+    const BaseRow a = makeRow(pairType(), {{"oid", 9}, {"group", "a"}, {"rank", 2}});
+    const BaseRow b = makeRow(pairType(), {{"oid", 1}, {"group", "a"}, {"rank", 3}});
+    EXPECT_TRUE(less0(a, b) && less1(b, a) && !less0(a, a));
+    const BaseRow zero = makeRow(pairType(), {{"big", 5}});
+    EXPECT_FALSE(less0(BaseRow(), zero) || less0(zero, BaseRow()) || less1(BaseRow(), zero));
+    EXPECT_TRUE(less0(BaseRow(), a) && less1(BaseRow(), a));
+    EXPECT_EQ(handle->getRowOps("RowsTest::Pair", 0).get(), less0.ops().get());
+    // An unknown type still orders rows: empty first, then by type id, then by key.
+    const RowOpsKeyLess unknown(handle->getRowOps("No::SuchType", 0));
+    const External::Publication pub = makeRecord<External::Publication>({{"subscription_id", 1}});
+    EXPECT_TRUE(unknown(BaseRow(), pub) && unknown(pub, a) && !unknown(a, pub));
+}
+
+constexpr const char* kItems = "test/items";
+
+const RowType& itemType() {
+    return Host::defineRowType(
+        "TablesTest::Item", {{"oid", FieldKind::u32}, {"name", FieldKind::string}, {"value", FieldKind::u32}},
+        {"name"});
+}
+
+BaseRow item(const std::string& name, unsigned value = 0, unsigned oid = 0) {
+    return makeRow(itemType(), {{"name", name}, {"value", value}, {"oid", oid}});
+}
+BaseRow key(const std::string& name) { return makeRow(itemType(), {{"name", name}}); }
+BaseRow oidKey(unsigned oid) { return makeRow(itemType(), {{"oid", oid}}); }
+std::string nameOf(const BaseRow& row) { return row.string(1); }
+std::uint64_t oidOf(const BaseRow& row) { return row.number(0); }
+
+class HostTables : public HostTest {
+protected:
+    HostTables() : agent_(connect("A")), iface_("items", itemType().name(), kModifierMode, {}, {}, {}, {}) {
+        agent_->bindInterface(iface_, kItems, false);
+    }
+
+    void fill(std::initializer_list<const char*> names) {
+        for (const char* n : names) db_->write(kItems, item(n));
+    }
+
+    // Names along index `index` from `it` to the end; `during` runs at each row before moving on.
+    std::vector<std::string> walk(VeRowIterator it, unsigned char index = 0,
+                                  const std::function<void(VeRowIterator&)>& during = {}) {
+        std::vector<std::string> names;
+        for (; it != iface_.end(index); ++it) {
+            names.push_back(nameOf(*it));
+            if (during) during(it);
+        }
+        return names;
+    }
+
+    VeltaDB::p_t agent_;
+    VeTableInterface iface_;
+};
+
+TEST_F(HostTables, WalksSeeRowsAheadAndSurviveTheirCurrentRowChangingOrGoing) {
+    fill({"b", "d", "f", "h"});
+    EXPECT_EQ(walk(iface_.begin(0), 0,
+                   [&](VeRowIterator& it) {
+                       if (nameOf(*it) == "b") {
+                           db_->write(kItems, item("a"));  // behind the position: not visited
+                           db_->write(kItems, item("c"));  // ahead: visited
+                       }
+                       if (nameOf(*it) != "d") return;
+                       BaseRow changed = item("d", 42);
+                       iface_.rowIs(changed);  // replaced in place: * shows the new row
+                       EXPECT_EQ((*it).number(2), 42u);
+                       iface_.rowDel(key("d"));  // deleted: * keeps the row as it was, ++ goes on
+                       EXPECT_EQ(nameOf(*it), "d");
+                       db_->erase(kItems, key("f"));   // the successor goes too
+                       db_->write(kItems, item("e"));  // and a new successor arrives
+                   }),
+              (std::vector<std::string>{"b", "c", "d", "e", "h"}));
+    EXPECT_EQ(walk(iface_.begin(0)), (std::vector<std::string>{"a", "b", "c", "e", "h"}));
+
+    // Index 1 is (oid, key); a walk along it survives the current row moving to another oid.
+    db_->write(kItems, item("a", 0, 8));
+    db_->write(kItems, item("b", 0, 5));
+    db_->write(kItems, item("c", 0, 5));
+    db_->write(kItems, item("e", 0, 3));
+    db_->write(kItems, item("h", 0, 6));
+    EXPECT_EQ(walk(iface_.begin(1), 1,
+                   [&](VeRowIterator& it) {
+                       if (nameOf(*it) == "e") db_->write(kItems, item("e", 0, 9));
+                   }),
+              (std::vector<std::string>{"e", "b", "c", "h", "a", "e"}));
+    EXPECT_EQ(walk(iface_.find(oidKey(5), 1), 1), (std::vector<std::string>{"b", "c", "h", "a", "e"}));
+    EXPECT_EQ(iface_.find(oidKey(4), 1), iface_.end(1));
+    EXPECT_EQ(nameOf(*iface_.lower_bound(oidKey(4), 1)), "b");
+    EXPECT_EQ(nameOf(*iface_.lower_bound(makeRow(itemType(), {{"oid", 5}, {"name", "bb"}}), 1)), "c");
+    EXPECT_TRUE(iface_.row(oidKey(7), 1).empty());
+
+    // Positions compare by table, index and key; past the end stays at the end.
+    VeRowIterator x = iface_.find(key("a"), 0), y = iface_.begin(0);
+    db_->write(kItems, item("a", 3));
+    EXPECT_EQ(x, y);
+    ++y;
+    EXPECT_NE(x, y);
+    EXPECT_NE(iface_.begin(0), iface_.begin(1));
+    for (int i = 0; i < 5; ++i) ++y;
+    EXPECT_EQ(y, VeRowIterator());
+    EXPECT_TRUE(y.atEnd());
+    EXPECT_EQ(iface_.rowDel(y), iface_.end(0));
+}
+
+TEST_F(HostTables, OidsComeFromOneCounterAndAreKeptOnReplace) {
+    BaseRow first = item("x");
+    iface_.rowIs(first);
+    const std::uint64_t oid = oidOf(first);
+    EXPECT_GT(oid, 0u);
+    EXPECT_TRUE(first.sameData(iface_.row(key("x"), 0)));  // written back: the stored row itself
+    BaseRow second = item("y");
+    iface_.rowIs(second);
+    EXPECT_EQ(oidOf(second), oid + 1);
+    BaseRow replace = item("x", 5);  // oid 0: keeps the replaced row's oid
+    iface_.rowIs(replace);
+    EXPECT_EQ(oidOf(replace), oid);
+    BaseRow explicitOid = item("x", 6, 900);  // a non-zero oid is kept, and index 1 follows it
+    iface_.rowIs(explicitOid);
+    EXPECT_EQ(nameOf(iface_.row(oidKey(900), 1)), "x");
+    EXPECT_TRUE(iface_.row(oidKey(static_cast<unsigned>(oid)), 1).empty());
+
+    // A row of another type is converted by field name; its oid is still reported back.
+    veMetadata::veTable foreign;
+    foreign.tablePathIs("ignored");
+    db_->createTable("test/meta-like", itemType().name());
+    VeTableInterface writer("w", itemType().name(), kModifierMode, {}, {}, {}, {});
+    agent_->bindInterface(writer, "test/meta-like", false);
+    writer.rowIs(foreign);
+    EXPECT_EQ(foreign.oid(), oid + 3);  // oid + 2 went to the new table's metadata row
+    EXPECT_EQ(db_->rows("test/meta-like").at(0).rowType(), &itemType());
+    // A shared caller row is copied before the oid is written into it.
+    BaseRow shared = item("z");
+    const BaseRow keep = shared;
+    iface_.rowIs(shared);
+    EXPECT_EQ(oidOf(keep), 0u);
+    EXPECT_GT(oidOf(shared), 0u);
+
+    // A type without oid: index 1 follows the primary key.
+    const RowType& plain = Host::defineRowType(
+        "TablesTest::Plain", {{"name", FieldKind::string}, {"n", FieldKind::u64}}, {"n", "name"});
+    VeTableInterface p("plain", plain.name(), kModifierMode, {}, {}, {}, {});
+    agent_->bindInterface(p, "test/plain", false);
+    for (const auto& [name, n] :
+         std::vector<std::pair<const char*, unsigned>>{{"x", 2}, {"a", 2}, {"q", 1}}) {
+        BaseRow r = makeRow(plain, {{"name", name}, {"n", n}});
+        p.rowIs(r);
+    }
+    std::vector<BaseRow> alongOne;
+    for (VeRowIterator it = p.begin(1); it != p.end(1); ++it) alongOne.push_back(*it);
+    EXPECT_EQ(rowLines(alongOne), rowLines(db_->rows("test/plain")));
+    EXPECT_EQ(p.row(makeRow(plain, {{"name", "x"}, {"n", 2}}), 1).string(0), "x");
+    EXPECT_TRUE(p.row(makeRow(plain, {{"name", "x"}, {"n", 1}}), 1).empty());
+}
+
+TEST_F(HostTables, ForeignEmptyAndUnboundLookupsAndDroppedTables) {
+    fill({"a", "b", "c"});
+    EXPECT_TRUE(iface_.row(BaseRow(), 0).empty());
+    EXPECT_EQ(iface_.find(BaseRow(), 0), iface_.end(0));
+    EXPECT_TRUE((*iface_.end(0)).empty());
+    const BaseRow foreignKey = makeRow(
+        Host::defineRowType("TablesTest::Name", {{"name", FieldKind::string}}, {"name"}), {{"name", "b"}});
+    EXPECT_EQ(nameOf(iface_.row(foreignKey, 0)), "b");  // a key of another type is read by field name
+
+    VeTableInterface unbound("loose", itemType().name(), kModifierMode, {}, {}, {}, {});
+    EXPECT_TRUE(unbound.row(key("b"), 0).empty());
+    EXPECT_EQ(unbound.begin(0), unbound.end(0));
+    EXPECT_EQ(unbound.lower_bound(key("a"), 1), unbound.end(1));
+    BaseRow lost = item("q");
+    unbound.rowIs(lost);  // nowhere to go: ignored
+    unbound.rowDel(key("b"));
+    EXPECT_EQ(db_->rowCount(kItems), 3u);
+
+    // A dropped table ends walks (the position keeps its row) and comes back for bound interfaces.
+    VeRowIterator it = iface_.begin(0);
+    ASSERT_TRUE(db_->dropTable(kItems));
+    EXPECT_EQ(nameOf(*it), "a");
+    EXPECT_EQ(++it, iface_.end(0));
+    EXPECT_TRUE(iface_.row(key("b"), 0).empty());
+    EXPECT_EQ(iface_.begin(0), iface_.end(0));
+    db_->createTable(kItems, itemType().name());
+    db_->write(kItems, item("n"));
+    EXPECT_EQ(walk(iface_.begin(0)), std::vector<std::string>{"n"});
+    db_->dropTable(kItems);
+    BaseRow again = item("w");
+    iface_.rowIs(again);  // recreates the table, of the interface's type
+    EXPECT_EQ(db_->tableType(kItems), &itemType());
+    EXPECT_EQ(db_->rowCount(kItems), 1u);
+}
+
+constexpr const char* kEvents = "test/events";
+
+const RowType& eventType() {
+    return Host::defineRowType("CallbacksTest::Event", {{"name", FieldKind::string}, {"n", FieldKind::u32}},
+                               {"name"});
+}
+BaseRow ev(const std::string& name, unsigned n = 0) {
+    return makeRow(eventType(), {{"name", name}, {"n", n}});
+}
+std::string line(const std::string& iface, const std::string& what, const std::string& name, unsigned n = 0) {
+    return iface + " " + what + " " + ev(name, n).toString();
+}
+
+class HostCallbacks : public HostTest {
+protected:
+    HostCallbacks() : agent_(connect("A")) { db_->createTable(kEvents, eventType().name()); }
+
+    std::unique_ptr<RecordingInterface> observer(const std::string& name, bool clientReady = true) {
+        auto r = std::make_unique<RecordingInterface>(log_, name, eventType().name());
+        agent_->bindInterface(r->iface, kEvents, false);
+        if (clientReady) r->iface.clientReadyIs(true);
+        return r;
+    }
+
+    VeltaDB::p_t agent_;
+    std::vector<std::string> log_;
+};
+
+TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
+    db_->write(kEvents, ev("before"));
+    auto o = observer("o");
+    auto late = observer("late", false);  // rows written before it is client-ready are not replayed
+    auto gone = observer("gone");
+    db_->write(kEvents, ev("a"));
+    BaseRow own = ev("b");
+    o->iface.rowIs(own);           // its own write comes back to it
+    db_->write(kEvents, ev("b"));  // an identical rewrite still notifies
+    o->iface.rowDel(ev("a"));
+    db_->erase(kEvents, ev("absent"));  // nothing removed, nothing said
+    EXPECT_TRUE(log_.empty());
+    EXPECT_FALSE(o->iface.ready());
+    EXPECT_EQ(db_->pending(), 10u);
+    gone.reset();  // none of its callbacks stays queued
+    EXPECT_EQ(db_->pending(), 5u);
+    late->iface.clientReadyIs(true);
+    late->iface.clientReadyIs(true);  // ready is queued once
+
+    // A write made inside a callback is delivered after it; the loop run from inside delivers nothing.
+    int depth = 0;
+    o->onEvent = [&](const std::string& what, const BaseRow& row) {
+        EXPECT_EQ(++depth, 1);
+        if (what == "row" && row.string(0) == "b" && log_.size() < 4) db_->write(kEvents, ev("nested"));
+        EXPECT_EQ(db_->runUntilIdle(), 0u);
+        EXPECT_FALSE(db_->runOne());
+        --depth;
+    };
+    EXPECT_EQ(run(), 8u);
+    EXPECT_EQ(log_, (std::vector<std::string>{"o ready", line("o", "row", "a"), line("o", "row", "b"),
+                                              line("o", "row", "b"), line("o", "delete", "a"), "late ready",
+                                              line("o", "row", "nested"), line("late", "row", "nested")}));
+
+    // A callback that throws stops the loop with its exception; the loop goes on delivering afterwards.
+    o->onEvent = [](const std::string&, const BaseRow&) { throw std::runtime_error("callback failed"); };
+    db_->write(kEvents, ev("c"));
+    EXPECT_THROW(db_->runUntilIdle(), std::runtime_error);
+    EXPECT_EQ(run(), 1u);
+}
+
+TEST_F(HostCallbacks, ShuffledOrderKeepsEachInterfacesOwnOrder) {
+    auto deliveries = [](std::uint64_t seed) {
+        auto db = Host::Database::create({.shuffleSeed = seed});
+        auto agent = db->connect({"A", "s"});
+        std::vector<std::string> log;
+        std::vector<std::unique_ptr<RecordingInterface>> ifaces;
+        for (const char* name : {"p", "q", "r"}) {
+            ifaces.push_back(std::make_unique<RecordingInterface>(log, name, eventType().name()));
+            agent->bindInterface(ifaces.back()->iface, kEvents, false);
+            ifaces.back()->iface.clientReadyIs(true);
+        }
+        for (unsigned i = 0; i < 8; ++i) db->write(kEvents, ev("e", i));
+        db->runUntilIdle();
+        return log;
+    };
+    const std::vector<std::string> fifo = deliveries(0);
+    ASSERT_EQ(fifo.size(), 27u);
+    bool reordered = false;
+    for (std::uint64_t seed = 1; seed <= 10; ++seed) {
+        const std::vector<std::string> shuffled = deliveries(seed);
+        EXPECT_EQ(shuffled, deliveries(seed)) << "same seed, same order";
+        reordered = reordered || shuffled != fifo;
+        std::map<char, std::vector<std::string>> mine, expected;  // per interface: the FIFO order
+        for (const std::string& l : shuffled) mine[l[0]].push_back(l);
+        for (const std::string& l : fifo) expected[l[0]].push_back(l);
+        EXPECT_EQ(mine, expected) << "seed " << seed;
+    }
+    EXPECT_TRUE(reordered);
+}
+
+constexpr const char* kVeTable = "velta/metadata/veTable";
+
+const RowType& resultType() {
+    return Host::defineRowType("MetadataTest::Result", {{"oid", FieldKind::u32}, {"k", FieldKind::string}},
+                               {"k"});
+}
+
+std::string meta(unsigned oid, const std::string& path, const std::string& type, const std::string& owner) {
+    return makeRecord<veMetadata::veTable>(
+               {{"oid", oid}, {"tablePath", path}, {"typeName", type}, {"owner", owner}})
+        .toString();
+}
+
+using HostMetadata = HostTest;
+
+TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
+    std::string builtinOids;  // the built-in tables, in path order
+    for (const BaseRow& r : db_->rows(kVeTable)) builtinOids += std::to_string(r.number(0)) + " ";
+    EXPECT_EQ(builtinOids, "4 3 2 1 6 5 ");
+    Host::EventLog events;
+    db_->listenerIs(&events);
+    auto server = connectServer("srv");
+    auto agent = connect("A", false, true);
+    db_->createTable("t/one", resultType().name(), "owner1");
+    db_->createTable("t/one", veMetadata::veTable::rowTypeName(), "other");  // exists: nothing changes
+    db_->createTable("t/two", resultType().name(), "", 77);  // metadata oid chosen by the caller
+    VeTableInterface reader("r", resultType().name(), kReaderMode, {}, {}, {}, {});
+    agent->bindInterface(reader, "t/three", false);  // a missing path: created, owned by the agent
+    VeTableInterface strange("s", "No::Such", kReaderMode, {}, {}, {}, {});
+    agent->bindInterface(strange, "t/strange", false);  // an unknown type: bound, but no table
+    EXPECT_NE(strange.attachment(), 0u);
+    EXPECT_TRUE(db_->dropTable("t/one"));
+    EXPECT_FALSE(db_->dropTable("t/one"));
+    EXPECT_THROW(db_->createTable("t/bad", "No::Such"), std::invalid_argument);
+    // Another agent's registration travels; the server's wins at once and the travelling one then
+    // finds the table and changes nothing.
+    agent->registerTable("t/race", resultType().name(), TableType::oneShot, 3, 4, "ownerE");
+    server->registerTable("t/race", resultType().name(), TableType::standing, 1, 2, "ownerS");
+    agent->registerTable("t/u", "No::Such", TableType::standing, 0, 0, "x");  // unknown type: no table
+    agent->registerTable("t/y", resultType().name(), TableType::standing, 0, 0, "A");
+    EXPECT_FALSE(db_->hasTable("t/y"));
+    db_->write("t/two", makeRow(resultType(), {{"k", "k1"}}));
+    db_->write("t/four", makeRow(resultType(), {{"k", "k1"}}));  // a missing table is created
+    run();
+    EXPECT_FALSE(db_->hasTable("t/strange") || db_->hasTable("t/u"));
+    db_->listenerIs(nullptr);
+    // The listener's log, each entry as a letter for its kind (begin, end, write, delete, call,
+    // created, dropped) and its path, interface or work.
+    std::string seen;
+    for (const Host::EventLog::Entry& e : events.entries())
+        seen += std::string(1, "bewdkcx"[static_cast<int>(e.kind)]) +
+                (e.call           ? e.call->path
+                 : e.iface        ? e.ifName
+                 : e.what.empty() ? e.path
+                                  : e.what) +
+                " ";
+    EXPECT_EQ(
+        seen,
+        "ct/one wvelta/metadata/veTable ct/two wvelta/metadata/veTable ct/three wvelta/metadata/veTable "
+        "xt/one dvelta/metadata/veTable kt/race kt/race ct/race wvelta/metadata/veTable kt/u kt/y wt/two "
+        "ct/four wvelta/metadata/veTable wt/four br e bs e bregisterTable t/race e bregisterTable t/y ct/y "
+        "wvelta/metadata/veTable e ");
+    EXPECT_EQ(agent->tableInfo("t/race").owner(), "ownerS");
+    EXPECT_EQ(agent->tableInfo("t/four").toString(), meta(11, "t/four", resultType().name(), ""));
+    EXPECT_EQ(agent->tableInfo("t/two").toString(), meta(77, "t/two", resultType().name(), ""));
+    EXPECT_EQ(agent->tableInfo(8u).toString(), meta(8, "t/three", resultType().name(), "A"));
+    EXPECT_EQ(agent->tableInfo(13u).toString(), meta(13, "t/y", resultType().name(), "A"));
+    EXPECT_TRUE(agent->tableInfo("t/one").empty() && agent->tableInfo(7u).empty());
+    db_->write(kVeTable, makeRecord<veMetadata::veTable>({{"oid", 500}, {"tablePath", "t/virtual"}}));
+    EXPECT_EQ(agent->tableInfo(500u).tablePath(), "t/virtual");  // also rows a client wrote
+
+    const std::vector<std::string> calls = callLines(*db_);
+    EXPECT_EQ(calls.size(), 4u);
+    EXPECT_EQ(calls.at(0),
+              "registerTable path=t/race typeName=MetadataTest::Result tableType=1 desiredFlags=3 "
+              "flags=4 owner=ownerE agent=A");
+    db_->callsClear();
+    EXPECT_TRUE(db_->calls().empty());
+
+    // A client deleted an existing table's metadata row: only the server's registration writes it again.
+    veMetadata::veTable key;
+    key.tablePathIs("t/y");
+    ASSERT_TRUE(db_->erase(kVeTable, key));
+    agent->registerTable("t/y", resultType().name(), TableType::standing, 0, 0, "ext");
+    run();
+    EXPECT_TRUE(server->tableInfo("t/y").empty());
+    server->registerTable("t/y", resultType().name(), TableType::standing, 0, 0, "again");
+    EXPECT_EQ(server->tableInfo("t/y").owner(), "again");
+    // The whole metadata table was dropped: it comes back with the registered table's row.
+    ASSERT_TRUE(db_->dropTable(kVeTable));
+    server->registerTable("t/fresh", resultType().name(), TableType::standing, 0, 0, "o");
+    EXPECT_EQ(server->tableInfo("t/fresh").owner(), "o");
+    EXPECT_FALSE(server->tableInfo(kVeTable).empty());
+}
+
+TEST_F(HostMetadata, ControlPublicationsAnswerControlSubscriptions) {
+    reset({.autoPublish = true});
+    db_->createTable("out/r", resultType().name());
+    const unsigned tableId = static_cast<unsigned>(
+        db_->read(kVeTable, makeRecord<veMetadata::veTable>({{"tablePath", "out/r"}})).number(0));
+    auto ctrl = [&](unsigned sys) {
+        return makeRecord<veCtrl::subscription>(
+            {{"system_description", sys}, {"connection_id", 1}, {"tableId", tableId}});
+    };
+    db_->clockAdvance(250);
+    const BaseRow stored = db_->write("velta/veCtrl/subscription", ctrl(3));
+    db_->write("velta/veCtrl/subscription", ctrl(3));  // a rewrite is no new row
+    EXPECT_TRUE(lines("velta/veCtrl/publication").empty());
+    run();
+    EXPECT_EQ(lines("velta/veCtrl/publication"),
+              std::vector<std::string>{makeRecord<veCtrl::publication>({{"subscription_id", stored.number(0)},
+                                                                        {"tableId", tableId},
+                                                                        {"typeId", resultType().id()},
+                                                                        {"system_id", 3},
+                                                                        {"status", true},
+                                                                        {"ptime", 250}})
+                                           .toString()});
+    db_->erase("velta/veCtrl/subscription", ctrl(3));  // gone with its control row
+    // A control row that is gone when the turn comes gets nothing, even if its key is back by then.
+    db_->write("velta/veCtrl/subscription", ctrl(4));
+    db_->erase("velta/veCtrl/subscription", ctrl(4));
+    const BaseRow back = db_->write("velta/veCtrl/subscription", ctrl(4));
+    run();
+    const std::vector<BaseRow> pubs = db_->rows("velta/veCtrl/publication");
+    ASSERT_EQ(pubs.size(), 1u);
+    EXPECT_EQ(veCtrl::publication(pubs[0]).subscription_id(), back.number(0));
+    reset({});  // off by default
+    db_->write("velta/veCtrl/subscription", ctrl(3));
+    run();
+    EXPECT_EQ(db_->rowCount("velta/veCtrl/publication"), 0u);
+}
+
+TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
+    db_->createTable("data/known", resultType().name());
+    std::vector<std::string> outcomes;
+    auto done = [&](const std::string& who) {
+        return [&outcomes, who](bool ok, unsigned id, const std::string& error) {
+            outcomes.push_back(who + " " + std::to_string(ok) + " " + std::to_string(id) + " " + error);
+        };
+    };
+    auto agent = connect("A");
+    agent->defineQuery("SELECT a FROM data/known WHERE x", 9, {{"p", "1"}, {"a", "2"}}, done("a"), true,
+                       "q1");
+    agent->defineQuery("SELECT a FROM  data/missing", 9, {}, done("b"), false, "");
+    auto gone = connect("G");
+    gone->defineQuery("SHOW tables", 9, {}, done("g"), false, "");
+    gone.reset();  // its completion goes with it
+    agent->removeQuery("q1");
+    EXPECT_TRUE(outcomes.empty());
+    EXPECT_EQ(run(), 3u);
+    EXPECT_EQ(outcomes, (std::vector<std::string>{"a 1 1 ", "b 0 0 No such table: data/missing"}));
+    EXPECT_EQ(db_->queries()[1].state, Host::QueryInfo::State::failed);
+    EXPECT_EQ(db_->queries()[2].state, Host::QueryInfo::State::completed);
+    EXPECT_FALSE(db_->completeQuery("SHOW tables", true));  // nothing left to complete by hand
+    EXPECT_EQ(callLines(*db_).front(),
+              "defineQuery text=\"SELECT a FROM data/known WHERE x\" typeId=9 params={a=2,p=1} standing=1 "
+              "name=\"q1\" agent=A");
+    EXPECT_EQ(callLines(*db_).back(), "removeQuery name=\"q1\" agent=A");
+
+    reset({.manualQueries = true});
+    outcomes.clear();
+    auto keeper = connect("K");
+    auto leaver = connect("L");
+    keeper->defineQuery("SELECT 1 FROM nowhere", 1, {}, done("k1"), false, "");
+    leaver->defineQuery("SELECT 1 FROM nowhere", 1, {}, done("l1"), false, "");
+    keeper->defineQuery("SELECT 1 FROM nowhere", 1, {}, done("k2"), false, "");
+    run();
+    EXPECT_TRUE(outcomes.empty());
+    EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", false, "refused"));  // the oldest: k1
+    EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));              // then l1
+    leaver.reset();
+    run();
+    EXPECT_EQ(db_->queries()[2].state, Host::QueryInfo::State::pending);
+    EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));
+    run();
+    EXPECT_EQ(outcomes, (std::vector<std::string>{"k1 0 0 refused", "k2 1 2 "}));
+}
+
+// A value that counts how often it is formatted.
+struct Counted {
+    static inline int formatted = 0;
+};
+std::ostream& operator<<(std::ostream& os, const Counted&) {
+    ++Counted::formatted;
+    return os << "counted";
+}
+
+TEST(HostDebug, TracesAreBuiltOnlyForEnabledLevelsAndGoToTheInnermostCapture) {
+    Kesto::DebugSupport debug(Kesto::Platform::getDebugHandler("DebugTest::Quiet"), false);
+    EXPECT_EQ(Kesto::Platform::getDebugHandler("DebugTest::Quiet"), debug.handler());  // one per channel
+    EXPECT_FALSE(debug.ownsHandler());
+    Host::TraceCapture outer;
+    ASSERT_EQ(debug.handler()->mask(), 0u);  // every channel starts silent
+    KESTO_TRACE(debug, 9, "DebugTest", 10, "quiet", "value " << Counted{});
+    ScopedDebugMask on("DebugTest::Quiet", 0x201);
+    KESTO_TRACE(debug, 8, "DebugTest", 11, "quiet", "other level " << Counted{});
+    Kesto::DebugSupport none;  // no handler: off
+    KESTO_TRACE(none, 0, "DebugTest", 13, "quiet", Counted{});
+    EXPECT_EQ(Counted::formatted, 0);
+    {
+        Host::TraceCapture inner;
+        KESTO_TRACE(debug, 9, "DebugTest", 12, "quiet", "value " << Counted{});
+        EXPECT_EQ(Counted::formatted, 1);
+        ASSERT_EQ(inner.records().size(), 1u);
+        EXPECT_EQ(Host::toString(inner.records()[0]),
+                  "DebugTest::Quiet[9] DebugTest:12 quiet: value counted");
+    }
+    KESTO_TRACE(debug, 0, "F", 6, "fn", "to outer");
+    EXPECT_EQ(outer.messages("DebugTest::Quiet"), std::vector<std::string>{"to outer"});
+    outer.clear();
+    EXPECT_TRUE(outer.records().empty());
+
+    // The interface traces client-ready at level 8 of "Schedulable", also when nothing changes.
+    ScopedDebugMask schedulable("Schedulable", 0x100);
+    VeTableInterface iface("watcher", "veMetadata::veTable", kObserverMode, {}, {}, {}, {});
+    iface.clientReadyIs(true);
+    iface.clientReadyIs(true);
+    ASSERT_EQ(outer.records().size(), 2u);
+    EXPECT_EQ(Host::toString(outer.records()[1]),
+              "Schedulable[8] src-includes/api/Velta/Scheduler:103 clientReadyIs: virtual void "
+              "Velta::Schedulable::clientReadyIs(bool) watcher ready: 1");
+}
+
+TEST(HostDebug, MasksFromTextAndTheDefaultSink) {
+    EXPECT_TRUE(Host::debugMasksFromText("DebugTest::A=0x31f, DebugTest::B=7"));
+    Kesto::DebugSupport a(Kesto::Platform::getDebugHandler("DebugTest::A"), false);
+    testing::internal::CaptureStderr();  // standard error when nothing captures
+    KESTO_TRACE(a, 2, "Some/File", 77, "someFunction", "on stderr " << 5);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "DebugTest::A[2] Some/File:77 someFunction: on stderr 5\n");
+    // Malformed text changes nothing at all.
+    for (const char* bad :
+         {"DebugTest::A=1,DebugTest::B", "DebugTest::A=zz", "=5", "DebugTest::A=0x1ffffffff",
+          "DebugTest::A=-1", "DebugTest::A=1,DebugTest::B=2x"}) {
+        EXPECT_FALSE(Host::debugMasksFromText(bad)) << bad;
+        EXPECT_EQ(Host::debugMask("DebugTest::A") * 10 + Host::debugMask("DebugTest::B"), 0x31fu * 10 + 7)
+            << bad;
+    }
+    EXPECT_TRUE(Host::debugMasksFromText(""));
+    Host::debugMasksClear();
+    EXPECT_EQ(Host::debugMask("DebugTest::A") + Host::debugMask("DebugTest::B"), 0u);
+}
+
+TEST(HostDebugDeathTest, KestoDebugIsReadAtFirstUseAndAssertionsReportAsTheCRuntime) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process, where no channel exists yet
+    EXPECT_EXIT(
+        {
+            setenv("KESTO_DEBUG", "SubscriptionTranslator=0x31f,Aggregator=0x3ff", 1);
+            const bool ok = Kesto::Platform::getDebugHandler("SubscriptionTranslator")->mask() == 0x31f &&
+                            Kesto::Platform::getDebugHandler("Aggregator")->mask() == 0x3ff &&
+                            Kesto::Platform::getDebugHandler("Schedulable")->mask() == 0;
+            std::exit(ok ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+    int x = 1;
+    EXPECT_DEATH(KESTO_ASSERT(x == 2, "Aggregator", 12, "void f()"),
+                 "Aggregator:12: void f\\(\\): Assertion `x == 2' failed\\.");
+}
+
+// Both tables hold the whole catalogue, name for code and code for name: 100 * category + code,
+// each category's codes without gaps, "dummy" at -1; the flag and count follow their category.
+TEST(Opcodes, CatalogueIsConsistentBothWays) {
+    const std::set<std::string> flagZero = {"noop", "boolAnd", "boolOr", "not", "copyBytes"};
+    std::set<int> codes, expected = {-1};
+    const int last[] = {0, 120, 203, 302, 420, 511, 611, 712};
+    for (int cat = 1; cat <= 7; ++cat)
+        for (int code = cat == 1 ? 100 : 100 * cat + 1; code <= last[cat]; ++code) expected.insert(code);
+    ASSERT_EQ(VeRT::opCatByName.size(), expected.size());
+    for (const auto& [code, name] : VeRT::opNameByCode) {
+        codes.insert(code);
+        const VeRT::opCat& c = VeRT::opCatByName.at(name);
+        EXPECT_EQ(code, name == "dummy" ? -1 : static_cast<int>(100 * c.category + c.code)) << name;
+        const bool zero = flagZero.count(name) != 0 || c.category == 4 || c.category == 7;
+        EXPECT_EQ(c.flag, zero ? 0 : 1) << name;
+        EXPECT_LE(c.count, c.category <= 3 ? 0 : 5) << name;
+    }
+    EXPECT_EQ(codes, expected);
+    EXPECT_EQ(VeRT::opCatByName.at("bindTable").count * 10 + VeRT::opCatByName.at("iterInit").count, 53);
+}
+
+}  // namespace
+}  // namespace Velta::Test
