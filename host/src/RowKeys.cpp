@@ -101,7 +101,7 @@ std::uint64_t KeyLayout::prefix(const RowData& row) const noexcept {
             const std::size_t n = std::min(str.size(), bytes);
             std::uint64_t part = 0;
             for (std::size_t i = 0; i < n; ++i) part = part << 8 | static_cast<unsigned char>(str[i]);
-            part <<= 8 * (bytes - n);
+            if (n != 0) part <<= 8 * (bytes - n);  // an empty string reads as zero: no 64-bit shift
             p = s.bits == 64 ? part : p << s.bits | part;
             used += s.bits;
             break;
