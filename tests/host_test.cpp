@@ -12,6 +12,7 @@
 #include <map>
 #include <ostream>
 #include <set>
+#include <sstream>
 
 namespace Velta::Test {
 namespace {
@@ -49,7 +50,9 @@ TEST(HostRows, CopyOnWriteConversionPrintingAndEquality) {
     EXPECT_EQ(db->rows("velta/External/Publication")[0].toString(),
               "External::Publication{subscription_id=7 publication_id=0 connection_id=0 tableId=0 typeId=0 "
               "view_id=0 status=0 error=\"bad \\\"x\\\"\" ptime=0}");
-    EXPECT_EQ(streamed(original), original.toString());
+    std::ostringstream streamed;
+    streamed << original;
+    EXPECT_EQ(streamed.str(), original.toString());
     EXPECT_EQ(BaseRow().toString(), "{}");
 
     // Another record reads fields by name; numbers are narrowed, kinds that differ read as missing.
