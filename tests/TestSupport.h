@@ -19,7 +19,6 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -105,25 +104,6 @@ inline std::vector<std::string> callLines(const Host::Database& db) {
     std::vector<std::string> lines;
     for (const Host::HostCall& call : db.calls()) lines.push_back(Host::toString(call));
     return lines;
-}
-
-// Captured traces matching `channel` (empty: any), `level` (nullopt: any) and containing `text`.
-inline std::vector<Host::TraceRecord> findTraces(const Host::TraceCapture& capture,
-                                                 const std::string& channel, std::optional<unsigned> level,
-                                                 const std::string& text = "") {
-    std::vector<Host::TraceRecord> found;
-    for (const Host::TraceRecord& r : capture.records()) {
-        if (!channel.empty() && r.channel != channel) continue;
-        if (level && r.level != *level) continue;
-        if (r.message.find(text) == std::string::npos) continue;
-        found.push_back(r);
-    }
-    return found;
-}
-
-inline bool hasTrace(const Host::TraceCapture& capture, const std::string& channel, unsigned level,
-                     const std::string& text) {
-    return !findTraces(capture, channel, level, text).empty();
 }
 
 // Sets a channel's mask for the lifetime of the object, then restores the previous one.
