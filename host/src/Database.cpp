@@ -93,18 +93,25 @@ Slot& Database::Impl::slotFor(const std::string& path) {
 }
 
 Slot* Database::Impl::findSlot(std::string_view path) noexcept {
-    auto it = slots.find(path);
+    auto it = slots.find(absl::string_view(path.data(), path.size()));
     return it == slots.end() ? nullptr : &it->second;
 }
 
 const Slot* Database::Impl::findSlot(std::string_view path) const noexcept {
-    auto it = slots.find(path);
+    auto it = slots.find(absl::string_view(path.data(), path.size()));
     return it == slots.end() ? nullptr : &it->second;
+}
+
+const RowType* Database::Impl::rowTypeNamed(const std::string& name) {
+    if (const auto it = typesByName_.find(name); it != typesByName_.end()) return it->second;
+    const RowType* type = findRowType(name);
+    if (type != nullptr) typesByName_.emplace(name, type);
+    return type;
 }
 
 void Database::Impl::eraseSlotIfUnused(Slot& slot) {
     if (slot.table || !slot.attachments.empty()) return;
-    slots.erase(slot.path);
+    slots.erase(slots.find(slot.path));
 }
 
 bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::string& ownerName,
@@ -548,7 +555,7 @@ veMetadata::veTable AgentHandle::tableInfo(const std::string& path) const { retu
 veMetadata::veTable AgentHandle::tableInfo(unsigned oid) const { return impl_->tableInfo(oid); }
 
 unsigned AgentHandle::tableTypeId(const std::string& typeName, bool) const {
-    const RowType* t = findRowType(typeName);
+    const RowType* t = impl_->rowTypeNamed(typeName);
     return t != nullptr ? t->id() : VeltaDB::kUnknownTypeId;
 }
 
@@ -695,6 +702,7 @@ std::vector<std::string> Database::tablePaths() const {
     for (const auto& [path, slot] : impl_->slots) {
         if (slot.table) out.push_back(path);
     }
+    std::sort(out.begin(), out.end());
     return out;
 }
 

@@ -27,7 +27,9 @@
 #include "RowKeys.h"
 
 #include <absl/container/btree_set.h>
+#include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
+#include <absl/container/node_hash_map.h>
 
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
@@ -527,8 +529,14 @@ public:
 
     std::uint64_t newHandleId() noexcept { return ++handleIds_; }
 
-    // State shared with the Database facade.
-    std::map<std::string, Velta::detail::Slot, std::less<>> slots;
+    // findRowType, remembered per database: a type once found stays the type of its name (types
+    // are never removed or redefined), so only answers found are kept, and the process-wide
+    // registry is locked once per name instead of on every call.
+    const RowType* rowTypeNamed(const std::string& name);
+
+    // State shared with the Database facade. Slots stay where they are while they exist
+    // (attachments point to them).
+    absl::node_hash_map<std::string, Velta::detail::Slot> slots;
     EventQueue queue;
     std::vector<HostCall> calls;
     std::vector<QueryInfo> queries;
@@ -556,6 +564,7 @@ private:
     };
 
     RetiredRows retired_;
+    absl::flat_hash_map<std::string, const RowType*> typesByName_;
     mutable veMetadata::veTable tableKey_;  // the key row of tableInfo(path)
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;

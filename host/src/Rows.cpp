@@ -252,7 +252,7 @@ void BaseRow::stringsIs(std::size_t field, std::vector<std::string> value) {
     d.lists[d.type->fields()[field].slot] = std::move(value);
 }
 
-RowData& BaseRow::mutableData(const RowType& type) {
+RowData& BaseRow::makeMutable(const RowType& type) {
     if (data_ == nullptr) {
         data_ = RowData::create(type);
         return *data_;

@@ -144,11 +144,16 @@ public:
     const RowData* data() const noexcept { return data_; }
 
 protected:
-    // Makes the data unique to this row, creating it as `type` when the row is empty.
-    RowData& mutableData(const RowType& type);
+    // Makes the data unique to this row, creating it as `type` when the row is empty. Inline when
+    // it already is (a record being filled in).
+    RowData& mutableData(const RowType& type) {
+        if (data_ != nullptr && data_->type == &type && data_->refs == 1) return *data_;
+        return makeMutable(type);
+    }
     RowData* data_ = nullptr;
 
 private:
+    RowData& makeMutable(const RowType& type);
     void retain() noexcept {
         if (data_) ++data_->refs;
     }
