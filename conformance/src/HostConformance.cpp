@@ -135,12 +135,12 @@ void registerHostConformance(const std::string& suite, HostAdapterFactory makeHo
 namespace kit {
 
 VeltaDB::p_t connectAgent(HostAdapter& host, const std::string& name, bool serverAgent) {
-    AgentSpec spec;
-    spec.agentName = name;
-    spec.systemName = "system-" + name;
-    spec.serverAgent = serverAgent;
-    spec.external = !serverAgent;
-    return host.connect(spec);
+    AgentSpec agent;
+    agent.agentName = name;
+    agent.systemName = "system-" + name;
+    agent.serverAgent = serverAgent;
+    agent.external = !serverAgent;
+    return host.connect(agent);
 }
 
 External::Publication pub(unsigned id, const std::string& value) {

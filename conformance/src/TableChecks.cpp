@@ -486,10 +486,10 @@ void handleReportsItsAgent(HostAdapter& host) {
         return name + "@" + system + " isServerAgent=" + std::to_string(server) +
                " external=" + std::to_string(external) + " standalone=" + std::to_string(standalone);
     };
-    for (const AgentSpec& spec : specs) {
-        const VeltaDB::p_t db = host.connect(spec);
+    for (const AgentSpec& agent : specs) {
+        const VeltaDB::p_t db = host.connect(agent);
         const std::string want =
-            flags(spec.agentName, spec.systemName, spec.serverAgent, spec.external, spec.standalone);
+            flags(agent.agentName, agent.systemName, agent.serverAgent, agent.external, agent.standalone);
         const std::string got =
             flags(db->agentName(), db->systemName(), db->isServerAgent(), db->external(), db->standalone());
         if (got != want) problems.push_back("connected as " + want + ", the handle reports " + got);
