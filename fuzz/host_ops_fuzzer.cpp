@@ -7,12 +7,10 @@
 // at the first database that does not settle. Left out because they stop the process by contract: a
 // translator in an agent neither server nor external, and parameter lists of unequal length.
 //
-// With one database for all (bit 1 of the first byte) the external agent's registration of an output
-// table can still be travelling when the server agent registers the same path; clients may delete
-// metadata rows and drop "velta/metadata/veTable". The server agent's registration must still make
-// its table visible at once ("!vdb_->isServerAgent()" stops the process otherwise): the inputs in
-// regressions/host_ops/ and tests/scenarios/regressions/ pin those faults. A translator is destroyed
-// only when none of its queries is pending (tests/scenarios/regressions/query-completion-after-stop.yaml).
+// With one database for all (bit 1 of the first byte) the agents' registrations race each other and
+// clients may damage the metadata; the inputs in regressions/host_ops/ pin the faults this found. A
+// translator is destroyed only when none of its queries is pending
+// (tests/scenarios/regressions/query-completion-after-stop.yaml).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/SubscriptionTranslator.h>
 #include <Velta/Host/Database.h>

@@ -78,20 +78,11 @@ std::string keyName(int key) { return "k" + std::to_string(key); }
 // A step on table `slot` (create: of the output's type if `flag`), on the output (a client's), on
 // the aggregator (build: deleteWithoutReplacement `flag`, enabled `flag2`; enableIs and
 // suppressResyncIs take `flag`), or a settle: everything queued is delivered, then compared.
+// clang-format off
 enum class Op : std::uint8_t {
-    create,
-    drop,
-    write,
-    writeForeign,
-    erase,
-    writeOutput,
-    eraseOutput,
-    build,
-    destroy,
-    enable,
-    suppress,
-    settle
+    create, drop, write, writeForeign, erase, writeOutput, eraseOutput, build, destroy, enable, suppress, settle
 };
+// clang-format on
 constexpr std::array<const char*, 12> kOpNames = {"create",  "drop",        "write",       "writeForeign",
                                                   "erase",   "writeOutput", "eraseOutput", "build",
                                                   "destroy", "enable",      "suppress",    "settle"};

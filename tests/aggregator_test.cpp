@@ -177,31 +177,6 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
     EXPECT_EQ(Aggregator::AggregatorInputTable::__kestoDebug::getHandler()->mask(), 1u << 9);
 }
 
-TEST_F(AggregatorTest, InputsScannedBeforeTheOutputIsReadyWaitForItAndResyncCanBeSuppressed) {
-    db_->createTable(kA, kRoute);
-    db_->createTable(kB, kRoute);
-    put(kA, "k1", "a");
-    db_->write(kOut, route("k0", "old"));
-    start(connect("agg"), /*enabled=*/false);
-    agg_->suppressResyncIs(true);
-    agg_->enableIs(true);
-    journal();
-    agg_->onVeTableReady();  // the host has not reported the output ready yet
-    EXPECT_FALSE(agg_->ready());
-    ASSERT_EQ(agg_->inputPaths(), (Lines{kA, kB}));
-    EXPECT_FALSE(agg_->inputTable(kA)->observer().clientReady() ||
-                 agg_->inputTable(kB)->observer().clientReady());
-    while (!agg_->output().ready()) ASSERT_TRUE(db_->runOne());
-    EXPECT_TRUE(agg_->ready());
-    EXPECT_TRUE(agg_->inputTable(kA)->observer().clientReady() &&
-                agg_->inputTable(kB)->observer().clientReady());
-    run();
-    agg_->suppressResyncIs(false);
-    agg_->onReady();
-    // k0, which no input holds, stayed through the suppressed resync and goes in the next one.
-    EXPECT_EQ(journal(), (Lines{"+k1=a", "-k0=old"}));
-}
-
 // Flow control. The aggregator never reports itself blocked, so a walk stops early only when the
 // host fails in the middle of it: FlakyHost's key comparison throws for rows with a chosen next
 // hop, and it leaves chosen paths unbound (attachment zero).
