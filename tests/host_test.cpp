@@ -499,17 +499,17 @@ TEST_F(HostMetadata, ControlPublicationsAnswerControlRowsStillThereAtTheirTurn) 
     auto ctrl = [&](unsigned sys) {
         return makeRecord<veCtrl::subscription>({{"system_description", sys}, {"connection_id", 1}});
     };
-    db_->write("velta/veCtrl/subscription", ctrl(3));
+    const BaseRow stored = db_->write("velta/veCtrl/subscription", ctrl(3));
     db_->write("velta/veCtrl/subscription", ctrl(3));  // a rewrite is no new row
-    db_->erase("velta/veCtrl/subscription", ctrl(3));  // gone before the turn: nothing
     db_->write("velta/veCtrl/subscription", ctrl(4));
-    db_->erase("velta/veCtrl/subscription", ctrl(4));
+    db_->erase("velta/veCtrl/subscription", ctrl(4));  // gone before the turn: nothing for it
     const BaseRow back = db_->write("velta/veCtrl/subscription", ctrl(4));  // its key back: a new row
     EXPECT_TRUE(lines("velta/veCtrl/publication").empty());
     run();
-    const std::vector<BaseRow> pubs = db_->rows("velta/veCtrl/publication");
-    ASSERT_EQ(pubs.size(), 1u);
-    EXPECT_EQ(veCtrl::publication(pubs[0]).subscription_id(), back.number(0));
+    std::vector<std::uint64_t> answered;
+    for (const BaseRow& pub : db_->rows("velta/veCtrl/publication"))
+        answered.push_back(veCtrl::publication(pub).subscription_id());
+    EXPECT_EQ(answered, (std::vector<std::uint64_t>{stored.number(0), back.number(0)}));
     reset({});  // off by default
     db_->write("velta/veCtrl/subscription", ctrl(3));
     run();
