@@ -75,7 +75,8 @@ public:
                  "outputPath=velta/out/q1;queryText=SELECT key FROM velta/in/items;standing=1;features=6;"
                  "type_signature=sig;paramName=[c,a,b,a];paramValue=[0,1,2,3];ptime=42",
                  "outputPath=velta/out/bad;queryText=SELECT key FROM velta/in/missing;standing=1",
-                 // Look-alikes of the refusals (the refusals themselves are an example's), accepted.
+                 "outputPath=velta/out/s;system_description=99",  // refused (the others are an example's)
+                 // Look-alikes of the refusals, accepted.
                  "outputPath=velta/out/la1;queryText=SELECT * FROM velta/out/la1;desiredFlags=0x40;flags=1",
                  "outputPath=velta/out/la2;queryText=SELECT * FROM velta/out/la2;desiredFlags=1;flags=0x40",
                  "outputPath=velta/out/owned2;queryText=SELECT * INTO velta/out/owned2;flags=0x40",
@@ -93,19 +94,19 @@ public:
             run();
         }
         db_->erase(kCtrlPub, internal(subs[0]));
-        db_->erase(kCtrlPub, internal(subs[3]));
+        db_->erase(kCtrlPub, internal(subs[4]));
         run();
-        db_->write(kCtrlPub, internal(subs[3], ";status=1;ptime=600"));
+        db_->write(kCtrlPub, internal(subs[4], ";status=1;ptime=600"));
         db_->write(kCtrlPub, rowOf<veCtrl::publication>("subscription_id=5555;status=1"));
         run();
         // A placeholder in the client's row does not stop the intake mirroring the publication there.
         db_->write(kExtPub,
-                   rowOf<External::Publication>("status=1;subscription_id=" + std::to_string(subs[3].oid())));
-        db_->write(kExtSubs, subs[3]);
+                   rowOf<External::Publication>("status=1;subscription_id=" + std::to_string(subs[4].oid())));
+        db_->write(kExtSubs, subs[4]);
         run();
         mark("publications");
 
-        for (int i : {0, 1, 2}) db_->erase(kExtSubs, subs[i]);
+        for (int i : {0, 1, 3}) db_->erase(kExtSubs, subs[i]);
         run();
         mark("withdrawals");
 
@@ -120,13 +121,13 @@ public:
         t.subscriptionComplete(key(99), Agent::TableRow(), false, false, true, 77, 0, "");
         note(entry(key(31)) + " ids " + std::to_string(t.externalSubscriptionId(5)) + " " +
              std::to_string(t.externalSubscriptionId(9)));
-        t.subscriptionComplete(subs[5], Agent::TableRow(), false, false, false, 0, 0, "no table");
-        const unsigned sid = sidOf(subs[5]);
-        t.subscriptionComplete(subs[5], tableRow("velta/out/la3"), false, false, false, 0, 0, "gone");
-        note(entry(subs[5]) + " old sid maps " +
-             std::to_string(t.externalSubscriptionId(sid) == subs[5].oid()));
-        db_->erase(kExtPub, rowOf<External::Publication>("subscription_id=" + std::to_string(subs[4].oid())));
-        t.subscriptionComplete(subs[4], tableRow("velta/out/owned2"), false, false, false, 0, 0, "lost");
+        t.subscriptionComplete(subs[6], Agent::TableRow(), false, false, false, 0, 0, "no table");
+        const unsigned sid = sidOf(subs[6]);
+        t.subscriptionComplete(subs[6], tableRow("velta/out/la3"), false, false, false, 0, 0, "gone");
+        note(entry(subs[6]) + " old sid maps " +
+             std::to_string(t.externalSubscriptionId(sid) == subs[6].oid()));
+        db_->erase(kExtPub, rowOf<External::Publication>("subscription_id=" + std::to_string(subs[5].oid())));
+        t.subscriptionComplete(subs[5], tableRow("velta/out/owned2"), false, false, false, 0, 0, "lost");
         mark("registry");
         translator_.reset();
         mark("teardown");
@@ -235,114 +236,116 @@ L4:822 [serverSys:10] defineQuery (velta/out/act)
 call defineQuery text="" typeId=8 params={} standing=1 name="" agent=server
 == intake
 call registerTable path=velta/out/q1 typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=22 connection_id=14 system_description=10 typeName=Test::Item type_signature=sig tableId=21 features=6 ptime=42
-L9:728 Updating sid for velta/out/q1, 0=>22
-+extPub subscription_id=14 tableId=21 typeId=8 status=1
++ctrlSub oid=23 connection_id=14 system_description=10 typeName=Test::Item type_signature=sig tableId=22 features=6 ptime=42
+L9:728 Updating sid for velta/out/q1, 0=>23
++extPub subscription_id=14 tableId=22 typeId=8 status=1
 call registerTable path=velta/out/bad typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=24 connection_id=15 system_description=10 typeName=Test::Item tableId=23
-L9:728 Updating sid for velta/out/bad, 0=>24
-+extPub subscription_id=15 tableId=23 typeId=8 status=1
++ctrlSub oid=25 connection_id=15 system_description=10 typeName=Test::Item tableId=24
+L9:728 Updating sid for velta/out/bad, 0=>25
++extPub subscription_id=15 tableId=24 typeId=8 status=1
++extPub subscription_id=16 connection_id=16 typeId=8 error=SystemDescription no longer valid.
 call registerTable path=velta/out/la1 typeName=Test::Item tableType=1 desiredFlags=64 flags=1 owner= agent=server
 L4:593 [serverSys:10] subscribe r velta/out/la1
-+ctrlSub oid=26 connection_id=16 system_description=10 typeName=Test::Item tableId=25
-L9:728 Updating sid for velta/out/la1, 0=>26
-+extPub subscription_id=16 tableId=25 typeId=8 status=1
++ctrlSub oid=27 connection_id=17 system_description=10 typeName=Test::Item tableId=26
+L9:728 Updating sid for velta/out/la1, 0=>27
++extPub subscription_id=17 tableId=26 typeId=8 status=1
 call registerTable path=velta/out/la2 typeName=Test::Item tableType=1 desiredFlags=1 flags=64 owner= agent=server
 L4:593 [serverSys:10] subscribe r velta/out/la2
-+ctrlSub oid=28 connection_id=17 system_description=10 typeName=Test::Item tableId=27
-L9:728 Updating sid for velta/out/la2, 0=>28
-+extPub subscription_id=17 tableId=27 typeId=8 status=1
++ctrlSub oid=29 connection_id=18 system_description=10 typeName=Test::Item tableId=28
+L9:728 Updating sid for velta/out/la2, 0=>29
++extPub subscription_id=18 tableId=28 typeId=8 status=1
 L4:593 [serverSys:10] subscribe w velta/out/owned2
-+ctrlSub oid=29 connection_id=18 system_description=10 typeName=Test::Item tableId=8 writer=1
-L9:728 Updating sid for velta/out/owned2, 0=>29
-+extPub subscription_id=18 tableId=8 typeId=8 status=1
++ctrlSub oid=30 connection_id=19 system_description=10 typeName=Test::Item tableId=8 writer=1
+L9:728 Updating sid for velta/out/owned2, 0=>30
++extPub subscription_id=19 tableId=8 typeId=8 status=1
 call registerTable path=velta/out/la3 typeName=Test::Item tableType=1 desiredFlags=64 flags=64 owner= agent=server
-+ctrlSub oid=31 connection_id=19 system_description=10 typeName=Test::Item tableId=30
-L9:728 Updating sid for velta/out/la3, 0=>31
-+extPub subscription_id=19 tableId=30 typeId=8 status=1
++ctrlSub oid=32 connection_id=20 system_description=10 typeName=Test::Item tableId=31
+L9:728 Updating sid for velta/out/la3, 0=>32
++extPub subscription_id=20 tableId=31 typeId=8 status=1
 call registerTable path=velta/out/m typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=33 connection_id=20 system_description=11 typeName=Test::Item tableId=32
-L9:728 Updating sid for velta/out/m, 0=>33
-+extPub subscription_id=20 tableId=32 typeId=8 status=1
-+ctrlPub subscription_id=22 system_id=10 tableId=21 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=24 system_id=10 tableId=23 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=26 system_id=10 tableId=25 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=28 system_id=10 tableId=27 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=29 system_id=10 tableId=8 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=31 system_id=10 tableId=30 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=33 system_id=11 tableId=32 typeId=8 status=1 ptime=500
-+extPub subscription_id=14 publication_id=22 tableId=21 typeId=8 status=1 ptime=500
++ctrlSub oid=34 connection_id=21 system_description=11 typeName=Test::Item tableId=33
+L9:728 Updating sid for velta/out/m, 0=>34
++extPub subscription_id=21 tableId=33 typeId=8 status=1
++ctrlPub subscription_id=23 system_id=10 tableId=22 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=25 system_id=10 tableId=24 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=27 system_id=10 tableId=26 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=29 system_id=10 tableId=28 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=30 system_id=10 tableId=8 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=32 system_id=10 tableId=31 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=34 system_id=11 tableId=33 typeId=8 status=1 ptime=500
++extPub subscription_id=14 publication_id=23 tableId=22 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
 call defineQuery text="SELECT key FROM velta/in/items" typeId=8 params={a=3,b=2,c=0} standing=1 name="" agent=server
-+extPub subscription_id=15 publication_id=24 tableId=23 typeId=8 status=1 ptime=500
++extPub subscription_id=15 publication_id=25 tableId=24 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/bad) SELECT key FROM velta/in/missing
 call defineQuery text="SELECT key FROM velta/in/missing" typeId=8 params={} standing=1 name="" agent=server
-+extPub subscription_id=16 publication_id=26 tableId=25 typeId=8 status=1 ptime=500
-+extPub subscription_id=17 publication_id=28 tableId=27 typeId=8 status=1 ptime=500
-+extPub subscription_id=18 publication_id=29 tableId=8 typeId=8 status=1 ptime=500
-+extPub subscription_id=19 publication_id=31 tableId=30 typeId=8 status=1 ptime=500
++extPub subscription_id=17 publication_id=27 tableId=26 typeId=8 status=1 ptime=500
++extPub subscription_id=18 publication_id=29 tableId=28 typeId=8 status=1 ptime=500
++extPub subscription_id=19 publication_id=30 tableId=8 typeId=8 status=1 ptime=500
++extPub subscription_id=20 publication_id=32 tableId=31 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/la3) SELECT * FROM 
 call defineQuery text="SELECT * FROM " typeId=8 params={} standing=0 name="" agent=server
-L2:775   PublicationTranslator Skipping internal publication: veCtrl::subscription{oid=33 connection_id=20 system_description=11 typeName="Test::Item" type_signature="" tableId=32 features=0 writer=0 ptime=0} for internal member veMetadata::SystemDescription{oid=11 sysName="internalSys" agentName="member" properties=0}
--ctrlSub oid=24 connection_id=15 system_description=10 typeName=Test::Item tableId=23
--ctrlPub subscription_id=24 system_id=10 tableId=23 typeId=8 status=1 ptime=500
-+extPub subscription_id=15 publication_id=24 tableId=23 typeId=8 error=no corresponding publication row ptime=500
-velta/out/q1 - 14 21 8 22
-velta/out/bad - 15 23 8 0
-velta/out/la1 r 16 25 8 26
-velta/out/la2 r 17 27 8 28
-velta/out/owned2 w 18 8 8 29
-velta/out/la3 - 19 30 8 31
-velta/out/m - 20 32 8 33
+L2:775   PublicationTranslator Skipping internal publication: veCtrl::subscription{oid=34 connection_id=21 system_description=11 typeName="Test::Item" type_signature="" tableId=33 features=0 writer=0 ptime=0} for internal member veMetadata::SystemDescription{oid=11 sysName="internalSys" agentName="member" properties=0}
+-ctrlSub oid=25 connection_id=15 system_description=10 typeName=Test::Item tableId=24
+-ctrlPub subscription_id=25 system_id=10 tableId=24 typeId=8 status=1 ptime=500
++extPub subscription_id=15 publication_id=25 tableId=24 typeId=8 error=no corresponding publication row ptime=500
+velta/out/q1 - 14 22 8 23
+velta/out/bad - 15 24 8 0
+velta/out/s - 16 0 8 0
+velta/out/la1 r 17 26 8 27
+velta/out/la2 r 18 28 8 29
+velta/out/owned2 w 19 8 8 30
+velta/out/la3 - 20 31 8 32
+velta/out/m - 21 33 8 34
 == publications
-+ctrlPub subscription_id=22 system_id=10 tableId=21 status=1 ptime=549
++ctrlPub subscription_id=23 system_id=10 tableId=22 status=1 ptime=549
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
 call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2,c=0} standing=1 name="" agent=server
-+ctrlPub subscription_id=22 system_id=10 tableId=21 status=1 ptime=550
-+extPub subscription_id=14 publication_id=22 tableId=21 status=1 ptime=550
++ctrlPub subscription_id=23 system_id=10 tableId=22 status=1 ptime=550
++extPub subscription_id=14 publication_id=23 tableId=22 status=1 ptime=550
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
 call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2,c=0} standing=1 name="" agent=server
-+ctrlPub subscription_id=22 system_id=10 tableId=21 error=broken ptime=549
-+extPub subscription_id=14 publication_id=22 tableId=21 error=broken ptime=549
--ctrlPub subscription_id=22 system_id=10 tableId=21 error=broken ptime=549
--ctrlPub subscription_id=28 system_id=10 tableId=27 typeId=8 status=1 ptime=500
-+extPub subscription_id=17 publication_id=28 tableId=27 typeId=8 error=no corresponding publication row ptime=500
-+ctrlPub subscription_id=28 tableId=27 status=1 ptime=600
++ctrlPub subscription_id=23 system_id=10 tableId=22 error=broken ptime=549
++extPub subscription_id=14 publication_id=23 tableId=22 error=broken ptime=549
+-ctrlPub subscription_id=23 system_id=10 tableId=22 error=broken ptime=549
+-ctrlPub subscription_id=29 system_id=10 tableId=28 typeId=8 status=1 ptime=500
++extPub subscription_id=18 publication_id=29 tableId=28 typeId=8 error=no corresponding publication row ptime=500
++ctrlPub subscription_id=29 tableId=28 status=1 ptime=600
 +ctrlPub subscription_id=5555 status=1
-+extPub subscription_id=17 publication_id=28 tableId=27 status=1 ptime=600
-+extPub subscription_id=17 status=1
++extPub subscription_id=18 publication_id=29 tableId=28 status=1 ptime=600
++extPub subscription_id=18 status=1
 L4:593 [serverSys:10] subscribe r velta/out/la2
-+ctrlSub oid=28 connection_id=17 system_description=10 typeName=Test::Item tableId=27
-+extPub subscription_id=17 publication_id=28 tableId=27 status=1 ptime=600
++ctrlSub oid=29 connection_id=18 system_description=10 typeName=Test::Item tableId=28
++extPub subscription_id=18 publication_id=29 tableId=28 status=1 ptime=600
 == withdrawals
 L4:662  deleting subscription [14] velta/out/q1
--extPub subscription_id=14 publication_id=22 tableId=21 error=broken ptime=549
-L9:672   Lookup sid: 22
--ctrlSub oid=22 connection_id=14 system_description=10 typeName=Test::Item type_signature=sig tableId=21 features=6 ptime=42
+-extPub subscription_id=14 publication_id=23 tableId=22 error=broken ptime=549
+L9:672   Lookup sid: 23
+-ctrlSub oid=23 connection_id=14 system_description=10 typeName=Test::Item type_signature=sig tableId=22 features=6 ptime=42
 L4:683 [serverSys] removeQuery velta/out/q1
 call removeQuery name="velta/out/q1" agent=server
 L4:662  deleting subscription [15] velta/out/bad
--extPub subscription_id=15 publication_id=24 tableId=23 typeId=8 error=no corresponding publication row ptime=500
+-extPub subscription_id=15 publication_id=25 tableId=24 typeId=8 error=no corresponding publication row ptime=500
 L9:672   Lookup sid: 0
 L9:679   Not found
 L4:683 [serverSys] removeQuery velta/out/bad
 call removeQuery name="velta/out/bad" agent=server
-L4:662  deleting subscription [16] velta/out/la1
--extPub subscription_id=16 publication_id=26 tableId=25 typeId=8 status=1 ptime=500
-L9:672   Lookup sid: 26
--ctrlSub oid=26 connection_id=16 system_description=10 typeName=Test::Item tableId=25
--ctrlPub subscription_id=26 system_id=10 tableId=25 typeId=8 status=1 ptime=500
+L4:662  deleting subscription [17] velta/out/la1
+-extPub subscription_id=17 publication_id=27 tableId=26 typeId=8 status=1 ptime=500
+L9:672   Lookup sid: 27
+-ctrlSub oid=27 connection_id=17 system_description=10 typeName=Test::Item tableId=26
+-ctrlPub subscription_id=27 system_id=10 tableId=26 typeId=8 status=1 ptime=500
 L9:728 Updating sid for velta/out/reg, 0=>5
 L9:728 Updating sid for velta/out/reg, 5=>9
 - 31 0 8 9 ids 0 31
--ctrlSub oid=31 connection_id=19 system_description=10 typeName=Test::Item tableId=30
-- 19 30 8 0 old sid maps 1
+-ctrlSub oid=32 connection_id=20 system_description=10 typeName=Test::Item tableId=31
+- 20 31 8 0 old sid maps 1
 == registry
--extPub subscription_id=18 publication_id=29 tableId=8 typeId=8 status=1 ptime=500
--ctrlSub oid=29 connection_id=18 system_description=10 typeName=Test::Item tableId=8 writer=1
-+extPub subscription_id=18 connection_id=18 tableId=8 typeId=8 error=lost
+-extPub subscription_id=19 publication_id=30 tableId=8 typeId=8 status=1 ptime=500
+-ctrlSub oid=30 connection_id=19 system_description=10 typeName=Test::Item tableId=8 writer=1
++extPub subscription_id=19 connection_id=19 tableId=8 typeId=8 error=lost
 == teardown
-L8: 347x1 417x1 477 (perClient:0)x9 652x3 695( ok:0, sid:#,tr?1)x1 695( ok:0, sid:0,tr?0)x1 695( ok:0, sid:0,tr?1)x2 695( ok:1, sid:#,tr?1)x14 695( ok:1, sid:0,tr?0)x1 695( ok:1, sid:5,tr?0)x1 695( ok:1, sid:9,tr?0)x1 760x20 846x7
+L8: 347x1 417x1 477 (perClient:0)x10 652x3 695( ok:0, sid:#,tr?1)x1 695( ok:0, sid:0,tr?0)x2 695( ok:0, sid:0,tr?1)x2 695( ok:1, sid:#,tr?1)x14 695( ok:1, sid:0,tr?0)x1 695( ok:1, sid:5,tr?0)x1 695( ok:1, sid:9,tr?0)x1 760x20 846x7
 )");
 }
 TEST_F(TranslatorFlowTest, StandaloneNonServerAgent) {
