@@ -292,6 +292,7 @@ TEST_F(HostTables, ForeignEmptyAndUnboundLookupsAndDroppedTables) {
     db_->createTable(kItems, itemType().name());
     db_->write(kItems, item("n"));
     EXPECT_EQ(walk(iface_.begin(0)), std::vector<std::string>{"n"});
+    EXPECT_NE(iface_.begin(0), iface_.begin(1));  // the same row, along two indexes
     db_->dropTable(kItems);
     BaseRow again = item("w");
     iface_.rowIs(again);  // recreates the table, of the interface's type
@@ -485,7 +486,8 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
     run();
     EXPECT_TRUE(server->tableInfo("t/y").empty());
     server->registerTable("t/y", resultType().name(), TableType::standing, 0, 0, "again");
-    EXPECT_EQ(server->tableInfo("t/y").owner(), "again");
+    EXPECT_EQ(server->tableInfo("t/y").owner() + " " + server->tableInfo("t/y").typeName(),
+              "again " + resultType().name());
     // The whole metadata table was dropped: it comes back with the registered table's row.
     ASSERT_TRUE(db_->dropTable(kVeTable));
     server->registerTable("t/fresh", resultType().name(), TableType::standing, 0, 0, "o");
