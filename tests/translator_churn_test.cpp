@@ -439,12 +439,12 @@ private:
                 return "tableOid " + std::to_string(table) + " externalOid " + std::to_string(external) +
                        " sid " + std::to_string(sid) + " mapping back to " + std::to_string(back);
             };
-            const std::uint64_t sid = readBack ? mine.front()->oid() : entry->sid;
-            const std::string found = brief(entry->tableOid, entry->externalOid, entry->sid,
-                                            translator_->externalSubscriptionId(entry->sid));
-            if (found !=
-                brief(table.oid(), oid, sid, readBack ? oid : translator_->externalSubscriptionId(sid)))
-                problems->push_back("R: entry " + found + " for " + name);
+            const std::uint64_t back = translator_->externalSubscriptionId(entry->sid);
+            const std::string found = brief(entry->tableOid, entry->externalOid, entry->sid, back);
+            const std::string wanted =
+                brief(table.oid(), oid, readBack ? mine.front()->oid() : entry->sid, readBack ? oid : back);
+            if (found != wanted)
+                problems->push_back("R: entry " + found + ", expected " + wanted + " for " + name);
         }
 
         for (const veCtrl::subscription& c : controls) {  // C2
