@@ -25,6 +25,8 @@ namespace Velta::Agent {
 namespace {
 constexpr const char* kTraceFile = "Aggregator";
 constexpr const char* kMetadataPath = "velta/metadata/veTable";
+// Steps a resync lets an input walk take toward the next output row before it seeks instead.
+constexpr unsigned kResyncStepsBeforeSeek = 2;
 
 // The fixed source lines the traces report.
 namespace Line {
@@ -366,19 +368,36 @@ void Aggregator::onReady() {
     if (!outputModifier.ready()) return;
 
     if (!suppressResync_) {
+        // One merge of ordered walks: the output and every input advance together in key order, so
+        // each table is read front to back once and an input without rows costs nothing per output
+        // row. An input that lags far behind the output (many rows the output lacks) seeks instead
+        // of stepping, so a resync never costs more than a lookup per input and output row.
         // Collect first, delete afterwards: the output is never changed while it is iterated.
-        std::vector<const AggregatorInputTable*> inputs;  // in path order; asked for every row
-        inputs.reserve(inputTables_.size());
+        struct InputWalk {
+            const AggregatorInputTable* input;
+            VeRowIterator position;
+        };
+        std::vector<InputWalk> walks;  // in path order: the first holder decides, as on a deletion
+        walks.reserve(inputTables_.size());
         for (const auto& [path, input] : inputTables_) {
-            if (input) inputs.push_back(input.get());
+            if (input) walks.push_back({input.get(), input->first()});
         }
+        const auto& less = outputRowOwners_.key_comp();
         std::vector<BaseRow> unheld;
         const VeRowIterator end = outputModifier.end(0);
         for (VeRowIterator position = outputModifier.begin(0); position != end; ++position) {
             const BaseRow& outputRow = *position;
             bool held = false;
-            for (const AggregatorInputTable* input : inputs) {
-                if (!input->row(outputRow).empty()) {
+            for (InputWalk& walk : walks) {
+                VeRowIterator& at = walk.position;
+                for (unsigned steps = 0; !at.atEnd() && less(*at, outputRow); ++steps) {
+                    if (steps == kResyncStepsBeforeSeek) {
+                        at = walk.input->lowerBound(outputRow);
+                        break;
+                    }
+                    ++at;
+                }
+                if (!at.atEnd() && !less(outputRow, *at)) {
                     held = true;
                     break;
                 }

@@ -89,9 +89,12 @@ public:
 
         // The output can take rows: declares the observer client-ready (repeats change nothing).
         void outputReady();
-        // This input's row with `key`'s primary key, or an empty row. (Inline: a resync asks every
-        // input for every output row.)
+        // This input's row with `key`'s primary key, or an empty row. (Inline: a deletion asks the
+        // inputs in turn for a replacement.)
         BaseRow row(const BaseRow& key) const { return inputObserver.row(key, 0); }
+        // Positions along the key index: the first row, and the first row not ordered before `key`.
+        VeRowIterator first() const { return inputObserver.begin(0); }
+        VeRowIterator lowerBound(const BaseRow& key) const { return inputObserver.lower_bound(key, 0); }
         // Forwards rows to the aggregator from the bookmark (or the first row) to the end, stopping
         // before a row while the aggregator reports itself blocked.
         void walkInputTable();

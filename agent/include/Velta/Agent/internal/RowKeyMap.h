@@ -171,6 +171,9 @@ public:
         return next;
     }
 
+    // The map's key order (the inline shortcut included).
+    const KeyLess& key_comp() const noexcept { return less_; }
+
 private:
     // (std::map::key_comp returns a copy: the map's own order is kept here as well.)
     const KeyHash& hash() const noexcept { return less_.hash(); }
