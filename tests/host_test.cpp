@@ -181,7 +181,9 @@ TEST_F(HostTables, WalksSeeRowsAheadAndSurviveTheirCurrentRowChangingOrGoing) {
     db_->write(kItems, item("h", 0, 6));
     EXPECT_EQ(walk(iface_.begin(1), 1,
                    [&](VeRowIterator& it) {
-                       if (nameOf(*it) == "e") db_->write(kItems, item("e", 0, 9));
+                       if (nameOf(*it) != "e" || oidOf(*it) == 9) return;
+                       db_->write(kItems, item("e", 0, 9));
+                       EXPECT_EQ(oidOf(*it), 3u);  // moved on: * keeps the row this place had
                    }),
               (std::vector<std::string>{"e", "b", "c", "h", "a", "e"}));
     EXPECT_EQ(walk(iface_.find(oidKey(5), 1), 1), (std::vector<std::string>{"b", "c", "h", "a", "e"}));
@@ -201,6 +203,13 @@ TEST_F(HostTables, WalksSeeRowsAheadAndSurviveTheirCurrentRowChangingOrGoing) {
     EXPECT_EQ(y, VeRowIterator());
     EXPECT_TRUE(y.atEnd());
     EXPECT_EQ(iface_.rowDel(y), iface_.end(0));
+
+    // A bound interface keeps its database alive when no handle or pointer to it is left.
+    VeTableInterface alone("alone", itemType().name(), kModifierMode, {}, {}, {}, {});
+    Host::Database::create()->connect({"B", "t"})->bindInterface(alone, kItems, false);
+    BaseRow kept = item("kept");
+    alone.rowIs(kept);
+    EXPECT_EQ(nameOf(alone.row(key("kept"), 0)), "kept");
 }
 
 TEST_F(HostTables, OidsComeFromOneCounterAndAreKeptOnReplace) {
@@ -546,6 +555,7 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     EXPECT_EQ(callLines(*db_).back(), "removeQuery name=\"q1\" agent=A");
 
     reset({.manualQueries = true});
+    EXPECT_FALSE(db_->completeQuery("SELECT 1 FROM nowhere", true));  // none defined yet
     outcomes.clear();
     auto keeper = connect("K");
     auto leaver = connect("L");
