@@ -6,7 +6,7 @@
 //   W. No registry entry survives its withdrawal: a key whose row was deleted from the shared table
 //      (and is not there now) has no entry. Keys ever written through the per-client table are left
 //      out (rows deleted there have no delete callback). Relies on every query being completed
-//      within the settle that defined it.
+//      within the settle that defined it. No control publication stays known once it is deleted.
 //
 // After two forced ready passes (onTableReady(), each followed by a settle; in a non-server agent
 // one pass may register a table whose metadata row arrives only after the pass's sweep), W again and:
@@ -338,6 +338,10 @@ private:
             if (translator_->subscription(k))
                 problems->push_back("W: registry entry survives the withdrawal of sd=" +
                                     std::to_string(key.first) + " outputPath=\"" + key.second + "\"");
+        }
+        for (const veCtrl::publication& pub : translator_->publications()) {
+            if (db_->read(kCtrlPubPath, pub).empty())
+                problems->push_back("W: deleted control publication still known: " + pub.toString());
         }
     }
 
