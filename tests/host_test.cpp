@@ -198,10 +198,8 @@ TEST_F(HostTables, WalksSeeRowsAheadAndSurviveTheirCurrentRowChangingOrGoing) {
     EXPECT_EQ(x, y);
     ++y;
     EXPECT_NE(x, y);
-    EXPECT_NE(iface_.begin(0), iface_.begin(1));
     for (int i = 0; i < 5; ++i) ++y;
     EXPECT_EQ(y, VeRowIterator());
-    EXPECT_TRUE(y.atEnd());
     EXPECT_EQ(iface_.rowDel(y), iface_.end(0));
 
     // A bound interface keeps its database alive when no handle or pointer to it is left.
