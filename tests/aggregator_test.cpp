@@ -29,14 +29,15 @@ const std::string kMetadata = "velta/metadata/veTable";
 const std::string kRoute = "Demo::Route";
 
 const RowType& routeType() {
+    // The host gives each row an oid: an input's oid order need not be its key order.
     static const RowType& type = Host::defineRowType(
-        kRoute, {{"prefix", FieldKind::string}, {"nexthop", FieldKind::string}, {"metric", FieldKind::u32}},
+        kRoute, {{"prefix", FieldKind::string}, {"nexthop", FieldKind::string}, {"oid", FieldKind::u32}},
         {"prefix"});
     return type;
 }
 
-BaseRow route(const std::string& prefix, const std::string& nexthop, unsigned metric = 1) {
-    return makeRow(routeType(), {{"prefix", prefix}, {"nexthop", nexthop}, {"metric", metric}});
+BaseRow route(const std::string& prefix, const std::string& nexthop) {
+    return makeRow(routeType(), {{"prefix", prefix}, {"nexthop", nexthop}});
 }
 BaseRow routeKey(const std::string& prefix) { return makeRow(routeType(), {{"prefix", prefix}}); }
 std::string hopOf(const BaseRow& row) { return row.string(1); }
@@ -156,8 +157,7 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
     // Dropping C's table removes its rows without deletions.
     EXPECT_TRUE(db_->dropTable(kC));
     run();
-    const std::string row = route("k6", "a").toString();
-    put(kA, "k6", "a");
+    const std::string row = db_->write(kA, route("k6", "a")).toString();  // with the oid it was given
     EXPECT_TRUE(db_->erase(kA, routeKey("k6")));
     run();
     agg_.reset();  // writes and deletes nothing
@@ -212,7 +212,7 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBook
     const std::string kZ = "velta/input/z/routes";
     db_->createTable(kA, kRoute);
     db_->createTable(kZ, kRoute);
-    for (const char* key : {"k1", "k2", "k3"}) put(kA, key, "a");
+    for (const char* key : {"k2", "k1", "k3"}) put(kA, key, "a");  // oid order is not key order
     auto host = std::make_shared<FlakyHost>(connect("agg"));
     host->unbound.insert(kZ);
     start(host);
