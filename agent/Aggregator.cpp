@@ -107,8 +107,7 @@ void Aggregator::AggregatorInputTable::outputReady() {
 
 void Aggregator::AggregatorInputTable::walkInputTable() {
     // Resume at the bookmarked row if it still exists, otherwise at its successor.
-    VeRowIterator position =
-        walkPosition_.empty() ? inputObserver.begin(0) : inputObserver.lower_bound(walkPosition_, 0);
+    VeRowIterator position = walkPosition_.empty() ? first() : lowerBound(walkPosition_);
     const VeRowIterator end = inputObserver.end(0);
     while (position != end) {
         walkPosition_ = *position;
