@@ -269,6 +269,22 @@ TEST_F(HostTables, OidsComeFromOneCounterAndAreKeptOnReplace) {
     BaseRow noOid = makeRow(plain, {{"name", "w"}});  // converted into a table with oids: nothing to tell
     iface_.rowIs(noOid);
     EXPECT_EQ(oidOf(iface_.row(key("w"), 0)), oid + 8);
+    // Such writes may wait in the table; counts, positions and drops see them at once all the same.
+    const RowType& valued = Host::defineRowType(
+        "TablesTest::Valued", {{"name", FieldKind::string}, {"value", FieldKind::u32}}, {"name"});
+    VeTableInterface v("valued", valued.name(), kModifierMode, {}, {}, {}, {});
+    agent_->bindInterface(v, "test/valued", false);
+    std::vector<BaseRow> writes = {makeRow(valued, {{"name", "v"}, {"value", 1}}),
+                                   makeRow(valued, {{"name", "v"}, {"value", 2}}),
+                                   makeRow(valued, {{"name", "w"}})};
+    v.rowIs(writes[0]);
+    EXPECT_EQ(db_->rowCount("test/valued"), 1u);
+    VeRowIterator at = v.begin(0);
+    v.rowIs(writes[1]);
+    EXPECT_EQ((*at).number(1), 2u);
+    v.rowIs(writes[2]);
+    db_->dropTable("test/valued");
+    EXPECT_EQ(++at, v.end(0));
 }
 
 TEST_F(HostTables, ForeignEmptyAndUnboundLookupsAndDroppedTables) {

@@ -169,6 +169,13 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         converted = row.as(type);
         target = &converted;
     }
+    if (t.defersWrites() && !slot.controlSubscriptions) {
+        // Storing the row tells the writer nothing: it may wait while its entry is fetched.
+        t.defer(*target->data());
+        notify(slot, QueuedEvent::Kind::row, *target);
+        if (listener != nullptr) listener->onWrite(slot.path, *target);
+        return target->data();
+    }
     bool oidAssigned = false;
     if (oidField >= 0 && t.oidInKey() && target->number(static_cast<std::size_t>(oidField)) == 0) {
         // The oid is the key: a row without one is always new.
@@ -188,7 +195,7 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         if (f >= 0 && isNumberKind(callerType.fields()[static_cast<std::size_t>(f)].kind))
             row.numberIs(static_cast<std::size_t>(f), oidOf(*target));
     }
-    if (RowData* replaced = t.put(spot, *target)) retired_.retire(replaced);
+    t.put(spot, *target);
     notify(slot, QueuedEvent::Kind::row, *target);
     if (listener != nullptr) listener->onWrite(slot.path, *target);
     if (spot.stored == nullptr && slot.controlSubscriptions && options.autoPublish)

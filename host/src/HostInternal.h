@@ -15,8 +15,12 @@
 //   count is the table's stands on a valid ordered-index position, shows the table's row and holds
 //   the table's rows in its read-ahead (plain pointers: the table holds them); otherwise it re-seeks
 //   by its row's key and drops its read-ahead unread.
-// - A row replaced in a table is released by the database's RetiredRows at most sixteen
+// - A row replaced in a table is released by the table's RetiredRows at most sixteen
 //   replacements later; nothing but the moment its data is freed depends on that.
+// - A write that tells its writer nothing (a type without an oid field) may wait in its table's
+//   pending writes, its events already queued and its listener told; every TableState accessor
+//   stores the pending writes first, so no reader, position or change count sees the table
+//   without them.
 // - A lookahead hook is called only for an event in the queue, never from inside a delivery or a
 //   host call, and only prefetches (Velta/HostCapability/Lookahead.h).
 // - A queued event names a live attachment: detaching removes the attachment's events first.
@@ -224,6 +228,34 @@ static_assert(sizeof(OidIndex::const_iterator) <= 2 * sizeof(void*) &&
                   std::is_trivially_copyable_v<OidIndex::const_iterator>,
               "an index position must fit the iterator's position buffer");
 
+// Rows replaced in tables, released a few replacements later. A replaced row lies anywhere in
+// memory and releasing it writes its reference count: retiring fetches that line into the cache,
+// and by the time the row is released the write finds it there instead of waiting for memory.
+class RetiredRows {
+public:
+    RetiredRows() = default;
+    RetiredRows(const RetiredRows&) = delete;
+    RetiredRows& operator=(const RetiredRows&) = delete;
+    ~RetiredRows() {
+        for (RowData* row : rows_) {
+            if (row != nullptr) Velta::detail::releaseRow(row);
+        }
+    }
+    // Takes over one reference to `row` (not null) and releases the one retired kDelay retirements
+    // ago.
+    void retire(RowData* row) noexcept {
+        Host::internal::prefetchLine(row);
+        RowData*& slot = rows_[next_++ % kDelay];
+        if (slot != nullptr) Velta::detail::releaseRow(slot);
+        slot = row;
+    }
+
+private:
+    static constexpr std::size_t kDelay = 16;
+    RowData* rows_[kDelay] = {};
+    std::size_t next_ = 0;
+};
+
 // One table: its rows in the hash index and their keys in the ordered indexes. Shared with
 // iterators, which may outlive the table (a dropped table is emptied and stays empty). A type
 // without an oid field has index 1 in the order of index 0, so such a table keeps no second tree
@@ -237,9 +269,15 @@ public:
 
     const RowType& type() const noexcept { return *type_; }
     const std::string& path() const noexcept { return path_; }
-    std::size_t size() const noexcept { return rows_.size(); }
+    std::size_t size() const {
+        settle();
+        return rows_.size();
+    }
     // Changes on every write, deletion and clear (starts at 1).
-    std::uint64_t changes() const noexcept { return changes_; }
+    std::uint64_t changes() const {
+        settle();
+        return changes_;
+    }
     // The index that serves requests for `index`.
     unsigned char effectiveIndex(unsigned char index) const noexcept { return index != 0 && hasOid_ ? 1 : 0; }
     // The probe of row data of the table's type.
@@ -261,6 +299,7 @@ public:
     const RowData* findByOid(const RowData& key) const;
     // The row of an ordered-index entry (every entry has its row in the hash index).
     const RowData* rowAt(const OrderKey& key) const {
+        settle();
         const std::uint64_t hash = hashOf(key);
         return rows_.find(SlotProbe{hash, key.key}, hash)->row;
     }
@@ -282,16 +321,30 @@ public:
     };
     Spot locate(const RowData& key);
     // Stores `row` (of the table's type, final oid) at a located spot: in place when the key
-    // exists, inserted otherwise. Touches index 1 only when the row is new or its oid changed.
-    // Returns the replaced row, whose reference passes to the caller, or null.
-    RowData* put(const Spot& spot, const BaseRow& row);
+    // exists (the replaced row is retired), inserted otherwise. Touches index 1 only when the row
+    // is new or its oid changed.
+    void put(const Spot& spot, const BaseRow& row) { store(spot, retainRow(row.data())); }
     // Removes the row with `key`'s primary key and returns it with the table's reference, or null.
     RowData* remove(const RowData& key);
     // Removes everything (the table is being dropped).
     void clear();
 
-    const PrimaryIndex& primary() const noexcept { return primary_; }
-    const OidIndex& byOid() const noexcept { return byOid_; }
+    const PrimaryIndex& primary() const {
+        settle();
+        return primary_;
+    }
+    const OidIndex& byOid() const {
+        settle();
+        return byOid_;
+    }
+
+    // True when a write may wait: the type has no oid field, so storing a row tells the writer
+    // nothing.
+    bool defersWrites() const noexcept { return !hasOid_; }
+    // Takes `row` (of the table's type) to be stored when anything next reads or changes the
+    // table, or when kPending writes wait, and fetches its hash-index entry meanwhile: a producer's
+    // writes then wait for memory together instead of one after another.
+    void defer(const RowData& row);
 
 private:
     // hashKey of a key, inline for a key of one number field (the prefix is that number).
@@ -301,6 +354,22 @@ private:
     std::uint64_t hashOf(const OrderKey& key) const noexcept {
         return prefixIsKey_ ? HostCapability::mixKey(key.prefix) : layout_.hash(*key.key);
     }
+
+    // Stores the waiting writes, oldest first; every accessor calls it before it reads.
+    // (Tables are never const objects: the const accessors may store them.)
+    void settle() const {
+        if (pendingCount_ != 0) const_cast<TableState*>(this)->storePending();
+    }
+    void storePending();
+    void storeOldest();
+    // put() for a row whose reference passes to the table.
+    void store(const Spot& spot, RowData* row);
+
+    static constexpr unsigned kPending = 8;
+    struct PendingWrite {
+        std::uint64_t hash;
+        RowData* row;  // one reference, passed to the table when stored
+    };
 
     const RowType* type_;
     std::string path_;
@@ -314,6 +383,10 @@ private:
     bool hasOid_ = false;
     std::uint16_t prefixSlot_ = 0;  // of the key's one number field, when prefixIsKey_
     std::uint16_t oidSlot_ = 0;
+    PendingWrite pending_[kPending];
+    unsigned pendingFirst_ = 0;
+    unsigned pendingCount_ = 0;
+    RetiredRows retired_;  // rows this table replaced
 };
 
 struct Slot;
@@ -386,34 +459,6 @@ namespace Velta::Host {
 struct HostTask {
     std::string what;  // for listeners
     std::function<void()> run;
-};
-
-// Rows replaced in tables, released a few replacements later. A replaced row lies anywhere in
-// memory and releasing it writes its reference count: retiring fetches that line into the cache,
-// and by the time the row is released the write finds it there instead of waiting for memory.
-class RetiredRows {
-public:
-    RetiredRows() = default;
-    RetiredRows(const RetiredRows&) = delete;
-    RetiredRows& operator=(const RetiredRows&) = delete;
-    ~RetiredRows() {
-        for (RowData* row : rows_) {
-            if (row != nullptr) Velta::detail::releaseRow(row);
-        }
-    }
-    // Takes over one reference to `row` (not null) and releases the one retired kDelay retirements
-    // ago.
-    void retire(RowData* row) noexcept {
-        internal::prefetchLine(row);
-        RowData*& slot = rows_[next_++ % kDelay];
-        if (slot != nullptr) Velta::detail::releaseRow(slot);
-        slot = row;
-    }
-
-private:
-    static constexpr std::size_t kDelay = 16;
-    RowData* rows_[kDelay] = {};
-    std::size_t next_ = 0;
 };
 
 // One queued delivery.
@@ -563,7 +608,6 @@ private:
         VeltaDB::QueryCompletion done;
     };
 
-    RetiredRows retired_;
     absl::flat_hash_map<std::string, const RowType*> typesByName_;
     mutable veMetadata::veTable tableKey_;  // the key row of tableInfo(path)
     std::uint64_t nextOid_ = 0;

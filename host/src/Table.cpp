@@ -105,6 +105,7 @@ TableState::TableState(const RowType& type, std::string path)
 }
 
 TableState::~TableState() {
+    for (unsigned i = 0; i < pendingCount_; ++i) releaseRow(pending_[(pendingFirst_ + i) % kPending].row);
     for (const RowSlot& s : rows_) releaseRow(s.row);
     for (const OrderKey& k : primary_) {
         if (k.key != nullptr) releaseRow(const_cast<RowData*>(k.key));
@@ -116,6 +117,7 @@ KeyProbe TableState::probe(const RowData& data) const noexcept {
 }
 
 const RowData* TableState::find(const RowData& key) const {
+    settle();
     const auto it = rows_.find(SlotProbe{hashOf(key), &key});
     return it == rows_.end() ? nullptr : it->row;
 }
@@ -128,19 +130,40 @@ const RowData* TableState::findByOid(const RowData& key) const {
 }
 
 OidIndex::const_iterator TableState::findOid(const RowData& key) const {
+    settle();
     const std::uint64_t oid = key.numbers[oidSlot_];
     auto it = byOid_.lower_bound(OidProbe{oid});
     return it == byOid_.end() || it->oid != oid ? byOid_.end() : it;
 }
 
 TableState::Spot TableState::locate(const RowData& key) {
+    settle();
     const std::uint64_t hash = hashOf(key);
     const auto it = rows_.find(SlotProbe{hash, &key});
     return {it, hash, it == rows_.end() ? nullptr : it->row};
 }
 
-RowData* TableState::put(const Spot& spot, const BaseRow& row) {
-    const RowData& data = *row.data();
+void TableState::defer(const RowData& row) {
+    if (pendingCount_ == kPending) storeOldest();  // its entry was fetched kPending writes ago
+    const std::uint64_t hash = hashOf(row);
+    rows_.prefetch(SlotProbe{hash, &row});
+    pending_[(pendingFirst_ + pendingCount_++) % kPending] = PendingWrite{hash, retainRow(&row)};
+}
+
+void TableState::storePending() {
+    while (pendingCount_ != 0) storeOldest();
+}
+
+void TableState::storeOldest() {
+    const PendingWrite w = pending_[pendingFirst_];
+    pendingFirst_ = (pendingFirst_ + 1) % kPending;
+    --pendingCount_;
+    const auto it = rows_.find(SlotProbe{w.hash, w.row}, w.hash);
+    store({it, w.hash, it == rows_.end() ? nullptr : it->row}, w.row);
+}
+
+void TableState::store(const Spot& spot, RowData* row) {
+    const RowData& data = *row;
     if (spot.stored != nullptr) {
         RowData* old = spot.slot->row;
         if (hasOid_ && oidOf(data) != oidOf(*old)) {
@@ -150,19 +173,20 @@ RowData* TableState::put(const Spot& spot, const BaseRow& row) {
             byOid_.erase(at);
             byOid_.insert(OidKey{oidOf(data), key});
         }
-        spot.slot->row = retainRow(&data);
+        spot.slot->row = row;
         ++changes_;
-        return old;
+        retired_.retire(old);
+        return;
     }
     ++changes_;
-    rows_.insert(RowSlot{spot.hash, retainRow(&data)});
+    rows_.insert(RowSlot{spot.hash, row});
     const OrderKey key{probe(data).prefix, prefixIsKey_ ? nullptr : retainRow(&data)};
     primary_.insert(key);
     if (hasOid_) byOid_.insert(OidKey{oidOf(data), key});
-    return nullptr;
 }
 
 RowData* TableState::remove(const RowData& key) {
+    settle();
     const auto it = rows_.find(SlotProbe{hashOf(key), &key});
     if (it == rows_.end()) return nullptr;
     RowData* row = it->row;
@@ -177,6 +201,7 @@ RowData* TableState::remove(const RowData& key) {
 }
 
 void TableState::clear() {
+    settle();
     for (const RowSlot& s : rows_) releaseRow(s.row);
     for (const OrderKey& k : primary_) {
         if (k.key != nullptr) releaseRow(const_cast<RowData*>(k.key));
