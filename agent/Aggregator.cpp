@@ -319,7 +319,7 @@ void Aggregator::onInputRowDelete(const std::string& path, const BaseRow& row) {
     if (!entry) return;
     // Another input supplied the output row: it stays.
     if (entry.value() != owner) return;
-    updateOutputOnDelete(entry.pos());
+    settleOutputRow(entry.pos(), row);
 #else
     const auto entry = outputRowOwners_.find(row);
     if (entry == outputRowOwners_.end()) return;
@@ -339,22 +339,38 @@ const std::shared_ptr<Aggregator::AggregatorInputTable>& Aggregator::ownerOf(
 }
 
 Aggregator::OutputRowOwners::iterator Aggregator::updateOutputOnDelete(OutputRowOwners::iterator entry) {
+    const auto next = std::next(entry);
+    settleOutputRow(entry, entry->first);
+    return next;
+}
+
+void Aggregator::settleOutputRow(OutputRowOwners::iterator entry, const BaseRow& key) {
     if (!deleteWithoutReplacement_ && !inputTables_.empty()) {
         // Replacement by path order, not by recency. The deleting input is asked too: the host
         // no longer shows a row once it has reported its deletion.
         for (const auto& [path, input] : inputTables_) {
             if (!input) continue;
-            BaseRow replacement = input->row(entry->first);
+            BaseRow replacement = input->row(key);
             if (replacement.empty()) continue;
             outputModifier.rowIs(replacement);
+#if VELTA_AGENT_HOST_KEY_HASH
+            // Only the key fields of an entry's key object are used: the entry changes hands where
+            // it is, instead of leaving the tree and entering it again at the same place.
+            outputRowOwners_.assign(entry, replacement, input);
+#else
             const auto next = std::next(entry);
             outputRowOwners_.erase(entry);
             outputRowOwners_.emplace_hint(next, std::move(replacement), input);
-            return next;
+#endif
+            return;
         }
     }
-    outputModifier.rowDel(entry->first);
-    return outputRowOwners_.erase(entry);
+    outputModifier.rowDel(key);
+#if VELTA_AGENT_HOST_KEY_HASH
+    outputRowOwners_.erase(entry, key);
+#else
+    outputRowOwners_.erase(entry);
+#endif
 }
 
 void Aggregator::onReady() {

@@ -195,6 +195,10 @@ public:
 private:
     // The owner of an entry of outputRowOwners_.
     const std::shared_ptr<AggregatorInputTable>& ownerOf(OutputRowOwners::const_iterator entry) const;
+    // updateOutputOnDelete without finding the entry that follows, for a caller holding a row with
+    // the entry's key (`key`; not read once the entry is gone): the inputs are asked with it, so
+    // the entry's key object, elsewhere in memory, is not read.
+    void settleOutputRow(OutputRowOwners::iterator entry, const BaseRow& key);
 #if VELTA_AGENT_HOST_LOOKAHEAD
     // The host's lookahead hook of every input observer: fetches what merging `row` will read,
     // its owner entry and its output table entry.

@@ -125,7 +125,7 @@ public:
     // The value of the element at `pos` (an element of this map).
     const Value& value(const_iterator pos) const {
         if (!hash().available()) return pos->second;
-        const auto* e = const_cast<RowKeyMap*>(this)->entryOf(pos);
+        const auto* e = const_cast<RowKeyMap*>(this)->entryOf(pos, pos->first);
         return e != nullptr ? e->pos.value : pos->second;
     }
 
@@ -155,6 +155,15 @@ public:
         else
             found.it_->second = std::move(value);
     }
+    // Replaces the value of the element at `pos`; `sameKey` has pos's key and is hashed in place of
+    // the element's own key object, which then need not be read.
+    void assign(iterator pos, const BaseRow& sameKey, Value value) {
+        if (!hash().available()) {
+            pos->second = std::move(value);
+            return;
+        }
+        entryOf(pos, sameKey)->pos.value = std::move(value);
+    }
     // Inserts `key` (not yet present) with `value` where it belongs.
     iterator emplace(BaseRow key, Value value) {
         const const_iterator hint = map_.lower_bound(key);
@@ -162,9 +171,11 @@ public:
     }
 
     // Removes the element at `pos`; returns the element after it.
-    iterator erase(iterator pos) {
+    iterator erase(iterator pos) { return erase(pos, pos->first); }
+    // The same, hashing `sameKey` (a row with pos's key) in place of the element's own key object.
+    iterator erase(iterator pos, const BaseRow& sameKey) {
         if (hash().available()) {
-            if (auto* e = entryOf(pos)) index_.erase(e);
+            if (auto* e = entryOf(pos, sameKey)) index_.erase(e);
         }
         const iterator next = map_.erase(pos);
         if (map_.empty()) allExact_ = true;
@@ -178,8 +189,8 @@ private:
     // (std::map::key_comp returns a copy: the map's own order is kept here as well.)
     const KeyHash& hash() const noexcept { return less_.hash(); }
 
-    typename Index::Entry* entryOf(const_iterator pos) {
-        return index_.find(hash().hash(pos->first), false,
+    typename Index::Entry* entryOf(const_iterator pos, const BaseRow& sameKey) {
+        return index_.find(hash().hash(sameKey), false,
                            [&](const Where& candidate) { return candidate.it == pos; });
     }
 
