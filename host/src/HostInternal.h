@@ -362,6 +362,8 @@ private:
     }
     void storePending();
     void storeOldest();
+    // locate() for a key whose hash is known, without storing the pending writes.
+    Spot spotOf(std::uint64_t hash, const RowData& key);
     // put() for a row whose reference passes to the table.
     void store(const Spot& spot, RowData* row);
 

@@ -138,8 +138,11 @@ OidIndex::const_iterator TableState::findOid(const RowData& key) const {
 
 TableState::Spot TableState::locate(const RowData& key) {
     settle();
-    const std::uint64_t hash = hashOf(key);
-    const auto it = rows_.find(SlotProbe{hash, &key});
+    return spotOf(hashOf(key), key);
+}
+
+TableState::Spot TableState::spotOf(std::uint64_t hash, const RowData& key) {
+    const auto it = rows_.find(SlotProbe{hash, &key}, hash);
     return {it, hash, it == rows_.end() ? nullptr : it->row};
 }
 
@@ -158,8 +161,7 @@ void TableState::storeOldest() {
     const PendingWrite w = pending_[pendingFirst_];
     pendingFirst_ = (pendingFirst_ + 1) % kPending;
     --pendingCount_;
-    const auto it = rows_.find(SlotProbe{w.hash, w.row}, w.hash);
-    store({it, w.hash, it == rows_.end() ? nullptr : it->row}, w.row);
+    store(spotOf(w.hash, *w.row), w.row);
 }
 
 void TableState::store(const Spot& spot, RowData* row) {
