@@ -161,46 +161,46 @@ bool Database::Impl::dropTable(const std::string& path) {
 const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
     if (row.empty()) return nullptr;
     TableState& t = *slot.table;
-    const RowType& type = t.type();
-    const int oidField = type.oidField();
     BaseRow converted;
     BaseRow* target = &row;
-    if (row.rowType() != &type) {
-        converted = row.as(type);
+    if (row.rowType() != &t.type()) {
+        converted = row.as(t.type());
         target = &converted;
     }
-    if (t.defersWrites() && !slot.controlSubscriptions) {
-        // Storing the row tells the writer nothing: it may wait while its entry is fetched.
-        t.defer(*target->data());
-        notify(slot, QueuedEvent::Kind::row, *target);
-        if (listener != nullptr) listener->onWrite(slot.path, *target);
-        return target->data();
-    }
+    bool added = false;
+    if (t.defersWrites() && !slot.controlSubscriptions)
+        t.defer(*target->data());  // storing it tells the writer nothing: it waits while its entry is fetched
+    else
+        added = storeNow(t, row, *target);
+    notify(slot, QueuedEvent::Kind::row, *target);
+    if (listener != nullptr) listener->onWrite(slot.path, *target);
+    if (added && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(*target);
+    return target->data();  // the table holds it too
+}
+
+bool Database::Impl::storeNow(TableState& t, BaseRow& row, BaseRow& target) {
+    const int oidField = t.type().oidField();
     bool oidAssigned = false;
-    if (oidField >= 0 && t.oidInKey() && target->number(static_cast<std::size_t>(oidField)) == 0) {
+    if (oidField >= 0 && t.oidInKey() && target.number(static_cast<std::size_t>(oidField)) == 0) {
         // The oid is the key: a row without one is always new.
-        target->numberIs(static_cast<std::size_t>(oidField), ++nextOid_);
+        target.numberIs(static_cast<std::size_t>(oidField), ++nextOid_);
         oidAssigned = true;
     }
-    const TableState::Spot spot = t.locate(*target->data());
-    if (oidField >= 0 && target->number(static_cast<std::size_t>(oidField)) == 0) {
+    const TableState::Spot spot = t.locate(*target.data());
+    if (oidField >= 0 && target.number(static_cast<std::size_t>(oidField)) == 0) {
         const std::uint64_t oid = spot.stored != nullptr ? t.oidOf(*spot.stored) : ++nextOid_;
-        target->numberIs(static_cast<std::size_t>(oidField), oid);
+        target.numberIs(static_cast<std::size_t>(oidField), oid);
         oidAssigned = true;
     }
-    if (oidAssigned && target == &converted) {
+    if (oidAssigned && &target != &row) {
         // Tell the caller the oid as well, when its own row has one.
         const RowType& callerType = *row.rowType();
         const int f = callerType.fieldIndex("oid");
         if (f >= 0 && isNumberKind(callerType.fields()[static_cast<std::size_t>(f)].kind))
-            row.numberIs(static_cast<std::size_t>(f), oidOf(*target));
+            row.numberIs(static_cast<std::size_t>(f), oidOf(target));
     }
-    t.put(spot, *target);
-    notify(slot, QueuedEvent::Kind::row, *target);
-    if (listener != nullptr) listener->onWrite(slot.path, *target);
-    if (spot.stored == nullptr && slot.controlSubscriptions && options.autoPublish)
-        controlSubscriptionAdded(*target);
-    return target->data();  // the table holds it too
+    t.put(spot, target);
+    return spot.stored == nullptr;
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {

@@ -546,6 +546,9 @@ public:
     // stored row data (valid until the table next changes), null for an empty row. The table must
     // exist.
     const RowData* writeRow(Velta::detail::Slot& slot, BaseRow& row);
+    // Stores `target` (of t's type: `row` itself or its conversion) at once, giving it an oid where
+    // its type has one and it has none, and telling `row` that oid; true when the key was new.
+    bool storeNow(Velta::detail::TableState& t, BaseRow& row, BaseRow& target);
     // Deletes by primary key; false when there was no such row (or no table).
     bool eraseRow(Velta::detail::Slot& slot, const BaseRow& key);
 
