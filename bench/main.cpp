@@ -8,10 +8,14 @@
 //                                     standard error
 //   velta-bench --curve [--reps=N]    "<keys> <aggregator> <forwarder> <floor>" lines (ns per event)
 //                                     for 1k to 1M keys (the data of docs/performance.png)
-//   velta-bench --profile=NAME [--keys=N] [--units=N]
+//   velta-bench --profile=NAME [--keys=N] [--units=N] [--warm-heap=MiB]
 //                                     builds one workload (aggregator, forwarder, sqlite, floor,
 //                                     hostwrite, map, intake, resync, lookups, memory) and runs it
-//                                     once, for a profiler such as valgrind --tool=callgrind
+//                                     once, for a profiler such as valgrind --tool=callgrind; prints
+//                                     its time and the page faults it took (first touches of memory
+//                                     the process had not used before) per unit; --warm-heap first
+//                                     touches and frees that much heap and keeps it, so that the
+//                                     run shows what the workload costs without those first touches
 #include "BenchSupport.h"
 
 #include <benchmark/benchmark.h>
@@ -21,10 +25,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <map>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <malloc.h>
+#include <sys/resource.h>
 
 namespace Velta::Bench {
 namespace {
@@ -271,8 +279,24 @@ int runCurve(int reps) {
     return 0;
 }
 
-// Builds one workload and runs it, for a profiler: --profile=NAME [--keys=N] [--units=N].
-int runProfile(const std::string& name, std::size_t keys, std::size_t units) {
+// Touches `mib` MiB of heap in row-sized blocks and frees it, keeping it in the process: a
+// long-running process reuses memory it has freed, while a fresh one takes a page fault on the
+// first touch of every page.
+void warmHeap(std::size_t mib) {
+    constexpr std::size_t kBlock = 128;
+    mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
+    std::vector<char*> blocks((mib << 20) / kBlock);
+    for (char*& block : blocks) {
+        block = static_cast<char*>(std::malloc(kBlock));
+        std::memset(block, 1, kBlock);
+    }
+    for (char* block : blocks) std::free(block);
+}
+
+// Builds one workload and runs it, for a profiler: --profile=NAME [--keys=N] [--units=N]
+// [--warm-heap=MiB].
+int runProfile(const std::string& name, std::size_t keys, std::size_t units, std::size_t warmMib) {
+    if (warmMib != 0) warmHeap(warmMib);
     MergeShape shape;
     shape.keys = keys;
     std::unique_ptr<Workload> workload;
@@ -301,7 +325,15 @@ int runProfile(const std::string& name, std::size_t keys, std::size_t units) {
         std::fprintf(stderr, "velta-bench: unknown workload %s\n", name.c_str());
         return 2;
     }
-    std::printf("%s %zu keys: %.1f ns per unit\n", name.c_str(), keys, workload->nsPerUnit(units));
+    const auto minorFaults = [] {
+        rusage usage{};
+        getrusage(RUSAGE_THREAD, &usage);
+        return usage.ru_minflt;
+    };
+    const long faultsBefore = minorFaults();
+    const double ns = workload->nsPerUnit(units);
+    const double faults = static_cast<double>(minorFaults() - faultsBefore) / static_cast<double>(units);
+    std::printf("%s %zu keys: %.1f ns per unit, %.3f page faults per unit\n", name.c_str(), keys, ns, faults);
     return 0;
 }
 
@@ -315,6 +347,7 @@ int main(int argc, char** argv) {
     std::string profile;
     std::size_t keys = 100'000;
     std::size_t units = 100'000;
+    std::size_t warmMib = 0;
     int kept = 1;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--ratios") == 0) {
@@ -327,6 +360,8 @@ int main(int argc, char** argv) {
             keys = std::strtoull(argv[i] + 7, nullptr, 10);
         } else if (std::strncmp(argv[i], "--units=", 8) == 0) {
             units = std::strtoull(argv[i] + 8, nullptr, 10);
+        } else if (std::strncmp(argv[i], "--warm-heap=", 12) == 0) {
+            warmMib = std::strtoull(argv[i] + 12, nullptr, 10);
         } else if (std::strncmp(argv[i], "--reps=", 7) == 0) {
             reps = std::max(1, std::atoi(argv[i] + 7));
         } else {
@@ -335,7 +370,7 @@ int main(int argc, char** argv) {
     }
     if (ratios) return Velta::Bench::runRatios(reps);
     if (curve) return Velta::Bench::runCurve(reps);
-    if (!profile.empty()) return Velta::Bench::runProfile(profile, keys, units);
+    if (!profile.empty()) return Velta::Bench::runProfile(profile, keys, units, warmMib);
     argc = kept;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
