@@ -27,6 +27,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -281,22 +282,43 @@ int runCurve(int reps) {
 
 // Touches `mib` MiB of heap in row-sized blocks and frees it, keeping it in the process: a
 // long-running process reuses memory it has freed, while a fresh one takes a page fault on the
-// first touch of every page.
-void warmHeap(std::size_t mib) {
+// first touch of every page. False when the memory could not be had.
+bool warmHeap(std::size_t mib) {
     constexpr std::size_t kBlock = 128;
     mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
-    std::vector<char*> blocks((mib << 20) / kBlock);
-    for (char*& block : blocks) {
-        block = static_cast<char*>(std::malloc(kBlock));
+    std::vector<char*> blocks;
+    try {
+        blocks.reserve((mib << 20) / kBlock);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    bool complete = true;
+    for (std::size_t i = 0; i < blocks.capacity(); ++i) {
+        char* block = static_cast<char*>(std::malloc(kBlock));
+        if (block == nullptr) {
+            complete = false;
+            break;
+        }
         std::memset(block, 1, kBlock);
+        blocks.push_back(block);
     }
     for (char* block : blocks) std::free(block);
+    return complete;
 }
 
 // Builds one workload and runs it, for a profiler: --profile=NAME [--keys=N] [--units=N]
 // [--warm-heap=MiB].
 int runProfile(const std::string& name, std::size_t keys, std::size_t units, std::size_t warmMib) {
-    if (warmMib != 0) warmHeap(warmMib);
+    constexpr std::size_t kMostWarmMib = 1 << 14;
+    if (units == 0 || warmMib > kMostWarmMib) {
+        std::fprintf(stderr, "velta-bench: --units must be at least 1 and --warm-heap at most %zu MiB\n",
+                     kMostWarmMib);
+        return 2;
+    }
+    if (warmMib != 0 && !warmHeap(warmMib)) {
+        std::fprintf(stderr, "velta-bench: could not warm %zu MiB of heap\n", warmMib);
+        return 2;
+    }
     MergeShape shape;
     shape.keys = keys;
     std::unique_ptr<Workload> workload;
