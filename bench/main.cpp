@@ -27,7 +27,6 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -286,24 +285,23 @@ int runCurve(int reps) {
 bool warmHeap(std::size_t mib) {
     constexpr std::size_t kBlock = 128;
     mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
-    std::vector<char*> blocks;
-    try {
-        blocks.reserve((mib << 20) / kBlock);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    bool complete = true;
-    for (std::size_t i = 0; i < blocks.capacity(); ++i) {
+    // The blocks are chained through their first bytes, so that keeping them takes no other memory.
+    char* last = nullptr;
+    std::size_t left = (mib << 20) / kBlock;
+    for (; left != 0; --left) {
         char* block = static_cast<char*>(std::malloc(kBlock));
-        if (block == nullptr) {
-            complete = false;
-            break;
-        }
+        if (block == nullptr) break;
         std::memset(block, 1, kBlock);
-        blocks.push_back(block);
+        std::memcpy(block, &last, sizeof last);
+        last = block;
     }
-    for (char* block : blocks) std::free(block);
-    return complete;
+    while (last != nullptr) {
+        char* previous = nullptr;
+        std::memcpy(&previous, last, sizeof previous);
+        std::free(last);
+        last = previous;
+    }
+    return left == 0;
 }
 
 // Builds one workload and runs it, for a profiler: --profile=NAME [--keys=N] [--units=N]
