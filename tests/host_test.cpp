@@ -81,6 +81,10 @@ TEST(HostRowTypes, RegistryClassesAndRowOps) {
     }
     EXPECT_GT(pairType().id(), 7u);
     EXPECT_EQ(handle->tableTypeId("RowsTest::Pair", false), pairType().id());
+    // A name looked up before its type is defined is not remembered as unknown.
+    EXPECT_EQ(handle->tableTypeId("RowsTest::Late", false), VeltaDB::kUnknownTypeId);
+    EXPECT_EQ(handle->tableTypeId("RowsTest::Late", false),
+              Host::defineRowType("RowsTest::Late", {{"k", FieldKind::u32}}, {"k"}).id());
     // Anything else under a known name, duplicate or empty field names, or an unknown key: refused.
     for (const auto& [name, fields, key] :
          std::vector<std::tuple<std::string, std::vector<Host::FieldSpec>, std::vector<std::string>>>{
@@ -584,6 +588,7 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));              // then l1
     leaver.reset();
     run();
+    EXPECT_EQ(db_->queries()[1].state, Host::QueryInfo::State::completed);  // each call took its own
     EXPECT_EQ(db_->queries()[2].state, Host::QueryInfo::State::pending);
     EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));
     run();

@@ -329,6 +329,8 @@ TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
     };
     lookahead->lookaheadIs(observer, hook, &log);
     lookahead->lookaheadIs(modifier, hook, &log);  // bound through another handle: ignored
+    VeTableInterface unbound("unbound", numType().name(), kModeObserve, {}, {}, {}, {});
+    lookahead->lookaheadIs(unbound, hook, &log);  // not bound at all: ignored
 
     std::vector<std::string> expected;  // the deliveries
     for (int k = 0; k < 40; ++k) {
