@@ -341,8 +341,7 @@ TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
     }
     HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
     HostCapability::Lookahead::prefetchKey(observer, makeRow(twinType(), {{"k", 5}}));
-    HostCapability::Lookahead::prefetchKey(VeTableInterface("unbound", numType().name(), 1, {}, {}, {}, {}),
-                                           BaseRow());
+    HostCapability::Lookahead::prefetchKey(unbound, BaseRow());
     db->runUntilIdle();
     // All events but the first few (queued too close to the front) are hooked, in order, each
     // before its delivery.
