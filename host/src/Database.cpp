@@ -242,10 +242,10 @@ veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {
 
 void Database::Impl::bind(VeTableInterface& iface, const std::string& path, bool flag,
                           const std::string& agentName) {
+    // Bound already: the first binding goes with what it queued; bound() below resets the rest.
     if (std::shared_ptr<Attachment>& old = HostAccess::attachment(iface)) {
         std::shared_ptr<Attachment> previous = std::move(old);
         detach(*previous);
-        HostAccess::unbound(iface);
     }
     Slot& slot = slotFor(path);
     if (!slot.table) {

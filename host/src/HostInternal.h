@@ -428,10 +428,6 @@ struct HostAccess {
         i.attachmentValue_ = value;
         i.ready_ = false;
     }
-    static void unbound(VeTableInterface& i) {
-        i.attachmentValue_ = 0;
-        i.ready_ = false;
-    }
     static void readyIs(VeTableInterface& i) { i.ready_ = true; }
     static const VeTableInterface::ReadyCallback& onReady(const VeTableInterface& i) { return i.onReady_; }
     static const VeTableInterface::RowCallback& onRow(const VeTableInterface& i) { return i.onRow_; }
