@@ -1,8 +1,7 @@
 // SubscriptionTranslator in a server agent and a standalone non-server agent (the per-agent kind is
-// the churn's): intake and refusals, tables that arrive late, publications in both directions,
-// withdrawals, ready passes and their sweeps, the registry's bookkeeping and teardown, each compared
-// as one transcript of writes, deletions, host calls and traces. Then the bindings per kind of agent,
-// the trace mask level by level, and the contracts whose breach ends the process.
+// the churn's), each flow compared as one transcript of writes, deletions, host calls and traces; then
+// the bindings per kind of agent, the trace mask level by level, and the contracts whose breach ends
+// the process.
 #include "TestSupport.h"
 
 #include <Velta/Agent/SubscriptionTranslator.h>
@@ -19,16 +18,12 @@ namespace {
 
 class TranslatorFlowTest : public TranslatorTest {
 public:
-    std::string out_;
-    void begin(bool autoPublish) {
-        fresh(autoPublish);
-        out_.clear();
+    std::string out_;   // what a flow saw so far; each flow hands it back and leaves it empty
+    std::string held_;  // what happened before a write left out of the transcript
+    void mark(const std::string& what) {
+        out_ += "== " + what + "\n" + std::exchange(held_, "") + happened();
     }
-    void mark(const std::string& what) { out_ += "== " + what + "\n" + happened(); }
-    void note(const std::string& text) { out_ += happened() + text + "\n"; }
-    void entries(const std::vector<External::Subscription>& subs) {
-        for (const External::Subscription& s : subs) note(s.outputPath() + " " + entry(s));
-    }
+    void note(const std::string& text) { out_ += std::exchange(held_, "") + happened() + text + "\n"; }
     unsigned sidOf(const External::Subscription& sub) const {
         const auto e = translator_->subscription(sub);
         return e ? e->sid : 0;
@@ -41,32 +36,35 @@ public:
         return rowOf<veCtrl::publication>("subscription_id=" + std::to_string(sidOf(sub)) + ";tableId=" +
                                           std::to_string(tableRow(sub.outputPath()).oid()) + more);
     }
-    void writeClientRow(unsigned id) {
+    // A client's publication for external subscription `id`, delivered unless `deliver` is false. The
+    // write itself stays out of the transcript: the test made it, only what it causes is the agent's.
+    void writeClientRow(unsigned id, bool deliver = true) {
+        held_ += happened();
         db_->write(kExtPub,
                    rowOf<External::Publication>("subscription_id=" + std::to_string(id) +
                                                 ";publication_id=1;view_id=3;connection_id=4;tableId=5;"
                                                 "typeId=6;ptime=7;error=client says no"));
+        happened();
+        if (deliver) run();
     }
 
     // Server agent: the host answers control subscriptions with publications.
     std::string serverFlow() {
-        begin(true);
+        fresh(true);
         writeSystem(10, "clientSys", "client");
         writeSystem(11, "internalSys", "member", 0);
-        for (const char* path : {"velta/in/items", "velta/out/owned2"})
-            db_->createTable(path, "Test::Item",
-                             std::string(path).find("owned") != std::string::npos ? "someone" : "");
+        db_->createTable("velta/in/items", "Test::Item");
+        db_->createTable("velta/out/owned2", "Test::Item", "someone");
         // Left from before: a subscription whose client row names a publication that is gone, a
         // client row of no subscription and control rows of no subscription or system.
         writeSubscription("oid=5;system_description=10;outputPath=velta/out/act;standing=1");
         db_->write(kExtPub, rowOf<External::Publication>("subscription_id=5;publication_id=777;status=1"));
         db_->write(kExtPub, rowOf<External::Publication>("subscription_id=4242;status=1"));
-        for (const char* row :
-             {"connection_id=4;system_description=10", "connection_id=5;system_description=99",
-              "connection_id=5;system_description=11"})
-            db_->write(kCtrlSubs, rowOf<veCtrl::subscription>(row));
+        db_->write(kCtrlSubs, rowOf<veCtrl::subscription>("connection_id=4;system_description=10"));
+        db_->write(kCtrlSubs, rowOf<veCtrl::subscription>("connection_id=5;system_description=99"));
+        db_->write(kCtrlSubs, rowOf<veCtrl::subscription>("connection_id=5;system_description=11"));
         happened();
-        start(Kind::server, "server", "serverSys");
+        Agent::SubscriptionTranslator& t = start(Kind::server, "server", "serverSys");
         mark("ready");
 
         db_->clockAdvance(500);
@@ -86,7 +84,7 @@ public:
             subs.push_back(writeSubscription(std::string("system_description=10;") + sub));
         run();
         mark("intake");
-        entries(subs);
+        for (const External::Subscription& s : subs) note(s.outputPath() + " " + entry(s));
 
         for (const char* pub : {";ptime=549;status=1;system_id=10", ";ptime=550;status=1;system_id=10",
                                 ";ptime=549;error=broken;system_id=10"}) {
@@ -110,16 +108,13 @@ public:
         run();
         mark("withdrawals");
 
-        Agent::SubscriptionTranslator& t = *translator_;
-        auto key = [](unsigned oid) {
-            return rowOf<External::Subscription>(
-                "oid=" + std::to_string(oid) +
-                ";system_description=10;outputPath=velta/out/reg;typeName=Test::Item");
-        };
-        t.subscriptionComplete(key(31), Agent::TableRow(), false, false, true, 0, 5, "");
-        t.subscriptionComplete(key(31), Agent::TableRow(), true, true, true, 1234, 9, "");
-        t.subscriptionComplete(key(99), Agent::TableRow(), false, false, true, 77, 0, "");
-        note(entry(key(31)) + " ids " + std::to_string(t.externalSubscriptionId(5)) + " " +
+        auto reg = rowOf<External::Subscription>(
+            "oid=31;system_description=10;outputPath=velta/out/reg;typeName=Test::Item");
+        t.subscriptionComplete(reg, Agent::TableRow(), false, false, true, 0, 5, "");
+        t.subscriptionComplete(reg, Agent::TableRow(), true, true, true, 1234, 9, "");
+        reg.oidIs(99);  // the same registry key under another oid: it finds the entry of oid 31
+        t.subscriptionComplete(reg, Agent::TableRow(), false, false, true, 77, 0, "");
+        note(entry(reg) + " ids " + std::to_string(t.externalSubscriptionId(5)) + " " +
              std::to_string(t.externalSubscriptionId(9)));
         t.subscriptionComplete(subs[6], Agent::TableRow(), false, false, false, 0, 0, "no table");
         const unsigned sid = sidOf(subs[6]);
@@ -131,12 +126,12 @@ public:
         mark("registry");
         translator_.reset();
         mark("teardown");
-        return out_ + entryTraces();
+        return std::exchange(out_, "") + entryTraces();
     }
 
     // Standalone non-server agent: tables appear a loop turn after registration.
     std::string standaloneFlow() {
-        begin(false);
+        fresh(false);
         writeSystem(20, "sysA", "A");
         writeSystem(21, "sysA", "B");
         writeSystem(22, "other", "A");
@@ -167,19 +162,13 @@ public:
         note("parked " + std::to_string(t.pendingTableSubscriptions().size()));
 
         const unsigned e = subs[0].oid();
-        for (unsigned id : {e, 9999u, subs[1].oid(), subs[3].oid()}) {
-            writeClientRow(id);
-            run();
-        }
+        for (unsigned id : {e, 9999u, subs[1].oid(), subs[3].oid()}) writeClientRow(id);
         db_->erase("velta/metadata/SystemDescription", rowOf<veMetadata::SystemDescription>("oid=20"));
         writeClientRow(e);
-        run();
-        for (const auto& [system, agent] :
-             std::vector<std::pair<std::string, std::string>>{{"sysA", "B"}, {"other", "A"}}) {
-            writeSystem(20, system, agent);
-            writeClientRow(e);
-            run();
-        }
+        writeSystem(20, "sysA", "B");
+        writeClientRow(e);
+        writeSystem(20, "other", "A");
+        writeClientRow(e);
         writeSystem(20, "sysA", "A");
         mark("client publications");
         // A deleted client row is looked up through its own (empty) key fields: only the entry of a
@@ -189,7 +178,7 @@ public:
         db_->erase(kExtPub, clientRow);
         run();
         writeSubscription("system_description=0;outputPath=");
-        writeClientRow(e);
+        writeClientRow(e, false);
         db_->erase(kExtPub, clientRow);
         run();
         mark("client publication deleted");
@@ -198,16 +187,16 @@ public:
         run();
         writeSubscription("system_description=20;outputPath=velta/out/c;queryText=SELECT 1");
         db_->runOne();
-        writeClientRow(e);
+        writeClientRow(e, false);
         db_->write(kCtrlPub, rowOf<veCtrl::publication>("subscription_id=8888;status=1"));
-        translator_->clean();
-        note("after clean: required " + std::to_string(translator_->requiredInterfaces().size()) +
-             ", entries " + std::to_string(translator_->subscriptionCount()) + ", parked " +
-             std::to_string(translator_->pendingTableSubscriptions().size()));
-        translator_->onTableReady();
+        t.clean();
+        note("after clean: required " + std::to_string(t.requiredInterfaces().size()) + ", entries " +
+             std::to_string(t.subscriptionCount()) + ", parked " +
+             std::to_string(t.pendingTableSubscriptions().size()));
+        t.onTableReady();
         run();
         mark("withdrawal, clean and a ready pass");
-        return out_ + entryTraces();
+        return std::exchange(out_, "") + entryTraces();
     }
 };
 
@@ -369,25 +358,16 @@ L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
 L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
 parked 0
 == client publications
-+extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 +ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-+extPub subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L4:897 No corresponding external Subscription for External::Publication{subscription_id=9999 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-+extPub subscription_id=11 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L4:903 No internal entry for Subscription External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
-+extPub subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-+extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L2:916 No matching system description for subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0}
-+extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="sysA" agentName="B" properties=1})
-+extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="other" agentName="A" properties=1})
 == client publication deleted
 +ctrlPub status=1
--extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-+extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
--extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+-extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 (x2)
 +ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 L9:961  deleting internal publication [0]  for external subscription: External::Subscription{oid=18 typeName="Test::Item" type_signature="" queryText="" outputPath="" system_description=0 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
 -ctrlPub status=1
@@ -396,7 +376,6 @@ L9:672   Lookup sid: 17
 -ctrlSub oid=17 connection_id=10 system_description=20 typeName=Test::Item tableId=7
 call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
 L4:556 Table row not ready for velta/out/c
-+extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
 +ctrlPub subscription_id=8888 status=1
 after clean: required 0, entries 0, parked 1
 == withdrawal, clean and a ready pass
@@ -419,12 +398,6 @@ L9:728 Updating sid for velta/out/c, 0=>21
 L8: 347x1 417x2 477 (perClient:0)x18 641x3 652x1 695( ok:0, sid:0,tr?0)x6 695( ok:0, sid:0,tr?1)x4 695( ok:1, sid:#,tr?1)x4 889x13 950x2
 )");
 }
-
-}  // namespace
-}  // namespace Velta::Test
-
-namespace Velta::Test {
-namespace {
 
 // Every trace appears at its own level only, and tracing changes nothing else: each flow run with
 // one level on shows exactly the lines of that level (and every change) of the run with all on.
@@ -467,19 +440,16 @@ TEST_F(TranslatorFlowTest, BindingsPerKindOfAgent) {
               "veCtrl/subscription, extPubModifier 3 External/Publication, pubObserver_ 5 "
               "veCtrl/publication, sysDescReader 1 metadata/SystemDescription, waits for extSubsObserver_ "
               "subsReader sysDescReader subsModifier extPubModifier pubObserver_");
-    EXPECT_EQ(
-        bindings(Kind::standalone, "B"),
+    std::string perAgent =
         "extSubsObserver_ 5 External/Subscription, subsReader 1 veCtrl/subscription, subsModifier 3 "
         "veCtrl/subscription flag, extPubObserver_ 5 External/Publication, pubModifier 3 veCtrl/publication "
         "flag, sysDescReader 1 metadata/SystemDescription, veTableObserver 5 metadata/veTable, waits for "
-        "extSubsObserver_ subsReader sysDescReader subsModifier pubModifier extPubObserver_ veTableObserver");
-    const std::string perAgent =
-        "extSubsObserver_ 5 External/Subscription, extSubsPerClientObserver_ 5 "
-        "External/input/C/Subscription, "
-        "subsReader 1 veCtrl/subscription, subsModifier 3 veCtrl/subscription flag, extPubObserver_ 5 "
-        "External/Publication, pubModifier 3 veCtrl/publication flag, sysDescReader 1 metadata/"
-        "SystemDescription, veTableObserver 5 metadata/veTable, waits for extSubsObserver_ subsReader "
-        "sysDescReader subsModifier pubModifier extPubObserver_ veTableObserver extSubsPerClientObserver_";
+        "extSubsObserver_ subsReader sysDescReader subsModifier pubModifier extPubObserver_ veTableObserver";
+    EXPECT_EQ(bindings(Kind::standalone, "B"), perAgent);
+    // A per-agent one also watches its clients' own table, second in the bindings and last in the list.
+    perAgent.insert(perAgent.find("subsReader"),
+                    "extSubsPerClientObserver_ 5 External/input/C/Subscription, ");
+    perAgent += " extSubsPerClientObserver_";
     EXPECT_EQ(bindings(Kind::perAgent, "C"), perAgent);
     // In the server process its control rows go to a table of its own, bound without the flag.
     Host::Database::serverProcessIs(true);
