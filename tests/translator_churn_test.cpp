@@ -11,12 +11,9 @@
 // After two forced ready passes (onTableReady(), each followed by a settle; in a non-server agent
 // one pass may register a table whose metadata row arrives only after the pass's sweep), W again and:
 //   C1. Every valid live subscription of the shared table has exactly one control row for the
-//       current oid of its output table, and it is exactly the row the subscription asks for.
-//       Valid: an output path; a known result type; a system description with bit 0 of properties
-//       set; outside the server, one naming this agent's system and agent; not refused (one-shot
-//       direct read with bit 0x40 in both flag words, direct write to a table owned by another
-//       agent when desiredFlags is set); in the server, a query text the host accepts. Control rows
-//       for an older table at the same path may remain: the sweep matches by oid only.
+//       current oid of its output table, and it is exactly the row the subscription asks for
+//       (valid() below says which are valid). Control rows for an older table at the same path may
+//       remain: the sweep matches by oid only.
 //   C2. No control row outlives its subscription or its system description (bit 0 set).
 //       Per-client subscriptions, handled with oid 0, have none after a pass.
 //   P.  Server agent: every live subscription has exactly one client publication row, and every
@@ -31,34 +28,22 @@
 // parameter lists have equal lengths (unequal ones stop the process).
 //
 // VELTA_CHURN_SEED=S replays one history; VELTA_CHURN_HISTORIES=N sets the count per agent kind.
-#include "TestSupport.h"
+#include "TestSupport.h"  // also the standard headers its helpers use: strings, streams, containers
 
 #include <Velta/Agent/SubscriptionTranslator.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
-#include <map>
-#include <memory>
 #include <optional>
 #include <random>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace {
 
-using Velta::BaseRow;
-namespace Host = Velta::Host;
-namespace External = Velta::External;
-namespace veCtrl = Velta::veCtrl;
-namespace veMetadata = Velta::veMetadata;
-using Velta::Agent::SubscriptionTranslator;
-using Velta::Test::makeRecord;
-using Velta::Test::rowOf;
+using namespace Velta;
+using Test::makeRecord;
+using Test::rowOf;
 
 constexpr const char* kSubsPath = "velta/External/Subscription";
 constexpr const char* kPubPath = "velta/External/Publication";
@@ -101,15 +86,12 @@ std::string agentName(const AgentKind& kind) { return kind.serverAgent ? "server
 std::string perClientPath(const AgentKind& kind) {
     return "velta/External/input/" + agentName(kind) + "/Subscription";
 }
-// The table the translator writes control subscriptions into.
+// The table the translator writes control subscriptions into: the shared one, unless a per-agent
+// translator runs in the server agent or in the server process.
 std::string controlPath(const AgentKind& kind) {
-    if (!kind.serverAgent && !kind.serverProcess) return kCtrlSubsPath;  // external, not the server process
-    if (kind.standalone) return kCtrlSubsPath;
+    if (kind.standalone || (!kind.serverAgent && !kind.serverProcess)) return kCtrlSubsPath;
     return "velta/veCtrl/input/" + agentName(kind) + "/subscription";
 }
-
-// ---------------------------------------------------------------------------------------------
-// Histories
 
 // clang-format off
 enum class Op : std::uint8_t {
@@ -156,31 +138,23 @@ std::string describe(const Step& s) {
     return os.str();
 }
 
-// ---------------------------------------------------------------------------------------------
-
 struct Stats {
     std::size_t histories = 0;
     std::size_t liveValid = 0;  // valid live subscriptions checked (C1), summed over checks
     std::size_t controlRows = 0;
 };
 
-class ChurnRun {
-public:
+struct ChurnRun {
     explicit ChurnRun(const AgentKind& kind) : kind_(kind) {
         Host::Database::serverProcessIs(kind.serverProcess);
-        Host::Database::Options options;
-        options.autoPublish = true;
-        db_ = Host::Database::create(options);
-        Host::AgentOptions agent;
-        agent.agentName = agentName(kind);
-        agent.systemName = kSystem;
-        agent.serverAgent = kind.serverAgent;
-        agent.external = !kind.serverAgent;
-        agent.standalone = kind.standalone;
-        handle_ = db_->connect(agent);
-        translator_ = std::make_unique<SubscriptionTranslator>(handle_);
+        db_ = Host::Database::create({.autoPublish = true});
+        handle_ = db_->connect({.agentName = agentName(kind),
+                                .systemName = kSystem,
+                                .serverAgent = kind.serverAgent,
+                                .external = !kind.serverAgent,
+                                .standalone = kind.standalone});
+        translator_ = std::make_unique<Agent::SubscriptionTranslator>(handle_);
     }
-    ~ChurnRun() { translator_.reset(); }
 
     // Applies one step; returns the violated invariants after a settle, if any.
     std::optional<std::string> apply(const Step& s, Stats* stats) {
@@ -189,16 +163,14 @@ public:
                 db_->write(kSubsPath, subscriptionRow(s));
                 break;
             case Op::deleteSub:
-                if (db_->erase(kSubsPath, subscriptionKey(s))) withdrawn_.insert(keyOf(s));
+                if (db_->erase(kSubsPath, keyRow(keyOf(s)))) withdrawn_.insert(keyOf(s));
                 break;
-            case Op::writeClientSub:
-                if (kind_.standalone || kind_.serverAgent) return std::nullopt;
+            case Op::writeClientSub:  // drawn only where there is a per-client table
                 perClientKeys_.insert(keyOf(s));
                 db_->write(perClientPath(kind_), subscriptionRow(s));
                 break;
             case Op::deleteClientSub:
-                if (kind_.standalone || kind_.serverAgent) return std::nullopt;
-                db_->erase(perClientPath(kind_), subscriptionKey(s));
+                db_->erase(perClientPath(kind_), keyRow(keyOf(s)));
                 break;
             case Op::writeSysDesc:
                 db_->write(kSysDescPath,
@@ -223,38 +195,37 @@ public:
                                          (s.status ? ";status=1" : ";error=client says no")));
                 break;
             }
-            case Op::deleteExtPub:
-                eraseNth(kPubPath, s.pick);
-                break;
             case Op::writeCtrlPub: {
+                // For a control row, naming its table and system, or for ids that name no row.
                 const std::vector<BaseRow> ctrl = db_->rows(controlPath(kind_));
-                veCtrl::publication pub =
-                    rowOf<veCtrl::publication>("ptime=" + std::to_string(db_->clock()) +
-                                               (s.status ? ";status=1" : ";error=database says no"));
-                if (!ctrl.empty() && s.pick % 4 != 0) {
-                    const veCtrl::subscription c(ctrl[s.pick % ctrl.size()]);
-                    pub.subscription_idIs(c.oid());
-                    pub.tableIdIs(c.tableId());
-                    pub.system_idIs(c.system_description());
-                } else {
-                    pub.subscription_idIs(100000 + s.pick % 100);
-                    pub.tableIdIs(s.pick % 50);
-                }
-                db_->write(kCtrlPubPath, pub);
+                const veCtrl::subscription c =
+                    !ctrl.empty() && s.pick % 4 != 0
+                        ? veCtrl::subscription(ctrl[s.pick % ctrl.size()])
+                        : makeRecord<veCtrl::subscription>(
+                              {{"oid", 100000 + s.pick % 100}, {"tableId", s.pick % 50}});
+                db_->write(kCtrlPubPath,
+                           rowOf<veCtrl::publication>("subscription_id=" + std::to_string(c.oid()) +
+                                                      ";tableId=" + std::to_string(c.tableId()) +
+                                                      ";system_id=" + std::to_string(c.system_description()) +
+                                                      ";ptime=" + std::to_string(db_->clock()) +
+                                                      (s.status ? ";status=1" : ";error=database says no")));
                 break;
             }
+            case Op::deleteExtPub:
             case Op::deleteCtrlPub:
-                eraseNth(kCtrlPubPath, s.pick);
-                break;
-            case Op::deleteCtrlSub:
-                eraseNth(controlPath(kind_), s.pick);
-                break;
-            case Op::createTable: {
-                static const std::array<const char*, 4> owners = {"", "edge", "other", "server"};
-                if (kOutputs[s.output][0] == '\0') return std::nullopt;
-                db_->createTable(kOutputs[s.output], "veMetadata::veTable", owners[s.pick % 4]);
+            case Op::deleteCtrlSub: {  // one of the rows there, if any
+                const std::string path = s.op == Op::deleteExtPub    ? kPubPath
+                                         : s.op == Op::deleteCtrlPub ? kCtrlPubPath
+                                                                     : controlPath(kind_);
+                const std::vector<BaseRow> rows = db_->rows(path);
+                if (!rows.empty()) db_->erase(path, rows[s.pick % rows.size()]);
                 break;
             }
+            case Op::createTable:
+                if (kOutputs[s.output][0] == '\0') return std::nullopt;
+                db_->createTable(kOutputs[s.output], "veMetadata::veTable",
+                                 std::array{"", "edge", "other", "server"}[s.pick % 4]);  // the owner
+                break;
             case Op::dropTable:
                 if (kOutputs[s.output][0] == '\0') return std::nullopt;
                 db_->dropTable(kOutputs[s.output]);
@@ -267,7 +238,7 @@ public:
                 break;
             case Op::rebuild:
                 translator_.reset();
-                translator_ = std::make_unique<SubscriptionTranslator>(handle_);
+                translator_ = std::make_unique<Agent::SubscriptionTranslator>(handle_);
                 break;
             case Op::settle:
                 return settleAndCheck(stats);
@@ -275,74 +246,54 @@ public:
         return std::nullopt;
     }
 
-private:
     using Key = std::pair<std::uint32_t, std::string>;  // system_description, outputPath
     static Key keyOf(const Step& s) { return {s.sd, kOutputs[s.output]}; }
+    static External::Subscription keyRow(const Key& key) {
+        return makeRecord<External::Subscription>(
+            {{"system_description", key.first}, {"outputPath", key.second}});
+    }
 
     External::Subscription subscriptionRow(const Step& s) {
-        std::vector<std::string> names, values;
+        std::string names, values;  // a repeated name now and then
         for (int i = 0; i < s.params; ++i) {
-            names.push_back(i == 1 && s.standing ? "p0"
-                                                 : "p" + std::to_string(i));  // a repeated name now and then
-            values.push_back(std::to_string(s.pick % 7 + static_cast<std::uint32_t>(i)));
+            names += (i ? "," : "") + (i == 1 && s.standing ? "p0" : "p" + std::to_string(i));
+            values += (i ? "," : "") + std::to_string(s.pick % 7 + static_cast<std::uint32_t>(i));
         }
-        return makeRecord<External::Subscription>(
-            {{"oid", 0u},
-             {"system_description", unsigned(s.sd)},
-             {"outputPath", kOutputs[s.output]},
-             {"typeName", kTypeNames[s.type]},
-             {"queryText", kTexts[s.text].text},
-             {"desiredFlags", unsigned(kDesiredFlags[s.desired])},
-             {"flags", unsigned(kFlags[s.flags])},
-             {"standing", s.standing},
-             {"type_signature", s.pick % 3 ? "" : "sig" + std::to_string(s.pick % 4)},
-             {"features", s.pick % 5},
-             {"paramName", names},
-             {"paramValue", values},
-             {"ptime", db_->clock()}});
-    }
-    static External::Subscription subscriptionKey(const Step& s) {
-        return makeRecord<External::Subscription>(
-            {{"system_description", unsigned(s.sd)}, {"outputPath", kOutputs[s.output]}});
-    }
-    void eraseNth(const std::string& path, std::uint32_t pick) {
-        const std::vector<BaseRow> rows = db_->rows(path);
-        if (!rows.empty()) db_->erase(path, rows[pick % rows.size()]);
+        return rowOf<External::Subscription>(
+            "system_description=" + std::to_string(s.sd) + ";outputPath=" + kOutputs[s.output] +
+            ";typeName=" + kTypeNames[s.type] + ";queryText=" + kTexts[s.text].text +
+            ";desiredFlags=" + std::to_string(kDesiredFlags[s.desired]) +
+            ";flags=" + std::to_string(kFlags[s.flags]) + ";standing=" + std::to_string(s.standing) +
+            ";type_signature=" + (s.pick % 3 ? "" : "sig" + std::to_string(s.pick % 4)) +
+            ";features=" + std::to_string(s.pick % 5) + ";paramName=[" + names + "];paramValue=[" + values +
+            "];ptime=" + std::to_string(db_->clock()));
     }
 
+    // A settle, W, two forced ready passes, W and the rest.
     std::optional<std::string> settleAndCheck(Stats* stats) {
-        std::vector<std::string> problems;
-        db_->runUntilIdle();
-        if (!db_->settled()) return "the host did not settle";
-        checkWithdrawals(&problems);
-        for (int pass = 0; pass < 2; ++pass) {
-            translator_->onTableReady();
+        std::ostringstream problems;
+        for (int pass = 0; pass < 3; ++pass) {
+            if (pass > 0) translator_->onTableReady();
             db_->runUntilIdle();
-            if (!db_->settled()) return "the host did not settle after a forced ready pass";
+            if (!db_->settled())
+                return pass ? "the host did not settle after a forced ready pass" : "the host did not settle";
+            if (pass != 1) checkWithdrawals(problems);
         }
-        checkWithdrawals(&problems);
-        checkAfterPasses(&problems, stats);
-        if (problems.empty()) return std::nullopt;
-        std::ostringstream os;
-        for (const auto& p : problems) os << "  " << p << "\n";
-        return os.str();
+        checkAfterPasses(problems, stats);
+        return problems.str().empty() ? std::nullopt : std::optional(problems.str());
     }
 
     // W.
-    void checkWithdrawals(std::vector<std::string>* problems) const {
+    void checkWithdrawals(std::ostream& problems) const {
         for (const Key& key : withdrawn_) {
-            if (perClientKeys_.count(key)) continue;
-            const External::Subscription k = makeRecord<External::Subscription>(
-                {{"system_description", key.first}, {"outputPath", key.second}});
-            if (!db_->read(kSubsPath, k).empty()) continue;  // written again since
-            if (translator_->subscription(k))
-                problems->push_back("W: registry entry survives the withdrawal of sd=" +
-                                    std::to_string(key.first) + " outputPath=\"" + key.second + "\"");
+            const External::Subscription k = keyRow(key);
+            if (!perClientKeys_.count(key) && db_->read(kSubsPath, k).empty() && translator_->subscription(k))
+                problems << "  W: registry entry survives the withdrawal of sd=" << key.first
+                         << " outputPath=\"" << key.second << "\"\n";
         }
-        for (const veCtrl::publication& pub : translator_->publications()) {
+        for (const veCtrl::publication& pub : translator_->publications())
             if (db_->read(kCtrlPubPath, pub).empty())
-                problems->push_back("W: deleted control publication still known: " + pub.toString());
-        }
+                problems << "  W: deleted control publication still known: " << pub.toString() << "\n";
     }
 
     // The system description with that oid, or an empty one.
@@ -357,57 +308,47 @@ private:
         return TextClass::uncertain;
     }
 
-    bool valid(const External::Subscription& sub, std::string* why) const {
-        if (sub.outputPath().empty()) return *why = "no output path", false;
-        if (handle_->tableTypeId(sub.typeName(), false) == Velta::VeltaDB::kUnknownTypeId)
-            return *why = "unknown type", false;
+    // Whether the translator must serve `sub` (C1).
+    bool valid(const External::Subscription& sub) const {
+        if (sub.outputPath().empty()) return false;
+        if (handle_->tableTypeId(sub.typeName(), false) == VeltaDB::kUnknownTypeId) return false;
         const veMetadata::SystemDescription d = sysDesc(sub.system_description());
-        if (d.empty()) return *why = "no system description", false;
-        if ((d.properties() & 1) == 0) return *why = "internal member system", false;
+        if (d.empty() || (d.properties() & 1) == 0) return false;  // gone, or an internal member system
         if (!kind_.serverAgent && (d.sysName() != kSystem || d.agentName() != agentName(kind_)))
-            return *why = "unrelated", false;
+            return false;  // unrelated
         const TextClass cls = classify(sub.queryText());
         const veMetadata::veTable table = handle_->tableInfo(sub.outputPath());
-        if (sub.desiredFlags() != 0) {
-            if (cls == TextClass::reader && !sub.standing() && (sub.desiredFlags() & 0x40 & sub.flags()) != 0)
-                return *why = "one-shot read refused", false;
-            if (cls == TextClass::writer && !table.empty() && !table.owner().empty() &&
-                table.owner() != d.agentName())
-                return *why = "foreign owner refused", false;
-        }
-        if (kind_.serverAgent && (cls == TextClass::failingQuery || cls == TextClass::uncertain))
-            return *why = "query not accepted", false;
-        return true;
+        const bool oneShotRead =
+            cls == TextClass::reader && !sub.standing() && (sub.desiredFlags() & 0x40 & sub.flags()) != 0;
+        const bool foreignWrite = cls == TextClass::writer && !table.empty() && !table.owner().empty() &&
+                                  table.owner() != d.agentName();
+        if (sub.desiredFlags() != 0 && (oneShotRead || foreignWrite)) return false;  // refused
+        return !kind_.serverAgent || (cls != TextClass::failingQuery && cls != TextClass::uncertain);
     }
 
     // C1, C2, P, R.
-    void checkAfterPasses(std::vector<std::string>* problems, Stats* stats) const {
+    void checkAfterPasses(std::ostream& problems, Stats* stats) const {
         const std::string ctrlPath = controlPath(kind_);
         std::vector<veCtrl::subscription> controls;
         for (const BaseRow& row : db_->rows(ctrlPath)) controls.emplace_back(row);
         if (stats) stats->controlRows += controls.size();
         std::map<std::uint32_t, External::Subscription> liveByOid;
-        for (const BaseRow& row : db_->rows(kSubsPath)) {
-            const External::Subscription sub(row);
-            liveByOid.emplace(sub.oid(), sub);
-        }
+        for (const BaseRow& row : db_->rows(kSubsPath))
+            liveByOid.emplace(External::Subscription(row).oid(), row);
         const bool readBack = ctrlPath == kCtrlSubsPath;
 
         for (const auto& [oid, sub] : liveByOid) {
             const std::string name = "subscription oid=" + std::to_string(oid) +
                                      " sd=" + std::to_string(sub.system_description()) + " outputPath=\"" +
                                      sub.outputPath() + "\" text=\"" + sub.queryText() + "\"";
-            if (kind_.serverAgent) {  // P
-                const BaseRow pub =
-                    db_->read(kPubPath, makeRecord<External::Publication>({{"subscription_id", oid}}));
-                if (pub.empty()) problems->push_back("P: no client publication for " + name);
-            }
-            std::string why;
-            if (!valid(sub, &why)) continue;
+            if (kind_.serverAgent &&
+                db_->read(kPubPath, makeRecord<External::Publication>({{"subscription_id", oid}})).empty())
+                problems << "  P: no client publication for " << name << "\n";
+            if (!valid(sub)) continue;
             if (stats) ++stats->liveValid;
             const veMetadata::veTable table = handle_->tableInfo(sub.outputPath());
             if (table.empty()) {
-                problems->push_back("C1: no output table for valid " + name);
+                problems << "  C1: no output table for valid " << name << "\n";
                 continue;
             }
             std::vector<const veCtrl::subscription*> mine;  // control rows for the current table
@@ -416,7 +357,7 @@ private:
                     c.tableId() == table.oid())
                     mine.push_back(&c);
             if (mine.size() != 1) {
-                problems->push_back("C1: " + std::to_string(mine.size()) + " control rows for valid " + name);
+                problems << "  C1: " << mine.size() << " control rows for valid " << name << "\n";
                 continue;
             }
             const veCtrl::subscription expected =
@@ -430,16 +371,15 @@ private:
                                                   {"writer", classify(sub.queryText()) == TextClass::writer},
                                                   {"ptime", sub.ptime()}});
             if (!mine.front()->equals(expected))
-                problems->push_back("C1: control row " + mine.front()->toString() + ", expected " +
-                                    expected.toString());
+                problems << "  C1: control row " << mine.front()->toString() << ", expected "
+                         << expected.toString() << "\n";
             const auto entry = translator_->subscription(sub);
             if (!entry) {
-                problems->push_back("R: no registry entry for valid " + name);
+                problems << "  R: no registry entry for valid " << name << "\n";
                 continue;
             }
             // The entry in brief, against what it should be.
-            const auto brief = [](std::uint64_t table, std::uint64_t external, std::uint64_t sid,
-                                  std::uint64_t back) {
+            const auto brief = [](auto table, auto external, auto sid, auto back) {
                 return "tableOid " + std::to_string(table) + " externalOid " + std::to_string(external) +
                        " sid " + std::to_string(sid) + " mapping back to " + std::to_string(back);
             };
@@ -448,34 +388,31 @@ private:
             const std::string wanted =
                 brief(table.oid(), oid, readBack ? mine.front()->oid() : entry->sid, readBack ? oid : back);
             if (found != wanted)
-                problems->push_back("R: entry " + found + ", expected " + wanted + " for " + name);
+                problems << "  R: entry " << found << ", expected " << wanted << " for " << name << "\n";
         }
 
         for (const veCtrl::subscription& c : controls) {  // C2
             auto live = liveByOid.find(c.connection_id());
             const veMetadata::SystemDescription d = sysDesc(c.system_description());
             if (live == liveByOid.end() || live->second.system_description() != c.system_description())
-                problems->push_back("C2: control row oid=" + std::to_string(c.oid()) + " connection_id=" +
-                                    std::to_string(c.connection_id()) + " outlives its subscription");
+                problems << "  C2: control row oid=" << c.oid() << " connection_id=" << c.connection_id()
+                         << " outlives its subscription\n";
             else if (d.empty() || (d.properties() & 1) == 0)
-                problems->push_back("C2: control row oid=" + std::to_string(c.oid()) +
-                                    " kept for a system description that is gone or internal");
+                problems << "  C2: control row oid=" << c.oid()
+                         << " kept for a system description that is gone or internal\n";
         }
 
-        if (kind_.serverAgent) {  // P
-            for (const BaseRow& row : db_->rows(kPubPath)) {
-                const External::Publication pub(row);
-                if (!liveByOid.count(pub.subscription_id()))
-                    problems->push_back("P: client publication for subscription_id=" +
-                                        std::to_string(pub.subscription_id()) + " outlives its subscription");
-            }
-        }
+        if (kind_.serverAgent)  // P
+            for (const BaseRow& row : db_->rows(kPubPath))
+                if (const External::Publication pub(row); !liveByOid.count(pub.subscription_id()))
+                    problems << "  P: client publication for subscription_id=" << pub.subscription_id()
+                             << " outlives its subscription\n";
     }
 
     AgentKind kind_;
     std::shared_ptr<Host::Database> db_;
-    Velta::VeltaDB::p_t handle_;
-    std::unique_ptr<SubscriptionTranslator> translator_;
+    VeltaDB::p_t handle_;
+    std::unique_ptr<Agent::SubscriptionTranslator> translator_;
     std::set<Key> withdrawn_;
     std::set<Key> perClientKeys_;
 };
@@ -500,34 +437,23 @@ Step drawStep(std::mt19937_64& rng, const AgentKind& kind) {
     // 16 settle); per-client steps fall back to shared ones where there is no per-client table.
     static constexpr std::array<int, 16> kBelow = {40, 48, 54, 57, 65, 69, 74, 77,
                                                    82, 85, 87, 91, 94, 97, 98, 100};
-    const int roll = pick(100);
-    s.op = Op::settle;
-    for (std::size_t i = 0; roll >= 16 && s.op == Op::settle; ++i)
-        if (roll < kBelow[i]) s.op = static_cast<Op>(i);
-    const bool perAgent = !kind.serverAgent && !kind.standalone;
-    if (!perAgent && s.op == Op::writeClientSub) s.op = Op::writeSub;
-    if (!perAgent && s.op == Op::deleteClientSub) s.op = Op::deleteSub;
+    if (const int roll = pick(100); roll >= 16)
+        s.op = static_cast<Op>(std::upper_bound(kBelow.begin(), kBelow.end(), roll) - kBelow.begin());
+    if (kind.serverAgent || kind.standalone)
+        s.op = s.op == Op::writeClientSub ? Op::writeSub : s.op == Op::deleteClientSub ? Op::deleteSub : s.op;
     return s;
 }
 
 std::vector<Step> drawHistory(std::uint64_t seed, const AgentKind& kind, std::size_t length) {
     std::mt19937_64 rng(seed);
     std::vector<Step> steps;
-    // Most histories start with our own system description in place.
-    if (rng() % 4 != 0) {
-        Step sd;
-        sd.op = Op::writeSysDesc;
-        steps.push_back(sd);
-    }
+    if (rng() % 4 != 0) steps.push_back({.op = Op::writeSysDesc});  // mostly our own system is in place
     while (steps.size() + 1 < length) steps.push_back(drawStep(rng, kind));
     steps.push_back(Step{});  // a final settle and check
     return steps;
 }
 
-struct Failure {
-    std::size_t step = 0;
-    std::string what;
-};
+using Failure = std::pair<std::size_t, std::string>;  // the failing step's index, what went wrong
 
 std::optional<Failure> replay(const std::vector<Step>& steps, const AgentKind& kind, Stats* stats = nullptr) {
     ChurnRun run(kind);
@@ -540,30 +466,28 @@ constexpr std::size_t kHistoryLength = 60;
 
 void churn(const AgentKind& kind, std::uint64_t seedBase) {
     Stats stats;
-    std::vector<std::uint64_t> seeds;
-    if (const char* one = std::getenv("VELTA_CHURN_SEED"); one && *one) {
-        seeds.push_back(std::strtoull(one, nullptr, 10));
-    } else {
-        const char* histories = std::getenv("VELTA_CHURN_HISTORIES");
-        const std::size_t count = histories && *histories ? std::strtoull(histories, nullptr, 10) : 1500;
-        for (std::size_t i = 0; i < count; ++i) seeds.push_back(seedBase + 7919ULL * i);
-    }
-    for (std::uint64_t seed : seeds) {
+    const char* one = std::getenv("VELTA_CHURN_SEED");
+    const char* histories = std::getenv("VELTA_CHURN_HISTORIES");
+    const bool replayOne = one && *one;
+    const std::size_t count = replayOne                 ? 1
+                              : histories && *histories ? std::strtoull(histories, nullptr, 10)
+                                                        : 1500;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::uint64_t seed = replayOne ? std::strtoull(one, nullptr, 10) : seedBase + 7919ULL * i;
         const std::vector<Step> steps = drawHistory(seed, kind, kHistoryLength);
         ++stats.histories;
         if (auto failure = replay(steps, kind, &stats)) {
             std::ostringstream os;
-            os << kind.label << " agent, history seed " << seed << ": after step " << failure->step + 1
-               << " (" << describe(steps[failure->step]) << "):\n"
-               << failure->what;
-            const std::vector<Step> small = Velta::Test::shrinkHistory(
-                steps,
-                [&](const std::vector<Step>& candidate) { return replay(candidate, kind).has_value(); });
+            os << kind.label << " agent, history seed " << seed << ": after step " << failure->first + 1
+               << " (" << describe(steps[failure->first]) << "):\n"
+               << failure->second;
+            const auto fails = [&](const std::vector<Step>& c) { return replay(c, kind).has_value(); };
+            const std::vector<Step> small = Test::shrinkHistory(steps, fails);
             os << "shrunk history (" << small.size() << " of " << steps.size()
                << " steps) that still fails:\n";
             for (std::size_t i = 0; i < small.size(); ++i)
                 os << "  " << i + 1 << ". " << describe(small[i]) << "\n";
-            if (auto again = replay(small, kind)) os << "which reports:\n" << again->what;
+            if (auto again = replay(small, kind)) os << "which reports:\n" << again->second;
             os << "replay with VELTA_CHURN_SEED=" << seed << "\n";
             ADD_FAILURE() << os.str();
             break;
