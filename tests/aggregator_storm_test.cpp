@@ -14,20 +14,13 @@
 
 #include <Velta/Agent/Aggregator.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cstdlib>
 #include <deque>
-#include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <random>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -73,8 +66,6 @@ const RowType& foreignType() {
 
 std::string keyName(int key) { return "k" + std::to_string(key); }
 
-// ---- Histories
-
 // A step on table `slot` (create: of the output's type if `flag`), on the output (a client's), on
 // the aggregator (build: deleteWithoutReplacement `flag`, enabled `flag2`; enableIs and
 // suppressResyncIs take `flag`), or a settle: everything queued is delivered, then compared.
@@ -97,35 +88,28 @@ struct Step {
 };
 
 std::string describe(const Step& s) {
-    std::ostringstream os;
-    os << kOpNames[static_cast<std::size_t>(s.op)] << " " << kPaths[s.slot] << " " << keyName(s.key)
-       << " ver=" << s.ver << " flag=" << s.flag << " flag2=" << s.flag2;
-    return os.str();
+    return std::string(kOpNames[static_cast<std::size_t>(s.op)]) + " " + kPaths[s.slot] + " " +
+           keyName(s.key) + " ver=" + std::to_string(s.ver) + " flag=" + std::to_string(s.flag) +
+           " flag2=" + std::to_string(s.flag2);
 }
 
-// ---- The reference model
-
-struct Val {
-    std::string src;
-    std::uint32_t ver = 0;
-};
+// A row's other fields, as the model keeps them and a settle compares them.
+std::string fields(const std::string& src, std::uint64_t ver) {
+    return "src=" + src + " ver=" + std::to_string(ver);
+}
 
 class MergeModel {
 public:
     struct Table {
         bool ofRowType = true;  // false: the foreign type
-        std::map<std::string, Val> rows;
-    };
-    struct Input {
-        unsigned id = 0;
-        bool readyQueued = false;
+        std::map<std::string, std::string> rows;
     };
     struct Agg {
         bool dwr = false, enabled = false, suppress = false, scanned = false;
-        bool outputReady = false;                // outputModifier.ready()
-        bool metaReadyQueued = false;            // the metadata observer's ready callback was queued
-        std::map<std::string, Input> inputs;     // admitted, by path
-        std::map<std::string, unsigned> owners;  // key -> input id
+        bool outputReady = false;                   // outputModifier.ready()
+        bool metaReadyQueued = false;               // the metadata observer's ready callback was queued
+        std::map<std::string, bool> inputs;         // admitted, by path: whether its ready was queued
+        std::map<std::string, std::string> owners;  // key -> path of its input
     };
 
     std::map<std::string, Table> tables;  // storm tables and the output
@@ -141,15 +125,15 @@ public:
     void dropTable(const std::string& path) {
         if (tables.erase(path)) toMetadata([=, this] { removeInput(path); });
     }
-    void write(const std::string& path, const std::string& key, const Val& val) {
+    void write(const std::string& path, const std::string& key, const std::string& val) {
         if (!exists(path)) return;
         tables[path].rows[key] = val;
-        toInput(path, [=, this](unsigned id) { outputRow(key, val, id); });
+        toInput(path, [=, this] { outputRow(key, val, path); });
     }
     void erase(const std::string& path, const std::string& key) {
         if (!exists(path) || tables[path].rows.erase(key) == 0) return;
-        toInput(path, [=, this](unsigned id) {
-            if (agg->owners.count(key) && agg->owners[key] == id) settleKey(key);
+        toInput(path, [=, this] {
+            if (agg->owners.count(key) && agg->owners[key] == path) settleKey(key);
         });
     }
     // The output modifier is bound first (creating the output), then the metadata observer, which
@@ -159,7 +143,7 @@ public:
         agg->dwr = dwr;
         agg->enabled = enabled;
         createTable(kOutput, true);
-        queue_.push_back({0, [this] {
+        queue_.push_back({"", [this] {
                               agg->outputReady = true;
                               onReady();
                           }});
@@ -181,115 +165,99 @@ public:
         }
     }
 
-    // Path of the input that owns `key`, or "".
-    std::string ownerPath(const std::string& key) const {
-        if (!agg || !agg->owners.count(key)) return "";
-        for (const auto& [path, in] : agg->inputs)
-            if (in.id == agg->owners.at(key)) return path;
-        return "?";  // an owner no longer admitted: the model itself is broken
-    }
-    Lines inputPaths() const {
-        Lines paths;
-        for (const auto& [path, in] : agg ? agg->inputs : std::map<std::string, Input>())
-            paths.push_back(path);
-        return paths;
+    // What a settle must find: the output, then (with an aggregator) the admitted inputs and each
+    // key's owner.
+    Lines expected() const {
+        Lines lines;
+        if (exists(kOutput))
+            for (const auto& [key, val] : tables.at(kOutput).rows) lines.push_back(key + " " + val);
+        if (!agg) return lines;
+        for (const auto& [path, readyQueued] : agg->inputs) lines.push_back("input " + path);
+        for (int k = 0; k < kKeys; ++k)
+            lines.push_back(keyName(k) + " <- " +
+                            (agg->owners.count(keyName(k)) ? agg->owners.at(keyName(k)) : ""));
+        return lines;
     }
 
 private:
-    // The host's queued callbacks (all for the one aggregator there is), each with the id of the
-    // input whose observer receives it (0: another interface).
-    std::deque<std::pair<unsigned, std::function<void()>>> queue_;
-    unsigned nextInput_ = 0;
+    // The host's queued callbacks (all for the one aggregator there is), each with the path of the
+    // input whose observer receives it ("": another interface).
+    std::deque<std::pair<std::string, std::function<void()>>> queue_;
 
     static bool shapeAccepted(const std::string& path) {
-        const std::string prefix = kPrefix, suffix = kSuffix;
-        if (path.size() <= prefix.size() + suffix.size() || path.compare(0, prefix.size(), prefix) != 0 ||
-            path.compare(path.size() - suffix.size(), suffix.size(), suffix) != 0)
-            return false;
-        return path.substr(prefix.size(), path.size() - prefix.size() - suffix.size()).find('/') ==
-               std::string::npos;
+        return std::find(kPaths.begin(), kPaths.begin() + kGoodSlots, path) != kPaths.begin() + kGoodSlots;
     }
     // A metadata row or delete callback, once the metadata observer is ready.
     void toMetadata(std::function<void()> callback) {
-        if (agg && agg->metaReadyQueued) queue_.push_back({0, std::move(callback)});
+        if (agg && agg->metaReadyQueued) queue_.push_back({"", std::move(callback)});
     }
     // A row or delete callback of the input observing `path`, once its ready callback was queued.
-    void toInput(const std::string& path, const std::function<void(unsigned)>& callback) {
-        if (!agg || !agg->inputs.count(path) || !agg->inputs[path].readyQueued) return;
-        const unsigned id = agg->inputs[path].id;
-        queue_.push_back({id, [=] { callback(id); }});
+    void toInput(const std::string& path, std::function<void()> callback) {
+        if (agg && agg->inputs.count(path) && agg->inputs.at(path))
+            queue_.push_back({path, std::move(callback)});
     }
     void declareMetaReady() {
         if (!agg->metaReadyQueued)
-            queue_.push_back({0, [this] {
-                                  Lines paths;
-                                  for (const auto& [path, t] : tables) paths.push_back(path);
-                                  for (const std::string& path : paths)
-                                      if (exists(path)) admit(path, tables[path].ofRowType);
+            queue_.push_back({"", [this] {
+                                  for (const auto& [path, table] : tables) admit(path, table.ofRowType);
                                   agg->scanned = true;
                                   onReady();
                               }});
         agg->metaReadyQueued = true;
     }
-    void startInput(Input& in, const std::string& path) {
-        if (!in.readyQueued)
-            queue_.push_back({in.id, [this, path, id = in.id] {
+    void startInput(const std::string& path) {
+        if (!agg->inputs.at(path))
+            queue_.push_back({path, [this, path] {
                                   if (!exists(path)) return;
                                   for (const auto& [key, val] : std::map(tables[path].rows))
-                                      outputRow(key, val, id);
+                                      outputRow(key, val, path);
                               }});
-        in.readyQueued = true;
+        agg->inputs.at(path) = true;
     }
     void onReady() {
         if (!agg->enabled) return;
         if (!agg->scanned) return declareMetaReady();
         if (!agg->outputReady) return;
         if (!agg->suppress)
-            std::erase_if(tables[kOutput].rows, [&](const auto& row) { return !heldByAnyInput(row.first); });
-        for (auto& [path, in] : agg->inputs) startInput(in, path);
+            std::erase_if(tables[kOutput].rows, [&](const auto& row) { return holder(row.first).empty(); });
+        for (const auto& [path, readyQueued] : agg->inputs) startInput(path);
     }
-    bool heldByAnyInput(const std::string& key) const {
-        for (const auto& [path, in] : agg->inputs)
-            if (exists(path) && tables.at(path).rows.count(key)) return true;
-        return false;
+    // The first admitted input, in path order, whose table holds `key`, or "".
+    std::string holder(const std::string& key) const {
+        for (const auto& [path, readyQueued] : agg->inputs)
+            if (exists(path) && tables.at(path).rows.count(key)) return path;
+        return "";
     }
     void admit(const std::string& path, bool ofRowType) {
         // Refusals are not remembered.
         if (!shapeAccepted(path) || agg->inputs.count(path) || !ofRowType) return;
-        Input& in = agg->inputs[path];
-        in.id = ++nextInput_;
+        agg->inputs[path] = false;
         createTable(path, true);
-        if (agg->scanned && agg->outputReady) startInput(in, path);
+        if (agg->scanned && agg->outputReady) startInput(path);
     }
     void removeInput(const std::string& path) {
-        if (!agg->inputs.count(path)) return;
-        const unsigned id = agg->inputs[path].id;
-        agg->inputs.erase(path);
+        if (agg->inputs.erase(path) == 0) return;
         Lines owned;
         for (const auto& [key, owner] : agg->owners)
-            if (owner == id) owned.push_back(key);
+            if (owner == path) owned.push_back(key);
         for (const std::string& key : owned) settleKey(key);
-        std::erase_if(queue_, [id](const auto& callback) { return callback.first == id; });
+        std::erase_if(queue_, [&](const auto& callback) { return callback.first == path; });
     }
-    void outputRow(const std::string& key, const Val& val, unsigned owner) {
+    void outputRow(const std::string& key, const std::string& val, const std::string& owner) {
         tables[kOutput].rows[key] = val;
         agg->owners[key] = owner;
     }
     void settleKey(const std::string& key) {
-        for (const auto& [path, in] : agg->dwr ? std::map<std::string, Input>() : agg->inputs)
-            if (exists(path) && tables.at(path).rows.count(key))
-                return outputRow(key, tables.at(path).rows.at(key), in.id);
+        const std::string path = agg->dwr ? "" : holder(key);
+        if (!path.empty()) return outputRow(key, tables.at(path).rows.at(key), path);
         tables[kOutput].rows.erase(key);
         agg->owners.erase(key);
     }
 };
 
-// ---- A history on the host and on the model side by side
-
 class StormRun {
 public:
     StormRun() : db_(Host::Database::create()), handle_(db_->connect({"merger", "storm"})) {}
-    ~StormRun() { aggregator_.reset(); }
 
     const MergeModel& model() const { return model_; }
 
@@ -314,13 +282,14 @@ public:
                 const std::string& to = s.op == Op::write ? path : kOutput;
                 const std::string from = s.op == Op::write ? src : "client";
                 db_->write(to, makeRow(rowType(), {{"key", key}, {"src", from}, {"ver", s.ver}}));
-                model_.write(to, key, s.op == Op::writeOutput || ofRowType ? Val{from, s.ver} : Val{});
+                model_.write(to, key,
+                             s.op == Op::writeOutput || ofRowType ? fields(from, s.ver) : fields("", 0));
                 break;
             }
             case Op::writeForeign:
                 db_->write(path, makeRow(foreignType(), {{"key", key}, {"note", "foreign"}}));
                 // Converted by field name: only the key survives in a Storm::Row table.
-                model_.write(path, key, ofRowType ? Val{} : Val{"foreign", 0});
+                model_.write(path, key, ofRowType ? fields("", 0) : fields("foreign", 0));
                 break;
             case Op::erase:
             case Op::eraseOutput:
@@ -367,29 +336,23 @@ public:
     }
 
 private:
-    // After a settle: the output, then (with an aggregator) the admitted inputs and each key's owner.
     std::optional<std::string> settle() {
         db_->runUntilIdle();
         model_.runUntilIdle();
         created_.clear();
         droppedType_.clear();
         if (!db_->settled()) return "the host did not settle";
-        Lines expected, found;
-        if (model_.exists(kOutput))
-            for (const auto& [key, val] : model_.tables.at(kOutput).rows)
-                expected.push_back(key + " src=" + val.src + " ver=" + std::to_string(val.ver));
+        const Lines expected = model_.expected();
+        Lines found;
         for (const BaseRow& row : db_->rows(kOutput)) {
             const BaseRow r = row.as(rowType());
-            found.push_back(r.string(0) + " src=" + r.string(1) + " ver=" + std::to_string(r.number(2)));
+            found.push_back(r.string(0) + " " + fields(r.string(1), r.number(2)));
         }
         if (aggregator_) {
-            for (const std::string& path : model_.inputPaths()) expected.push_back("input " + path);
             for (const std::string& path : aggregator_->inputPaths()) found.push_back("input " + path);
-            for (int k = 0; k < kKeys; ++k) {
-                expected.push_back(keyName(k) + " <- " + model_.ownerPath(keyName(k)));
+            for (int k = 0; k < kKeys; ++k)
                 found.push_back(keyName(k) + " <- " +
                                 aggregator_->outputRowSource(makeRow(rowType(), {{"key", keyName(k)}})));
-            }
         }
         if (expected == found) return std::nullopt;
         return "model and host differ:\n  model " + ::testing::PrintToString(expected) + "\n  host  " +
@@ -415,7 +378,7 @@ std::optional<std::string> replay(const std::vector<Step>& steps) {
 
 // Draws the next step from the model's current state, so most steps make sense: an operation by
 // its share of 100, then its flags (each true unless a draw below its odds gives 0).
-Step drawStep(std::mt19937_64& rng, const MergeModel& model, std::uint32_t* ver, bool aggregatorBuilt) {
+Step drawStep(std::mt19937_64& rng, const MergeModel& model, std::uint32_t* ver) {
     struct Choice {
         int below;
         Op op;
@@ -438,7 +401,7 @@ Step drawStep(std::mt19937_64& rng, const MergeModel& model, std::uint32_t* ver,
                                     [&](const Choice& c) { return roll < c.below; });
     const bool exists = model.exists(kPaths[s.slot]);
     s.op = (c.op == Op::write || c.op == Op::erase) && !exists ? Op::create
-           : c.op == Op::build && aggregatorBuilt              ? Op::destroy
+           : c.op == Op::build && model.agg                    ? Op::destroy
                                                                : c.op;
     s.flag = c.flagOdds != 0 && pick(c.flagOdds) != 0;
     s.flag2 = c.flag2Odds != 0 && pick(c.flag2Odds) != 0;
@@ -459,36 +422,33 @@ std::optional<std::string> stormHistory(std::uint64_t seed) {
     std::vector<Step> steps;
     std::uint32_t ver = 0;
     StormRun run;
-    bool built = false;
     // Built at the start or a third in, and mostly rebuilt right after being destroyed.
     const std::size_t buildAt = rng() % 4 == 0 ? length / 3 : 0;
     for (std::size_t i = 0; i < length; ++i) {
         Step s;
         if ((i == buildAt || (!steps.empty() && steps.back().op == Op::destroy && rng() % 4 != 0)) &&
-            !built) {
+            !run.model().agg) {
             s.op = Op::build;
             s.flag = rng() % 2 != 0;
             s.flag2 = rng() % 5 != 0;
         } else if (i + 1 == length) {
             s.op = Op::settle;
         } else {
-            s = drawStep(rng, run.model(), &ver, built);
+            s = drawStep(rng, run.model(), &ver);
         }
         if (!run.accepted(s)) continue;
-        if (s.op == Op::build || s.op == Op::destroy) built = s.op == Op::build;
         steps.push_back(s);
         const std::optional<std::string> bad = run.apply(s);
         if (!bad) continue;
-        std::ostringstream os;
-        os << "history seed " << seed << " diverged at step " << steps.size() << " (" << describe(s)
-           << "): " << *bad;
+        std::string report = "history seed " + std::to_string(seed) + " diverged at step " +
+                             std::to_string(steps.size()) + " (" + describe(s) + "): " + *bad +
+                             "shrunk history that still fails:\n";
         const std::vector<Step> small = Velta::Test::shrinkHistory(
             steps, [&](const std::vector<Step>& candidate) { return replay(candidate).has_value(); });
-        os << "shrunk history that still fails:\n";
         for (std::size_t j = 0; j < small.size(); ++j)
-            os << "  " << j + 1 << ". " << describe(small[j]) << "\n";
-        os << "which fails at " << replay(small).value_or("no step");
-        return os.str() + "replay with VELTA_STORM_SEED=" + std::to_string(seed) + "\n";
+            report += "  " + std::to_string(j + 1) + ". " + describe(small[j]) + "\n";
+        return report + "which fails at " + replay(small).value_or("no step") +
+               "replay with VELTA_STORM_SEED=" + std::to_string(seed) + "\n";
     }
     return std::nullopt;
 }
