@@ -232,8 +232,7 @@ const std::vector<Proof> kProofs = {
              l.db().erase(b.path, r);
          };
      }},
-    {"CallsTheDead",
-     "DestroyedInterfaceGetsNoCallbacks",  // whenever another interface of its table is called
+    {"CallsTheDead", "DestroyedInterfaceGetsNoCallbacks",  // when another interface of its table is called
      [](Lab& l) {
          auto kept = std::make_shared<std::vector<std::pair<std::weak_ptr<Bound>, Bound>>>();
          l.afterBind = [kept](const BoundP& b) { kept->push_back({b, *b}); };
@@ -288,8 +287,7 @@ const std::vector<Proof> kProofs = {
      }},
     {"ReadersSeeSnapshots", "OwnWritesAreVisibleAtOnce",  // copies brought up to date after each delivery
      [](Lab& l) {
-         auto paths =
-             std::make_shared<std::set<std::string>>();  // each reader's table has a copy, path + "#"
+         auto paths = std::make_shared<std::set<std::string>>();  // readers' tables, copied to path + "#"
          const auto refresh = [&l, paths] {
              for (const std::string& path : *paths) {
                  for (const BaseRow& r : l.db().rows(path + "#")) l.db().erase(path + "#", r);
