@@ -101,6 +101,12 @@ bool startsWithAndMore(const std::string& text, std::string_view prefix) noexcep
     return text.size() > prefix.size() && text.compare(0, prefix.size(), prefix) == 0;
 }
 
+// The index of a field of the external subscription record, for reading its text in place: the
+// record's getters return copies, and the intake reads the same texts several times.
+std::size_t subsField(std::string_view name) {
+    return static_cast<std::size_t>(Subs::type().fieldIndex(name));
+}
+
 // True when `sysDesc` is this agent's own system description.
 bool isOwnSystem(const VeltaDB& vdb, const veMetadata::SystemDescription& sysDesc) {
     return vdb.systemName() == sysDesc.sysName() && vdb.agentName() == sysDesc.agentName();
@@ -297,12 +303,16 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
                 kExtSubsOnRowCommonSignature << " (perClient:" << perClient << "): " << sub);
     if (perClient) sub.oidIs(0);
 
-    const std::string outputPath = sub.outputPath();
+    static const std::size_t kOutputPath = subsField("outputPath");
+    static const std::size_t kTypeName = subsField("typeName");
+    static const std::size_t kQueryText = subsField("queryText");
+    const std::string& outputPath = sub.string(kOutputPath);
+    const std::string& typeName = sub.string(kTypeName);
     if (outputPath.empty()) {
         subscriptionComplete(sub, TableRow(), false, false, false, 0, 0, "Output path is empty.");
         return;
     }
-    const unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
+    const unsigned typeId = vdb_->tableTypeId(typeName, false);
     if (typeId == VeltaDB::kUnknownTypeId) {
         subscriptionComplete(sub, TableRow(), false, false, false, 0, 0, "Result type undefined.");
         return;
@@ -327,14 +337,14 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
         return;
     }
 
-    const std::string queryText = sub.queryText();
+    const std::string& queryText = sub.string(kQueryText);
     const bool writer = startsWithAndMore(queryText, kDirectWritePrefix);
     const bool reader = !writer && startsWithAndMore(queryText, kDirectReadPrefix);
 
     if (table.empty()) {
         const std::string owner = writer ? sysDesc.agentName() : std::string();
         const auto tableType = static_cast<TableType>(!sub.standing());
-        vdb_->registerTable(outputPath, sub.typeName(), tableType, sub.desiredFlags(), sub.flags(), owner);
+        vdb_->registerTable(outputPath, typeName, tableType, sub.desiredFlags(), sub.flags(), owner);
         table = vdb_->tableInfo(outputPath);
         if (table.empty()) {
             // The server registers tables at once; only other agents wait for the metadata row.
@@ -372,7 +382,7 @@ void SubscriptionTranslator::extSubsOnRowCommon(const BaseRow& row, bool perClie
     ctrl.connection_idIs(sub.oid());
     ctrl.tableIdIs(table.oid());
     ctrl.writerIs(writer);
-    ctrl.typeNameIs(sub.typeName());
+    ctrl.typeNameIs(typeName);
     ctrl.featuresIs(sub.features());
     ctrl.type_signatureIs(sub.type_signature());
     ctrl.ptimeIs(sub.ptime());
@@ -524,8 +534,7 @@ void SubscriptionTranslator::subscriptionComplete(Subs sub, TableRow table, bool
     if (found == subscriptions_.end() || sub < found->first) {
         unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
         if (typeId == VeltaDB::kUnknownTypeId) typeId = 0;
-        entry = std::shared_ptr<SubscriptionEntry>(
-            new SubscriptionEntry(writer, reader, sub.oid(), tableOid, typeId));
+        entry = std::make_shared<SubscriptionEntry>(writer, reader, sub.oid(), tableOid, typeId);
         subscriptions_.emplace_hint(found, sub, entry);
     } else {
         entry = found->second;
