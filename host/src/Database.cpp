@@ -111,6 +111,7 @@ const RowType* Database::Impl::rowTypeNamed(const std::string& name) {
 
 void Database::Impl::eraseSlotIfUnused(Slot& slot) {
     if (slot.table || !slot.attachments.empty()) return;
+    if (&slot == veTableSlot_) veTableSlot_ = nullptr;
     slots.erase(slots.find(slot.path));
 }
 
@@ -216,7 +217,10 @@ bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
 }
 
 BaseRow Database::Impl::lookup(std::string_view path, const BaseRow& key, unsigned char index) const {
-    const Slot* slot = findSlot(path);
+    return lookupIn(findSlot(path), key, index);
+}
+
+BaseRow Database::Impl::lookupIn(const Slot* slot, const BaseRow& key, unsigned char index) {
     if (slot == nullptr || !slot->table || key.empty()) return BaseRow();
     const TableState& t = *slot->table;
     if (key.rowType() == &t.type()) return RowRef::share(t.findIn(*key.data(), index));
@@ -228,13 +232,18 @@ veMetadata::veTable Database::Impl::tableInfo(const std::string& path) const {
     // The key row is kept for these lookups (nothing else shares it): setting its path reuses its
     // storage.
     tableKey_.tablePathIs(path);
-    return veMetadata::veTable(lookup(kVeTablePath, tableKey_, 0));
+    return veMetadata::veTable(lookupIn(veTableSlot(), tableKey_, 0));
+}
+
+const Slot* Database::Impl::veTableSlot() const noexcept {
+    if (veTableSlot_ == nullptr) veTableSlot_ = findSlot(kVeTablePath);
+    return veTableSlot_;
 }
 
 veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {
     veMetadata::veTable key;
     key.oidIs(oid);
-    return veMetadata::veTable(lookup(kVeTablePath, key, 1));
+    return veMetadata::veTable(lookupIn(veTableSlot(), key, 1));
 }
 
 // ---------------------------------------------------------------------------------------------

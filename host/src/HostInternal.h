@@ -572,6 +572,8 @@ public:
     veMetadata::veTable tableInfo(unsigned oid) const;
     // The row with `key`'s key in `index` of the table at `path`, or an empty row.
     BaseRow lookup(std::string_view path, const BaseRow& key, unsigned char index) const;
+    // The same in a slot found already (null when there is none).
+    static BaseRow lookupIn(const Velta::detail::Slot* slot, const BaseRow& key, unsigned char index);
 
     std::uint64_t newHandleId() noexcept { return ++handleIds_; }
 
@@ -611,6 +613,10 @@ private:
 
     absl::flat_hash_map<std::string, const RowType*> typesByName_;
     mutable veMetadata::veTable tableKey_;  // the key row of tableInfo(path)
+    // The slot of the tables' metadata table, found once for tableInfo and forgotten when it is
+    // erased; an agent asks for a table's metadata row on every subscription.
+    const Velta::detail::Slot* veTableSlot() const noexcept;
+    mutable const Velta::detail::Slot* veTableSlot_ = nullptr;
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;
