@@ -116,6 +116,8 @@ std::unique_ptr<Workload> makeMapWorkload(std::size_t keys);
 
 // One established subscription through a server agent's translator (output table known).
 std::unique_ptr<Workload> makeIntakeWorkload();
+// The same subscriptions met by the host calls of that intake alone, without the translator.
+std::unique_ptr<Workload> makeIntakeHostCallsWorkload();
 
 // The aggregator's resync over `keys` output rows with 4 inputs, every row held only by the last
 // one (unit: one output row), and the 4 lookups per row it makes, done directly by a reader

@@ -120,13 +120,84 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------
+// The host calls a server agent's intake makes for one new External::Subscription (a direct
+// standing read of a table that exists), in the translator's order, and nothing else: the type
+// and table lookups, the system description by oid, the control row written and read back, the
+// two publication lookups and the placeholder publication written. No registry, no checks, no
+// traces: what any intake pays the host on this interface.
+
+class HostCallsIntake {
+public:
+    explicit HostCallsIntake(const VeltaDB::p_t& vdb)
+        : vdb_(vdb),
+          subsObserver_(
+              "extSubsObserver", External::Subscription::rowTypeName(), kObserverMode, noReady(),
+              [this](const BaseRow& row) { onRow(row); }, noRow(), noFlag()),
+          subsReader_("subsReader", veCtrl::subscription::rowTypeName(), kReaderMode, noReady(), noRow(),
+                      noRow(), noFlag()),
+          subsModifier_("subsModifier", veCtrl::subscription::rowTypeName(), kModifierMode, noReady(),
+                        noRow(), noRow(), noFlag()),
+          extPubModifier_("extPubModifier", External::Publication::rowTypeName(), kModifierMode, noReady(),
+                          noRow(), noRow(), noFlag()),
+          pubReader_("pubReader", veCtrl::publication::rowTypeName(), kReaderMode, noReady(), noRow(),
+                     noRow(), noFlag()),
+          sysDescReader_("sysDescReader", veMetadata::SystemDescription::rowTypeName(), kReaderMode,
+                         noReady(), noRow(), noRow(), noFlag()) {
+        vdb->bindInterface(subsObserver_, "velta/External/Subscription", false);
+        vdb->bindInterface(subsReader_, "velta/veCtrl/subscription", false);
+        vdb->bindInterface(subsModifier_, "velta/veCtrl/subscription", false);
+        vdb->bindInterface(extPubModifier_, "velta/External/Publication", false);
+        vdb->bindInterface(pubReader_, "velta/veCtrl/publication", false);
+        vdb->bindInterface(sysDescReader_, "velta/metadata/SystemDescription", false);
+        sysDescReader_.activateIndex(1);
+        subsObserver_.clientReadyIs(true);
+    }
+
+private:
+    void onRow(const BaseRow& row) {
+        const External::Subscription sub(row);
+        const unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
+        const veMetadata::veTable table = vdb_->tableInfo(sub.outputPath());
+        veMetadata::SystemDescription sysDesc;
+        sysDesc.oidIs(sub.system_description());
+        if (sysDescReader_.row(sysDesc, 1).empty() || table.empty())
+            worldBroken("host calls intake: lookup failed");
+        veCtrl::subscription ctrl;
+        ctrl.system_descriptionIs(sub.system_description());
+        ctrl.connection_idIs(sub.oid());
+        ctrl.tableIdIs(table.oid());
+        ctrl.typeNameIs(sub.typeName());
+        subsModifier_.rowIs(ctrl);
+        const veCtrl::subscription stored(subsReader_.row(ctrl, 0));
+        vdb_->tableTypeId(sub.typeName(), false);
+        External::Publication pub;
+        pub.subscription_idIs(sub.oid());
+        veCtrl::publication internalKey;
+        internalKey.subscription_idIs(stored.oid());
+        if (!extPubModifier_.row(pub, 0).empty() || !pubReader_.row(internalKey, 0).empty()) return;
+        pub.statusIs(true);
+        pub.tableIdIs(table.oid());
+        pub.typeIdIs(typeId);
+        extPubModifier_.rowIs(pub);
+    }
+
+    VeltaDB::p_t vdb_;
+    VeTableInterface subsObserver_;
+    VeTableInterface subsReader_;
+    VeTableInterface subsModifier_;
+    VeTableInterface extPubModifier_;
+    VeTableInterface pubReader_;
+    VeTableInterface sysDescReader_;
+};
+
 // The translator's intake in a server agent: a client writes a new External::Subscription (a
 // direct standing read of a table that exists), the translator checks it, writes the control row,
-// records it and writes the placeholder publication.
+// records it and writes the placeholder publication. Or, with `hostCallsOnly`, the same
+// subscriptions met by HostCallsIntake instead of the translator.
 
 class IntakeWorld : public Workload {
 public:
-    IntakeWorld() { build(); }
+    explicit IntakeWorld(bool hostCallsOnly) : hostCallsOnly_(hostCallsOnly) { build(); }
 
     double nsPerUnit(std::size_t units) override {
         if (next_ + units > kTables * kSystems) build();
@@ -169,6 +240,7 @@ private:
         clientModifier_.reset();
         client_.reset();
         translator_.reset();
+        hostCalls_.reset();
         server_.reset();
         db_ = Host::Database::create(benchOptions());
         next_ = 0;
@@ -183,7 +255,10 @@ private:
         Host::AgentOptions server{"server", "bench"};
         server.serverAgent = true;
         server_ = db_->connect(server);
-        translator_ = std::make_unique<Agent::SubscriptionTranslator>(server_);
+        if (hostCallsOnly_)
+            hostCalls_ = std::make_unique<HostCallsIntake>(server_);
+        else
+            translator_ = std::make_unique<Agent::SubscriptionTranslator>(server_);
         client_ = db_->connect({"client", "bench"});
         clientModifier_ =
             std::make_unique<VeTableInterface>("clientModifier", External::Subscription::rowTypeName(),
@@ -194,7 +269,9 @@ private:
 
     std::shared_ptr<Host::Database> db_;
     VeltaDB::p_t server_;
+    bool hostCallsOnly_;
     std::unique_ptr<Agent::SubscriptionTranslator> translator_;
+    std::unique_ptr<HostCallsIntake> hostCalls_;
     VeltaDB::p_t client_;
     std::unique_ptr<VeTableInterface> clientModifier_;
     std::size_t next_ = 0;
@@ -297,7 +374,8 @@ std::unique_ptr<Workload> makeHostWriteWorkload(std::size_t keys) {
     return std::make_unique<HostWriteWorld>(keys);
 }
 std::unique_ptr<Workload> makeMapWorkload(std::size_t keys) { return std::make_unique<MapWorld>(keys); }
-std::unique_ptr<Workload> makeIntakeWorkload() { return std::make_unique<IntakeWorld>(); }
+std::unique_ptr<Workload> makeIntakeWorkload() { return std::make_unique<IntakeWorld>(false); }
+std::unique_ptr<Workload> makeIntakeHostCallsWorkload() { return std::make_unique<IntakeWorld>(true); }
 
 ResyncPair makeResyncWorkloads(std::size_t keys) {
     auto world = std::make_shared<ResyncWorld>(keys);

@@ -10,7 +10,8 @@
 //                                     for 1k to 1M keys (the data of docs/performance.png)
 //   velta-bench --profile=NAME [--keys=N] [--units=N] [--warm-heap=MiB]
 //                                     builds one workload (aggregator, forwarder, sqlite, floor,
-//                                     hostwrite, map, intake, resync, lookups, memory) and runs it
+//                                     hostwrite, map, intake, intakehost, resync, lookups, memory)
+//                                     and runs it
 //                                     once, for a profiler such as valgrind --tool=callgrind; prints
 //                                     its time and the page faults it took (first touches of memory
 //                                     the process had not used before) per unit; --warm-heap first
@@ -117,6 +118,11 @@ void BM_TranslatorIntake(benchmark::State& state) {
     runWorkload(state, cachedWorkload("intake", [] { return makeIntakeWorkload(); }));
 }
 BENCHMARK(BM_TranslatorIntake)->UseManualTime();
+
+void BM_IntakeHostCalls(benchmark::State& state) {
+    runWorkload(state, cachedWorkload("intakehost", [] { return makeIntakeHostCallsWorkload(); }));
+}
+BENCHMARK(BM_IntakeHostCalls)->UseManualTime();
 
 void BM_Resync(benchmark::State& state) {
     const auto keys = static_cast<std::size_t>(state.range(0));
@@ -242,6 +248,12 @@ int runRatios(int reps) {
         auto write = makeHostWriteWorkload(100'000);
         compare({"translator_intake_vs_write", "<=", 10}, "intake/host write ns", *intake, kIntakes, *write,
                 kEvents, reps);
+        // What the intake's own host calls cost against the same write: the part of the ratio
+        // above that no translator on this host can take away.
+        intake.reset();
+        auto hostCalls = makeIntakeHostCallsWorkload();
+        compare({"intake_host_calls_vs_write", nullptr, 0}, "intake host calls/host write ns", *hostCalls,
+                kIntakes, *write, kEvents, reps);
     }
     {
         ResyncPair resync = makeResyncWorkloads(100'000);
@@ -335,6 +347,8 @@ int runProfile(const std::string& name, std::size_t keys, std::size_t units, std
         workload = makeMapWorkload(keys);
     else if (name == "intake")
         workload = makeIntakeWorkload();
+    else if (name == "intakehost")
+        workload = makeIntakeHostCallsWorkload();
     else if (name == "resync" || name == "lookups") {
         resync = makeResyncWorkloads(keys);
         workload = std::move(name == "resync" ? resync.resync : resync.lookups);
