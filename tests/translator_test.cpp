@@ -460,9 +460,9 @@ TEST_F(TranslatorFlowTest, BindingsPerKindOfAgent) {
 }
 
 // A host whose registrations never become visible: everything else is the real in-memory host.
-class RegistrationLosingHost : public ForwardingHost {
+class RegistrationLosingHost : public Host::ForwardingVeltaDB {
 public:
-    using ForwardingHost::ForwardingHost;
+    using ForwardingVeltaDB::ForwardingVeltaDB;
     void registerTable(const std::string&, const std::string&, TableType, unsigned short, unsigned short,
                        const std::string&) override {}
 };
