@@ -17,6 +17,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -68,7 +69,6 @@ RecordT makeRecord(const FieldValues& values) {
     return RecordT(makeRow(RecordT::type(), values));
 }
 
-// toString() of every row, in order.
 inline std::vector<std::string> rowLines(const std::vector<BaseRow>& rows) {
     std::vector<std::string> lines;
     lines.reserve(rows.size());
@@ -76,7 +76,6 @@ inline std::vector<std::string> rowLines(const std::vector<BaseRow>& rows) {
     return lines;
 }
 
-// The host-call log as lines (Host::toString of each call).
 inline std::vector<std::string> callLines(const Host::Database& db) {
     std::vector<std::string> lines;
     for (const Host::HostCall& call : db.calls()) lines.push_back(Host::toString(call));
@@ -126,9 +125,12 @@ std::vector<Step> shrinkHistory(std::vector<Step> steps, StillFails stillFails) 
     return steps;
 }
 
-// A database handle that forwards every call to a real one; tests derive from it to change one
-// behaviour of the host (a lost registration, an unbound path, a failing comparison).
-using ForwardingHost = Host::ForwardingVeltaDB;
+// A count or seed from the environment variable `name`, or `fallback` when it is unset or empty.
+inline std::size_t envCount(const char* name, std::size_t fallback) {
+    const char* text = std::getenv(name);
+    return text == nullptr || *text == '\0' ? fallback
+                                            : static_cast<std::size_t>(std::strtoull(text, nullptr, 10));
+}
 
 // An interface whose callbacks append "<ifName> ready", "<ifName> row <row>" and
 // "<ifName> delete <row>" to a shared log; `onEvent` (if set) runs after each entry is logged.
@@ -364,7 +366,6 @@ protected:
                std::to_string(e->tableOid) + " " + std::to_string(e->typeId) + " " + std::to_string(e->sid);
     }
 
-    // The trace levels the transcript holds: all of them.
     static constexpr std::uint32_t kTranscriptLevels = 0x3ff;
 
     inline static const std::string kExtSubs = "velta/External/Subscription";

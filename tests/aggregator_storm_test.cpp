@@ -15,7 +15,6 @@
 #include <Velta/Agent/Aggregator.h>
 
 #include <array>
-#include <cstdlib>
 #include <deque>
 #include <map>
 #include <optional>
@@ -29,6 +28,7 @@ using Velta::FieldKind;
 using Velta::RowType;
 namespace Host = Velta::Host;
 using Velta::Agent::Aggregator;
+using Velta::Test::envCount;
 using Velta::Test::makeRow;
 using Lines = std::vector<std::string>;
 
@@ -261,7 +261,6 @@ public:
 
     const MergeModel& model() const { return model_; }
 
-    // Applies one step to both sides; returns the first divergence, if any.
     std::optional<std::string> apply(const Step& s) {
         if (!accepted(s)) return std::nullopt;
         const std::string path = kPaths[s.slot], key = keyName(s.key), src = path.substr(0, path.size() - 5);
@@ -368,7 +367,6 @@ private:
     std::map<std::string, bool> droppedType_;
 };
 
-// Runs `steps` afresh; the first divergence, if any, as "step N: what".
 std::optional<std::string> replay(const std::vector<Step>& steps) {
     StormRun run;
     for (std::size_t i = 0; i < steps.size(); ++i)
@@ -415,7 +413,6 @@ Step drawStep(std::mt19937_64& rng, const MergeModel& model, std::uint32_t* ver)
     return s;
 }
 
-// Generates and runs one history of 60 steps; on a divergence, reports it with a shrunk history.
 std::optional<std::string> stormHistory(std::uint64_t seed) {
     constexpr std::size_t length = 60;
     std::mt19937_64 rng(seed);
@@ -451,12 +448,6 @@ std::optional<std::string> stormHistory(std::uint64_t seed) {
                "replay with VELTA_STORM_SEED=" + std::to_string(seed) + "\n";
     }
     return std::nullopt;
-}
-
-std::size_t envCount(const char* name, std::size_t fallback) {
-    const char* text = std::getenv(name);
-    return text == nullptr || *text == '\0' ? fallback
-                                            : static_cast<std::size_t>(std::strtoull(text, nullptr, 10));
 }
 
 TEST(AggregatorStorm, RandomHistoriesMatchTheModel) {

@@ -176,14 +176,14 @@ private:
     std::shared_ptr<const RowOps> real_;
 };
 
-class FlakyHost : public ForwardingHost {
+class FlakyHost : public Host::ForwardingVeltaDB {
 public:
-    using ForwardingHost::ForwardingHost;
+    using ForwardingVeltaDB::ForwardingVeltaDB;
     void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
-        if (path != unbound) ForwardingHost::bindInterface(iface, path, flag);
+        if (path != unbound) ForwardingVeltaDB::bindInterface(iface, path, flag);
     }
     std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
-        ops = std::make_shared<FlakyRowOps>(ForwardingHost::getRowOps(typeName, index));
+        ops = std::make_shared<FlakyRowOps>(ForwardingVeltaDB::getRowOps(typeName, index));
         return ops;
     }
     std::string unbound;

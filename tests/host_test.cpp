@@ -370,7 +370,9 @@ TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
                                               line("o", "row", "e"), line("late", "row", "e")}));
 }
 
-TEST_F(HostCallbacks, ShuffledOrderKeepsEachInterfacesOwnOrder) {
+// Each interface's own order under a shuffle is the kit's (its Shuffled twist); here, that a seed fixes
+// the order and that seeds do reorder.
+TEST_F(HostCallbacks, ShuffledOrderIsFixedBySeedAndDiffersFromFifo) {
     auto deliveries = [&](std::uint64_t seed) {
         reset({.shuffleSeed = seed});
         agent_ = connect("A");
@@ -381,16 +383,11 @@ TEST_F(HostCallbacks, ShuffledOrderKeepsEachInterfacesOwnOrder) {
         return log_;
     };
     const std::vector<std::string> fifo = deliveries(0);
-    ASSERT_EQ(fifo.size(), 27u);
     bool reordered = false;
     for (std::uint64_t seed = 1; seed <= 10; ++seed) {
         const std::vector<std::string> shuffled = deliveries(seed);
         EXPECT_EQ(shuffled, deliveries(seed)) << "same seed, same order";
         reordered = reordered || shuffled != fifo;
-        std::map<char, std::vector<std::string>> mine, expected;  // per interface: the FIFO order
-        for (const std::string& l : shuffled) mine[l[0]].push_back(l);
-        for (const std::string& l : fifo) expected[l[0]].push_back(l);
-        EXPECT_EQ(mine, expected) << "seed " << seed;
     }
     EXPECT_TRUE(reordered);
 }
@@ -553,7 +550,6 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     EXPECT_EQ(outcomes, (std::vector<std::string>{"k1 0 0 refused", "k2 1 2 "}));
 }
 
-// A value that counts how often it is formatted.
 struct Counted {
     static inline int formatted = 0;
 };

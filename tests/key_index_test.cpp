@@ -61,8 +61,6 @@ public:
     }
 };
 
-// ---- Histories against a model
-
 // Keys of a history: the model key of each row, and a fresh row for each model key.
 template <class K>
 struct KeySpace {
@@ -285,8 +283,6 @@ TEST(KeyIndexes, HistoriesMatchTheModel) {
                                               [](const BaseRow& r) { return r.strings(0); }};
     runHistory(less(taggedType()), tagged, &taggedType(), 23, 12000);
 }
-
-// ---- Delivery lookahead
 
 // A hook sees each queued row event's row before that event is delivered, in queue order, and
 // changes nothing about the deliveries; another handle's interface is not hooked. Prefetching a key

@@ -33,7 +33,6 @@
 #include <Velta/Agent/SubscriptionTranslator.h>
 
 #include <array>
-#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <random>
@@ -156,7 +155,6 @@ struct ChurnRun {
         translator_ = std::make_unique<Agent::SubscriptionTranslator>(handle_);
     }
 
-    // Applies one step; returns the violated invariants after a settle, if any.
     std::optional<std::string> apply(const Step& s, Stats* stats) {
         switch (s.op) {
             case Op::writeSub:
@@ -296,7 +294,6 @@ struct ChurnRun {
                 problems << "  W: deleted control publication still known: " << pub.toString() << "\n";
     }
 
-    // The system description with that oid, or an empty one.
     veMetadata::SystemDescription sysDesc(std::uint32_t oid) const {
         return veMetadata::SystemDescription(
             db_->read(kSysDescPath, rowOf<veMetadata::SystemDescription>("oid=" + std::to_string(oid))));
@@ -378,7 +375,6 @@ struct ChurnRun {
                 problems << "  R: no registry entry for valid " << name << "\n";
                 continue;
             }
-            // The entry in brief, against what it should be.
             const auto brief = [](auto table, auto external, auto sid, auto back) {
                 return "tableOid " + std::to_string(table) + " externalOid " + std::to_string(external) +
                        " sid " + std::to_string(sid) + " mapping back to " + std::to_string(back);
@@ -466,14 +462,10 @@ constexpr std::size_t kHistoryLength = 60;
 
 void churn(const AgentKind& kind, std::uint64_t seedBase) {
     Stats stats;
-    const char* one = std::getenv("VELTA_CHURN_SEED");
-    const char* histories = std::getenv("VELTA_CHURN_HISTORIES");
-    const bool replayOne = one && *one;
-    const std::size_t count = replayOne                 ? 1
-                              : histories && *histories ? std::strtoull(histories, nullptr, 10)
-                                                        : 1500;
+    const std::uint64_t one = Test::envCount("VELTA_CHURN_SEED", 0);
+    const std::size_t count = one ? 1 : Test::envCount("VELTA_CHURN_HISTORIES", 1500);
     for (std::size_t i = 0; i < count; ++i) {
-        const std::uint64_t seed = replayOne ? std::strtoull(one, nullptr, 10) : seedBase + 7919ULL * i;
+        const std::uint64_t seed = one ? one : seedBase + 7919ULL * i;
         const std::vector<Step> steps = drawHistory(seed, kind, kHistoryLength);
         ++stats.histories;
         if (auto failure = replay(steps, kind, &stats)) {
