@@ -475,6 +475,14 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
     server->registerTable("t/fresh", resultType().name(), TableType::standing, 0, 0, "o");
     EXPECT_EQ(server->tableInfo("t/fresh").owner(), "o");
     EXPECT_FALSE(server->tableInfo(kVeTable).empty());
+    // Dropped again and made again by a client's row of another type: a registration of a table
+    // that exists looks for its row in that table's own type.
+    ASSERT_TRUE(db_->dropTable(kVeTable));
+    const RowType& wide = Host::defineRowType(
+        "MetadataTest::Wide", {{"a", string}, {"b", string}, {"c", string}, {"d", string}}, {"d"});
+    db_->write(kVeTable, makeRow(wide, {{"d", "client"}}));
+    server->registerTable("t/fresh", resultType().name(), TableType::standing, 0, 0, "o");
+    EXPECT_EQ(db_->rowCount(kVeTable), 2u);
 }
 
 // The publications' fields are in the translator's transcripts; here, what is decided at the turn.

@@ -136,7 +136,8 @@ void Database::Impl::restoreMetadataRow(Slot& slot, const std::string& ownerName
     if (!meta.table) createTable(meta, veMetadata::veTable::type(), "", 0);
     veMetadata::veTable key;
     key.tablePathIs(slot.path);
-    if (meta.table->find(*key.data()) != nullptr) return;
+    // Looked up as a row of the table's own type: a client may have made it again with another.
+    if (!lookupIn(&meta, key, 0).empty()) return;
     veMetadata::veTable row;
     row.tablePathIs(slot.path);
     row.typeNameIs(slot.table->type().name());
@@ -511,7 +512,9 @@ void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
     const std::uint64_t oid = oidOf(row);
     queueTask("control publication " + std::to_string(oid), [this, key, oid] {
         Slot* subs = findSlot(kCtrlSubscriptionPath);
-        if (subs == nullptr || !subs->table) return;
+        // A table of another type there now (the control table was dropped and a client's write
+        // made it again) holds no control row.
+        if (subs == nullptr || !subs->table || &subs->table->type() != key.rowType()) return;
         const BaseRow stored = RowRef::share(subs->table->find(*key.data()));
         if (stored.empty() || oidOf(stored) != oid) return;  // the control row went meanwhile
         const veCtrl::subscription sub(stored);
