@@ -167,6 +167,7 @@ private:
         return pending() == nullptr;
     }
 
+    // The n-th row of a table, if any.
     BaseRow pickRow(const std::string& p) {
         const std::vector<BaseRow> rows = db_->rows(p);
         return rows.empty() ? BaseRow() : rows[in_.inRange<std::size_t>(0, rows.size() - 1)];

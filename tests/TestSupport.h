@@ -69,6 +69,7 @@ RecordT makeRecord(const FieldValues& values) {
     return RecordT(makeRow(RecordT::type(), values));
 }
 
+// toString() of every row, in order.
 inline std::vector<std::string> rowLines(const std::vector<BaseRow>& rows) {
     std::vector<std::string> lines;
     lines.reserve(rows.size());
@@ -76,6 +77,7 @@ inline std::vector<std::string> rowLines(const std::vector<BaseRow>& rows) {
     return lines;
 }
 
+// The host-call log as lines (Host::toString of each call).
 inline std::vector<std::string> callLines(const Host::Database& db) {
     std::vector<std::string> lines;
     for (const Host::HostCall& call : db.calls()) lines.push_back(Host::toString(call));

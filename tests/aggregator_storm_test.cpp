@@ -261,6 +261,7 @@ public:
 
     const MergeModel& model() const { return model_; }
 
+    // Applies one step to both sides; returns the first divergence, if any.
     std::optional<std::string> apply(const Step& s) {
         if (!accepted(s)) return std::nullopt;
         const std::string path = kPaths[s.slot], key = keyName(s.key), src = path.substr(0, path.size() - 5);
@@ -367,6 +368,7 @@ private:
     std::map<std::string, bool> droppedType_;
 };
 
+// Runs `steps` afresh; the first divergence, if any, as "step N: what".
 std::optional<std::string> replay(const std::vector<Step>& steps) {
     StormRun run;
     for (std::size_t i = 0; i < steps.size(); ++i)
@@ -413,6 +415,7 @@ Step drawStep(std::mt19937_64& rng, const MergeModel& model, std::uint32_t* ver)
     return s;
 }
 
+// Generates and runs one history of 60 steps; on a divergence, reports it with a shrunk history.
 std::optional<std::string> stormHistory(std::uint64_t seed) {
     constexpr std::size_t length = 60;
     std::mt19937_64 rng(seed);

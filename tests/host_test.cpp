@@ -558,6 +558,7 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     EXPECT_EQ(outcomes, (std::vector<std::string>{"k1 0 0 refused", "k2 1 2 "}));
 }
 
+// A value that counts how often it is formatted.
 struct Counted {
     static inline int formatted = 0;
 };

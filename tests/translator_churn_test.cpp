@@ -155,6 +155,7 @@ struct ChurnRun {
         translator_ = std::make_unique<Agent::SubscriptionTranslator>(handle_);
     }
 
+    // Applies one step; returns the violated invariants after a settle, if any.
     std::optional<std::string> apply(const Step& s, Stats* stats) {
         switch (s.op) {
             case Op::writeSub:
@@ -294,6 +295,7 @@ struct ChurnRun {
                 problems << "  W: deleted control publication still known: " << pub.toString() << "\n";
     }
 
+    // The system description with that oid, or an empty one.
     veMetadata::SystemDescription sysDesc(std::uint32_t oid) const {
         return veMetadata::SystemDescription(
             db_->read(kSysDescPath, rowOf<veMetadata::SystemDescription>("oid=" + std::to_string(oid))));

@@ -27,6 +27,7 @@ std::string parseError(const std::string& text) {
     return result.error;
 }
 
+// Each failure as its headline followed by its diff lines.
 std::vector<std::string> failureLines(const std::vector<Failure>& failures) {
     std::vector<std::string> lines;
     for (const Failure& f : failures) {
