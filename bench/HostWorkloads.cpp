@@ -169,7 +169,7 @@ private:
         ctrl.typeNameIs(sub.typeName());
         subsModifier_.rowIs(ctrl);
         const veCtrl::subscription stored(subsReader_.row(ctrl, 0));
-        vdb_->tableTypeId(sub.typeName(), false);
+        vdb_->tableTypeId(sub.typeName(), false);  // the registry entry reads the type id again
         External::Publication pub;
         pub.subscription_idIs(sub.oid());
         veCtrl::publication internalKey;

@@ -11,12 +11,12 @@
 //   velta-bench --profile=NAME [--keys=N] [--units=N] [--warm-heap=MiB]
 //                                     builds one workload (aggregator, forwarder, sqlite, floor,
 //                                     hostwrite, map, intake, intakehost, resync, lookups, memory)
-//                                     and runs it
-//                                     once, for a profiler such as valgrind --tool=callgrind; prints
-//                                     its time and the page faults it took (first touches of memory
-//                                     the process had not used before) per unit; --warm-heap first
-//                                     touches and frees that much heap and keeps it, so that the
-//                                     run shows what the workload costs without those first touches
+//                                     and runs it once, for a profiler such as valgrind
+//                                     --tool=callgrind; prints its time and the page faults it took
+//                                     (first touches of memory the process had not used before) per
+//                                     unit; --warm-heap first touches and frees that much heap and
+//                                     keeps it, so that the run shows what the workload costs
+//                                     without those first touches
 #include "BenchSupport.h"
 
 #include <benchmark/benchmark.h>
