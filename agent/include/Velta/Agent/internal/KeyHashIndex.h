@@ -99,15 +99,6 @@ public:
         --count_;
     }
 
-    void clear() noexcept {
-        ctrl_.clear();
-        ctrl_.shrink_to_fit();
-        entries_.clear();
-        entries_.shrink_to_fit();
-        mask_ = 0;
-        count_ = 0;
-    }
-
 private:
     static constexpr std::size_t kMaxLoadPercent = 80;
     static constexpr std::uint8_t kEmpty = 0;
