@@ -312,8 +312,8 @@ TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
     VeTableInterface unbound("unbound", numType().name(), kModeObserve, {}, {}, {}, {});
     lookahead->lookaheadIs(unbound, hook, &log);  // not bound at all: ignored
 
-    std::vector<std::string> expected;  // the deliveries
-    for (int k = 0; k < 40; ++k) {
+    std::vector<std::string> expected;  // the deliveries: more than the queue first holds, so it grows
+    for (int k = 0; k < 60; ++k) {
         BaseRow row = makeRow(numType(), {{"k", k}, {"v", k}});
         modifier.rowIs(row);
         expected.push_back("row " + std::to_string(k));
