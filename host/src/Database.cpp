@@ -223,10 +223,7 @@ BaseRow Database::Impl::lookup(std::string_view path, const BaseRow& key, unsign
 
 BaseRow Database::Impl::lookupIn(const Slot* slot, const BaseRow& key, unsigned char index) {
     if (slot == nullptr || !slot->table || key.empty()) return BaseRow();
-    const TableState& t = *slot->table;
-    if (key.rowType() == &t.type()) return RowRef::share(t.findIn(*key.data(), index));
-    const BaseRow k = key.as(t.type());
-    return RowRef::share(t.findIn(*k.data(), index));
+    return RowRef::share(slot->table->lookup(key, index));
 }
 
 veMetadata::veTable Database::Impl::tableInfo(const std::string& path) const {

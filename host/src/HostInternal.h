@@ -297,6 +297,12 @@ public:
     }
     // The first row with `key`'s oid (tables with an oid only), or null.
     const RowData* findByOid(const RowData& key) const;
+    // findIn() for a key row of any type (not empty), read by field name when its type is another.
+    const RowData* lookup(const BaseRow& key, unsigned char index) const {
+        if (key.rowType() == type_) return findIn(*key.data(), index);
+        const BaseRow converted = key.as(*type_);
+        return findIn(*converted.data(), index);
+    }
     // The row of an ordered-index entry (every entry has its row in the hash index).
     const RowData* rowAt(const OrderKey& key) const {
         settle();

@@ -366,10 +366,7 @@ VeRowIterator VeTableInterface::lower_bound(const BaseRow& key, unsigned char in
 BaseRow VeTableInterface::row(const BaseRow& key, unsigned char index) const {
     const auto* table = tableOf(attachment_);
     if (table == nullptr || key.empty()) return BaseRow();
-    const TableState& t = **table;
-    if (key.rowType() == &t.type()) return detail::RowRef::share(t.findIn(*key.data(), index));
-    const BaseRow k = key.as(t.type());
-    return detail::RowRef::share(t.findIn(*k.data(), index));
+    return detail::RowRef::share((*table)->lookup(key, index));
 }
 
 void VeTableInterface::rowIs(BaseRow& row) {
