@@ -17,6 +17,7 @@
 #include <Velta/Records.h>
 #include <Velta/VeRT.h>
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -354,9 +355,17 @@ void Aggregator::settleOutputRow(OutputRowOwners::iterator entry, const BaseRow&
             if (replacement.empty()) continue;
             outputModifier.rowIs(replacement);
 #if VELTA_AGENT_HOST_KEY_HASH
-            // Only the key fields of an entry's key object are used: the entry changes hands where
-            // it is, instead of leaving the tree and entering it again at the same place.
-            outputRowOwners_.assign(entry, replacement, input);
+            const auto& less = outputRowOwners_.key_comp();
+            if (!less(replacement, key) && !less(key, replacement)) {
+                // Only the key fields of an entry's key object are used: the entry changes hands
+                // where it is, instead of leaving the tree and entering it again at the same place.
+                outputRowOwners_.assign(entry, replacement, input);
+                return;
+            }
+            // A row of another type is another key of the map, even with the same key fields: the
+            // entry leaves and the replacement enters under its own key.
+            outputRowOwners_.erase(entry, key);
+            outputRowOwners_.emplace(std::move(replacement), input);
 #else
             const auto next = std::next(entry);
             outputRowOwners_.erase(entry);
@@ -419,7 +428,15 @@ void Aggregator::onReady() {
             }
             if (!held) unheld.push_back(outputRow);
         }
-        for (const BaseRow& outputRow : unheld) outputModifier.rowDel(outputRow);
+        // The walks compare rows in the output's key order, where rows of another type never
+        // match. An input whose table has another type still holds the row when a lookup by the
+        // row's key fields finds it there, so a row is deleted only when no input's lookup does.
+        for (const BaseRow& outputRow : unheld) {
+            const bool held = std::any_of(walks.begin(), walks.end(), [&](const InputWalk& walk) {
+                return !walk.input->row(outputRow).empty();
+            });
+            if (!held) outputModifier.rowDel(outputRow);
+        }
     }
 
     for (const auto& [path, input] : inputTables_) {
