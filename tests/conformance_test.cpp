@@ -45,6 +45,7 @@ struct Registration {
 class Lab : public InMemoryHost {
 public:
     using InMemoryHost::InMemoryHost;
+    ~Lab() override { Host::Database::copyOnWriteIs(true); }
     static void bindNow(VeltaDB& inner, const BoundP& b, bool flag) {
         inner.bindInterface(*b->iface, b->path, flag);
     }
@@ -304,6 +305,8 @@ const std::vector<Proof> kProofs = {
          };
          l.afterDeliver = refresh;
      }},
+    {"WritesThroughSharedRows", "RowsAreCopiedOnWrite",  // process-wide: the lab turns it back on
+     [](Lab&) { Host::Database::copyOnWriteIs(false); }},
     {"RowOpsOfTheWrongIndex", "KeyOrdersFollowThePrimaryKey", [](Lab& l) { l.rowOpsOfIndexOne = true; }},
     {"TableInfoByPathOnly", "TablesAreListedAndDescribed", [](Lab& l) { l.noInfoById = true; }},
     {"ServerRegistrationTravels", "ServerRegistrationIsVisibleAtOnce",  // until the lab next delivers

@@ -72,6 +72,10 @@ const std::vector<Check>& checks() {
         {"OwnWritesAreVisibleAtOnce",
          "an agent sees its own writes and deletions at once, through any of its interfaces on that table",
          ownWritesAreVisibleAtOnce},
+        {"RowsAreCopiedOnWrite",
+         "a setter on a row whose data is shared (a row written, read, handed to a callback, or a copy of "
+         "one) copies it first: neither the table nor another copy sees the change",
+         rowsAreCopiedOnWrite},
         {"KeyOrdersFollowThePrimaryKey",
          "operator< of the records and the RowOpsKeyLess of getRowOps(type, 0) are strict weak orders under "
          "which two rows are equivalent exactly when their primary keys are equal",

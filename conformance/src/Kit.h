@@ -138,6 +138,7 @@ void primaryKeyAddressesRows(HostAdapter& host);
 void oidIndexFindsRows(HostAdapter& host);
 void walksSurviveChanges(HostAdapter& host);
 void ownWritesAreVisibleAtOnce(HostAdapter& host);
+void rowsAreCopiedOnWrite(HostAdapter& host);
 void keyOrdersFollowThePrimaryKey(HostAdapter& host);
 void tablesAreListedAndDescribed(HostAdapter& host);
 void serverRegistrationIsVisibleAtOnce(HostAdapter& host);

@@ -333,6 +333,34 @@ void ownWritesAreVisibleAtOnce(HostAdapter& host) {
         << lines(problems);
 }
 
+void rowsAreCopiedOnWrite(HostAdapter& host) {
+    Scene s(host, "copy-on-write");
+    Probe& modifier = s.probe("modifier", kModifierMode);
+    s.probe("observer", kObserverMode, [](Probe&, const std::string& what, const BaseRow& row) {
+        if (what != "row") return;
+        External::Publication mine(row);  // as the intake changes the oid of the row it was handed
+        mine.errorIs("changed in a callback");
+    });
+    host.deliver();
+    External::Publication written = pub(1, "written");
+    modifier.iface.rowIs(written);
+    written.errorIs("changed by the writer");
+    host.writeRow(s.path, pub(2, "client"));
+    host.deliver();
+    External::Publication read(modifier.iface.row(pub(2), 0));
+    const External::Publication copy = read;
+    read.errorIs("changed by a reader");
+    const std::vector<std::string> got = walk(modifier.iface, showPub);
+    const std::vector<std::string> want = {"#1 written", "#2 client"};
+    VELTA_KIT_EXPECT(got == want && showPub(copy) == "#2 client")
+        << "your host let a change to a row an agent holds reach another holder of that row: after the "
+           "writer changed its row, an observer changed the row it was handed and a reader changed the "
+           "row it read, the table read"
+        << lines(got) << "\n  and a copy the reader made before its change read " << showPub(copy)
+        << "\n  (expected the table to read" << lines(want) << "\n  and the copy #2 client: a setter on a "
+        << "row whose data is shared copies it first)";
+}
+
 void keyOrdersFollowThePrimaryKey(HostAdapter& host) {
     auto agent = connectAgent(host, "A");
     std::vector<std::string> problems;

@@ -642,6 +642,7 @@ Database::~Database() = default;
 
 void Database::serverProcessIs(bool value) { serverProcessFlag.store(value); }
 bool Database::serverProcess() { return serverProcessFlag.load(); }
+void Database::copyOnWriteIs(bool value) { internal::copyOnWrite.store(value); }
 
 VeltaDB::p_t Database::connect(const AgentOptions& options) {
     return std::make_shared<AgentHandle>(shared_from_this(), options);

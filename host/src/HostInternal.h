@@ -42,6 +42,7 @@
 #include <Velta/VeTableInterface.h>
 #include <Velta/VeltaDB.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -55,6 +56,9 @@
 #include <vector>
 
 namespace Velta::Host::internal {
+
+// Whether a setter on a row whose data is shared copies it first (Database::copyOnWriteIs).
+extern std::atomic<bool> copyOnWrite;
 
 // Fetches the cache line at `p` into the cache; `p` may be null or stale (a prefetch never faults).
 // An instruction the compiler must keep: GCC 12 deletes a __builtin_prefetch whose address comes

@@ -170,6 +170,11 @@ public:
     // What the static VeltaDB::server() answers (process-wide; default false).
     static void serverProcessIs(bool value);
     static bool serverProcess();
+    // Test-only: whether a setter on a row whose data is shared copies it first (process-wide;
+    // default true, as every host must). Off, a setter writes the shared data, so every holder of
+    // the row (the table's stored row included) sees the change: the host the conformance kit's
+    // copy-on-write check exists to catch.
+    static void copyOnWriteIs(bool value);
 
     // A handle for one agent. The handle keeps the database alive.
     VeltaDB::p_t connect(const AgentOptions& options);
