@@ -510,6 +510,12 @@ TEST_F(HostMetadata, ControlPublicationsAnswerControlRowsStillThereAtTheirTurn) 
         if (e.kind == Host::EventLog::Entry::Kind::write && e.path == "velta/veCtrl/publication")
             answered.push_back(veCtrl::publication(e.row).subscription_id());
     EXPECT_EQ(answered, (std::vector<std::uint64_t>{stored.number(0), back.number(0)}));
+    veCtrl::subscription moved = ctrl(3);
+    moved.oidIs(900);  // the row its publication answered is gone, though its key stays
+    db_->write("velta/veCtrl/subscription", moved);
+    run();
+    EXPECT_EQ(veCtrl::publication(db_->rows("velta/veCtrl/publication").at(0)).subscription_id(),
+              back.number(0));
     reset({});  // off by default
     db_->write("velta/veCtrl/subscription", ctrl(3));
     run();

@@ -169,6 +169,9 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         converted = row.as(t.type());
         target = &converted;
     }
+    const bool publishes = slot.controlSubscriptions && options.autoPublish;
+    const RowData* replaced = publishes ? t.find(*target->data()) : nullptr;
+    const std::uint64_t replacedOid = replaced != nullptr ? t.oidOf(*replaced) : 0;
     bool added = false;
     if (t.defersWrites() && !slot.controlSubscriptions)
         t.defer(*target->data());  // storing it tells the writer nothing: it waits while its entry is fetched
@@ -176,7 +179,9 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         added = storeNow(t, row, *target);
     notify(slot, QueuedEvent::Kind::row, *target);
     if (listener != nullptr) listener->onWrite(slot.path, *target);
-    if (added && slot.controlSubscriptions && options.autoPublish) controlSubscriptionAdded(*target);
+    if (publishes && added) controlSubscriptionAdded(*target);
+    // A rewrite under another oid: the row the publication answered is gone as far as it goes.
+    if (publishes && !added && replacedOid != oidOf(*target)) controlSubscriptionRemoved(replacedOid);
     return target->data();  // the table holds it too
 }
 
@@ -213,7 +218,7 @@ bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
     if (removed.empty()) return false;
     notify(slot, QueuedEvent::Kind::rowDelete, removed);
     if (listener != nullptr) listener->onDelete(slot.path, removed);
-    if (slot.controlSubscriptions && options.autoPublish) controlSubscriptionRemoved(removed);
+    if (slot.controlSubscriptions && options.autoPublish) controlSubscriptionRemoved(oidOf(removed));
     return true;
 }
 
@@ -531,8 +536,7 @@ void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
     });
 }
 
-void Database::Impl::controlSubscriptionRemoved(const BaseRow& row) {
-    const std::uint64_t oid = oidOf(row);
+void Database::Impl::controlSubscriptionRemoved(std::uint64_t oid) {
     queueTask("control publication removal " + std::to_string(oid), [this, oid] {
         Slot* pubs = findSlot(kCtrlPublicationPath);
         if (pubs == nullptr) return;

@@ -612,7 +612,7 @@ private:
     void push(QueuedEvent&& e);
     void deliver(QueuedEvent& e);
     void controlSubscriptionAdded(const BaseRow& row);
-    void controlSubscriptionRemoved(const BaseRow& row);
+    void controlSubscriptionRemoved(std::uint64_t oid);
     // Records the outcome of query `index` and calls its completion unless its handle is gone.
     void finishQuery(std::size_t index, bool ok, const std::string& error);
 

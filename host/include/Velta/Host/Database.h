@@ -155,7 +155,9 @@ private:
 class Database : public std::enable_shared_from_this<Database> {
 public:
     struct Options {
-        bool autoPublish = false;               // answer control subscriptions with control publications
+        // Answer control subscriptions: one loop turn after a new control row, a control publication
+        // for its oid; it goes when that row goes or is rewritten under another oid.
+        bool autoPublish = false;
         bool manualQueries = false;             // complete queries only by completeQuery()
         std::size_t deliveryBound = 1'000'000;  // runUntilIdle stops after this many deliveries
         std::uint64_t shuffleSeed = 0;          // non-zero: seeded delivery order (per-interface FIFO kept)
