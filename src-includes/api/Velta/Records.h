@@ -8,7 +8,7 @@
 // and its primary key as X(field) entries in key order. From those lists come both the field and
 // key tables the host registers (detail::kBuiltinTypes) and the record's accessors and operator<,
 // so they cannot drift: per field `T field() const` and `void fieldIs(const T&)`,
-// where T is std::uint16_t, std::uint32_t, std::uint64_t, bool, std::string or
+// where T is std::uint16_t, std::uint32_t, unsigned long long, bool, std::string or
 // std::vector<std::string> for the kinds u16, u32, u64, boolean, string and strings. Number and
 // bool getters are noexcept; string and list getters return a copy.
 #pragma once
@@ -32,7 +32,7 @@
     void field##Is(const T& value) { numberSlot(Field::field) = static_cast<std::uint64_t>(value); }
 #define VELTA_RECORD_ACCESSORS_u16(field) VELTA_RECORD_NUMBER_ACCESSORS(field, std::uint16_t)
 #define VELTA_RECORD_ACCESSORS_u32(field) VELTA_RECORD_NUMBER_ACCESSORS(field, std::uint32_t)
-#define VELTA_RECORD_ACCESSORS_u64(field) VELTA_RECORD_NUMBER_ACCESSORS(field, std::uint64_t)
+#define VELTA_RECORD_ACCESSORS_u64(field) VELTA_RECORD_NUMBER_ACCESSORS(field, unsigned long long)
 #define VELTA_RECORD_ACCESSORS_boolean(field) VELTA_RECORD_NUMBER_ACCESSORS(field, bool)
 #define VELTA_RECORD_ACCESSORS_string(field)                   \
     std::string field() const { return string(Field::field); } \
