@@ -66,6 +66,15 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"row_types:\n  - {name: veCtrl::publication, key: [a], fields: {a: u16}}\nsteps: []\n",
          "5:12: row type 'veCtrl::publication' is a built-in record; choose another name"},
         {"steps:\n  - run: {table: x}\n", "5:10: 'run' takes no fields"},
+        // The host keeps a table that exists as it is; a dropped one can be made with another type.
+        {"steps:\n  - create_table: {path: p, type: veCtrl::publication}\n  - drop_table: {path: p}\n"
+         "  - create_table: {path: p, type: veMetadata::veTable}\n" +
+             aggregator +
+             "veMetadata::veTable}\n  - create_table: {path: p, type: veMetadata::veTable}\n"
+             "  - create_table: {path: o, type: veCtrl::publication}\n",
+         "10:35: table 'o' already exists with row type veMetadata::veTable (the output of aggregator 'g' "
+         "started at line 8), and create_table leaves an existing table as it is: name veMetadata::veTable, "
+         "or drop_table it first"},
     };
     for (const auto& [text, error] : cases) EXPECT_EQ(parseError(agents + text), "s.yaml:" + error) << text;
 }

@@ -175,7 +175,9 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
 
 void ScenarioParser::seedTables() {
     for (const auto& builtin : Velta::detail::kBuiltinTypes)
-        if (builtin.tablePath != nullptr) tables_[builtin.tablePath] = &Velta::builtinRowType(builtin.which);
+        if (builtin.tablePath != nullptr)
+            impliedTable(builtin.tablePath, Velta::builtinRowType(builtin.which),
+                         "every database starts with it");
 }
 
 void ScenarioParser::parseAgents(const YAML::Node& node) {
@@ -194,10 +196,11 @@ void ScenarioParser::parseAgents(const YAML::Node& node) {
         if (const YAML::Node* n = def.get("standalone")) agent.standalone = boolean(*n, "'standalone'");
         if (!agent.standalone) {
             // The per-agent tables a non-standalone translator works on exist once it runs.
-            tables_["velta/External/input/" + agent.name + "/Subscription"] =
-                &Velta::External::Subscription::type();
-            tables_["velta/veCtrl/input/" + agent.name + "/subscription"] =
-                &Velta::veCtrl::subscription::type();
+            const std::string origin = "a per-agent table of agent " + quoted(agent.name);
+            impliedTable("velta/External/input/" + agent.name + "/Subscription",
+                         Velta::External::Subscription::type(), origin);
+            impliedTable("velta/veCtrl/input/" + agent.name + "/subscription",
+                         Velta::veCtrl::subscription::type(), origin);
         }
         agentStates_[agent.name];
         scenario_.agents.push_back(std::move(agent));
@@ -252,7 +255,13 @@ std::pair<std::string, const Velta::RowType*> ScenarioParser::tableRef(const YAM
                        ": create it with create_table first, or name a table an earlier step implies "
                        "(a subscription's outputPath, an aggregator's output)");
     }
-    return *it;
+    return {it->first, it->second.type};
+}
+
+void ScenarioParser::impliedTable(const std::string& path, const Velta::RowType& type, std::string origin) {
+    KnownTable& known = tables_[path];
+    if (known.type != nullptr && !known.dropped) return;
+    known = KnownTable{&type, std::move(origin), false};
 }
 
 FieldValue ScenarioParser::fieldValue(const Velta::RowType& type, std::size_t index, const YAML::Node& node) {
@@ -326,7 +335,9 @@ void ScenarioParser::learnOutputTables(const std::vector<RowSpec>& rows) {
             if (name == "typeName") typeName = std::get<std::string>(v.value);
         }
         const Velta::RowType* type = findType(typeName);
-        if (!outputPath.empty() && type != nullptr) tables_.emplace(outputPath, type);
+        if (!outputPath.empty() && type != nullptr)
+            impliedTable(outputPath, *type,
+                         "the outputPath of a subscription written at " + markText(row.mark));
     }
 }
 
