@@ -66,6 +66,9 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"row_types:\n  - {name: veCtrl::publication, key: [a], fields: {a: u16}}\nsteps: []\n",
          "5:12: row type 'veCtrl::publication' is a built-in record; choose another name"},
         {"steps:\n  - run: {table: x}\n", "5:10: 'run' takes no fields"},
+        {"trace: {Aggregater: 0x7f}\nsteps: []\n",
+         "4:9: unknown trace channel 'Aggregater' (did you mean 'Aggregator'?); channels are: "
+         "SubscriptionTranslator, Aggregator, Schedulable"},
         // The host keeps a table that exists as it is; a dropped one can be made with another type.
         {"steps:\n  - create_table: {path: p, type: veCtrl::publication}\n  - drop_table: {path: p}\n"
          "  - create_table: {path: p, type: veMetadata::veTable}\n" +

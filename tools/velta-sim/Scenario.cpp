@@ -7,6 +7,7 @@
 
 #include <Velta/Records.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -111,9 +112,15 @@ void ScenarioParser::parseHost(const YAML::Node& node) {
 void ScenarioParser::parseTrace(const YAML::Node& node) {
     if (!node.IsMap())
         fail(node, std::string("expected a map of channel: mask for 'trace', found ") + nodeKind(node));
+    // The channels the agents and the host trace on: a mask for any other name captures nothing, so
+    // an expect_no_trace on it could never fail.
+    const std::vector<std::string> channels = {"SubscriptionTranslator", "Aggregator", "Schedulable"};
     std::set<std::string> seen;
     for (auto it = node.begin(); it != node.end(); ++it) {
         const std::string channel = nonEmptyText(it->first, "a trace channel");
+        if (std::find(channels.begin(), channels.end(), channel) == channels.end())
+            fail(it->first, "unknown trace channel " + quoted(channel) + suggestion(channel, channels) +
+                                "; channels are: " + joined(channels));
         if (!seen.insert(channel).second) fail(it->first, "duplicate key " + quoted(channel) + " in 'trace'");
         scenario_.traceMasks.emplace_back(
             channel,
