@@ -69,6 +69,8 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"trace: {Aggregater: 0x7f}\nsteps: []\n",
          "4:9: unknown trace channel 'Aggregater' (did you mean 'Aggregator'?); channels are: "
          "SubscriptionTranslator, Aggregator, Schedulable"},
+        {"steps:\n  - delete: {table: velta/metadata/veTable, key: {oid: 1}}\n",
+         "5:51: 'oid' is not a key field of veMetadata::veTable; key fields are: tablePath"},
         // The host keeps a table that exists as it is; a dropped one can be made with another type.
         {"steps:\n  - create_table: {path: p, type: veCtrl::publication}\n  - drop_table: {path: p}\n"
          "  - create_table: {path: p, type: veMetadata::veTable}\n" +

@@ -323,6 +323,17 @@ RowSpec ScenarioParser::rowSpec(const YAML::Node& node, const Velta::RowType& ty
     return listed;
 }
 
+RowSpec ScenarioParser::keySpec(const YAML::Node& node, const Velta::RowType& type) {
+    RowSpec key = rowSpec(node, type, "'key'");
+    std::vector<std::string> keyNames;
+    for (const auto k : type.keyFields()) keyNames.push_back(type.fields()[k].name);
+    for (auto it = node.begin(); it != node.end(); ++it)
+        if (std::find(keyNames.begin(), keyNames.end(), it->first.Scalar()) == keyNames.end())
+            fail(it->first, quoted(it->first.Scalar()) + " is not a key field of " + type.name() +
+                                "; key fields are: " + joined(keyNames));
+    return key;
+}
+
 std::vector<RowSpec> ScenarioParser::rowList(const YAML::Node& node, const Velta::RowType& type,
                                              const std::string& context, bool expected) {
     if (!node.IsSequence())

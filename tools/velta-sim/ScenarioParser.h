@@ -70,6 +70,9 @@ private:
     // supply it, unless its type has a field of that name.
     RowSpec rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
                     bool expected = false);
+    // The `key` of a delete or expect_row: the row is found by its key fields only, so any other
+    // field would be ignored.
+    RowSpec keySpec(const YAML::Node& node, const Velta::RowType& type);
     std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type,
                                  const std::string& context, bool expected = false);
     // A subscription row names its output table: the translator registers it with that type.

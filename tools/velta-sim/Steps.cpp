@@ -163,7 +163,7 @@ void ScenarioParser::read(Delete& step, const YAML::Node& body, const std::strin
     const MapView m(body, context, {"table", "key"});
     const auto [path, type] = tableRef(m.need("table"), "'table'");
     step.path = path;
-    step.key = rowSpec(m.need("key"), *type, "'key'");
+    step.key = keySpec(m.need("key"), *type);
 }
 
 void ScenarioParser::read(Clock& step, const YAML::Node& body, const std::string& context) {
@@ -194,7 +194,7 @@ void ScenarioParser::read(ExpectRow& step, const YAML::Node& body, const std::st
     const MapView m(body, context, {"table", "key", "row", "absent"});
     const auto [path, type] = tableRef(m.need("table"), "'table'");
     step.path = path;
-    step.key = rowSpec(m.need("key"), *type, "'key'");
+    step.key = keySpec(m.need("key"), *type);
     const YAML::Node* row = m.get("row");
     const YAML::Node* absent = m.get("absent");
     if ((row == nullptr) == (absent == nullptr))
