@@ -88,12 +88,13 @@ TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {
     EXPECT_EQ(VeltaSim::yamlText("-1") + VeltaSim::yamlText("say \"hi\"\n"), "\"-1\"\"say \\\"hi\\\"\\n\"");
     // A row as a report shows it, pasted back into a scenario, matches the row it came from.
     auto row = Velta::Test::rowOf<Velta::External::Subscription>(
-        "oid=4000000000;standing=1;queryText=SELECT * FROM a: b, c #d;paramName=[,[x],y]");
+        "outputPath=Null;oid=4000000000;standing=1;queryText=SELECT * FROM a: b, c #d;"
+        "paramName=[,[x],y,null,NULL]");
     const std::string shown = VeltaSim::formatFields(row, VeltaSim::keyAndSetFields(row));
-    EXPECT_EQ(
-        shown,
-        "{system_description: 0, outputPath: \"\", oid: 4000000000, queryText: \"SELECT * FROM a: b, c #d\", "
-        "standing: true, paramName: [\"\", \"[x]\", y]}");
+    EXPECT_EQ(shown,
+              "{system_description: 0, outputPath: \"Null\", oid: 4000000000, "
+              "queryText: \"SELECT * FROM a: b, c #d\", standing: true, "
+              "paramName: [\"\", \"[x]\", y, \"null\", \"NULL\"]}");
     const Scenario s =
         parsed("steps:\n  - expect_rows: {table: velta/External/Subscription, rows: [" + shown + "]}\n");
     const auto& listed = std::get<VeltaSim::ExpectRows>(s.steps[0].action).rows.at(0);
