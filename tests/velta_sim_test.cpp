@@ -82,6 +82,8 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "or drop_table it first"},
     };
     for (const auto& [text, error] : cases) EXPECT_EQ(parseError(agents + text), "s.yaml:" + error) << text;
+    const std::string directory = ::testing::TempDir();
+    EXPECT_EQ(VeltaSim::loadScenario(directory).error, directory + ": cannot read: Is a directory");
 }
 
 TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {

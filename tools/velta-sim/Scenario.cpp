@@ -7,6 +7,8 @@
 
 #include <Velta/Records.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -448,9 +450,15 @@ ParseResult parseScenario(const std::string& file, const std::string& text) {
 }
 
 ParseResult loadScenario(const std::string& file) {
+    ParseResult result;
+    // A directory opens as a stream that reads nothing, which would pass for an empty file.
+    struct stat info {};
+    if (::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        result.error = file + ": cannot read: " + std::strerror(EISDIR);
+        return result;
+    }
     std::ifstream in(file, std::ios::binary);
     if (!in) {
-        ParseResult result;
         result.error = file + ": cannot read: " + std::strerror(errno);
         return result;
     }
