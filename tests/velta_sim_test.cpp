@@ -194,6 +194,14 @@ steps:
         EXPECT_EQ(result.completed, deliveryBound == 0);
         EXPECT_EQ(failureLines(result.failures), failures);
     }
+    // Row types are process-wide: a later run in this process cannot give Sim::Route another definition.
+    const VeltaSim::RunResult again = VeltaSim::runScenario(
+        parsed("row_types:\n  - {name: Sim::Route, key: [k], fields: {k: string}}\nsteps: []\n"),
+        RunOptions{});
+    EXPECT_EQ(failureLines(again.failures),
+              std::vector<std::string>{
+                  "the run could not go on: row type Sim::Route (line 2) is already defined "
+                  "differently by a scenario run earlier in this process, as under --no-fork"});
 }
 
 TEST(VeltaSimRun, ChildRunsReportAssertionsAsExpectedOrAsFailures) {
