@@ -66,6 +66,8 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"row_types:\n  - {name: veCtrl::publication, key: [a], fields: {a: u16}}\nsteps: []\n",
          "5:12: row type 'veCtrl::publication' is a built-in record; choose another name"},
         {"steps:\n  - run: {table: x}\n", "5:10: 'run' takes no fields"},
+        {"steps:\n  - &r run\n  - *r\n",
+         "6:5: a YAML alias; a scenario file takes none: write the node out again where it is used"},
         {"trace: {Aggregater: 0x7f}\nsteps: []\n",
          "4:9: unknown trace channel 'Aggregater' (did you mean 'Aggregator'?); channels are: "
          "SubscriptionTranslator, Aggregator, Schedulable"},
