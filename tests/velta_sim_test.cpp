@@ -68,6 +68,8 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"steps:\n  - run: {table: x}\n", "5:10: 'run' takes no fields"},
         {"steps:\n  - &r run\n  - *r\n",
          "6:5: a YAML alias; a scenario file takes none: write the node out again where it is used"},
+        {"steps:\n  - start: {agent: \"s\\nrv\", translator: true}\n",
+         "5:20: unknown agent \"s\\nrv\" (did you mean 'srv'?); agents are: srv, a1"},
         {"trace: {Aggregater: 0x7f}\nsteps: []\n",
          "4:9: unknown trace channel 'Aggregater' (did you mean 'Aggregator'?); channels are: "
          "SubscriptionTranslator, Aggregator, Schedulable"},
@@ -297,14 +299,14 @@ steps:
 }
 
 TEST(VeltaSimReport, TextAndJsonCarryTheSameFacts) {
-    VeltaSim::ScenarioReport report{"x.yaml", "a \"quoted\" name", false, {}, 4, {2, 3}, std::nullopt};
+    VeltaSim::ScenarioReport report{"x.yaml", "a \"quoted\"\nname", false, {}, 4, {2, 3}, std::nullopt};
     report.outcome.passed = true;
     report.firstShuffleFailure = Failure{3, 9, "expect_rows", "t: 1 row expected, 0 found", {"- {a: 1}"}};
     // Not declared order independent: failing orders are reported, the scenario still passes.
     EXPECT_TRUE(report.passed());
     EXPECT_EQ(
         VeltaSim::textReport(report),
-        "PASS x.yaml: a \"quoted\" name\n"
+        "PASS x.yaml: \"a \\\"quoted\\\"\\nname\"\n"
         "  delivery orders: failed under 2 of 4 seeds (2, 3); reported only: the scenario does not declare "
         "order_independent\n"
         "  under seed 2:\n"
@@ -312,12 +314,11 @@ TEST(VeltaSimReport, TextAndJsonCarryTheSameFacts) {
         "      - {a: 1}\n");
     report.orderIndependent = true;
     EXPECT_FALSE(report.passed());
-    EXPECT_EQ(
-        VeltaSim::jsonReport(report),
-        "{\"file\":\"x.yaml\",\"name\":\"a \\\"quoted\\\" name\",\"passed\":false,\"order_independent\":true,"
-        "\"failures\":[],\"shuffle\":{\"runs\":4,\"failing_seeds\":[2,3],"
-        "\"first_failure\":{\"step\":3,\"line\":9,\"keyword\":\"expect_rows\",\"message\":\"t: 1 row "
-        "expected, 0 found\",\"diff\":[\"- {a: 1}\"]}}}");
+    EXPECT_EQ(VeltaSim::jsonReport(report),
+              "{\"file\":\"x.yaml\",\"name\":\"a \\\"quoted\\\"\\nname\",\"passed\":false,"
+              "\"order_independent\":true,\"failures\":[],\"shuffle\":{\"runs\":4,\"failing_seeds\":[2,3],"
+              "\"first_failure\":{\"step\":3,\"line\":9,\"keyword\":\"expect_rows\",\"message\":\"t: 1 row "
+              "expected, 0 found\",\"diff\":[\"- {a: 1}\"]}}}");
     EXPECT_EQ(VeltaSim::jsonString(std::string("a\tb\x01", 4)), "\"a\\tb\\u0001\"");
     EXPECT_EQ(VeltaSim::summaryLine(3, 1), "3 passed, 1 failed");
 }
