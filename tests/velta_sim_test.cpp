@@ -66,20 +66,41 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"row_types:\n  - {name: veCtrl::publication, key: [a], fields: {a: u16}}\nsteps: []\n",
          "5:12: row type 'veCtrl::publication' is a built-in record; choose another name"},
         {"steps:\n  - run: {table: x}\n", "5:10: 'run' takes no fields"},
+        {"steps:\n  - &r run\n  - *r\n",
+         "6:5: a YAML alias; a scenario file takes none: write the node out again where it is used"},
+        {"steps:\n  - start: {agent: \"s\\nrv\", translator: true}\n",
+         "5:20: unknown agent \"s\\nrv\" (did you mean 'srv'?); agents are: srv, a1"},
+        {"trace: {Aggregater: 0x7f}\nsteps: []\n",
+         "4:9: unknown trace channel 'Aggregater' (did you mean 'Aggregator'?); channels are: "
+         "SubscriptionTranslator, Aggregator, Schedulable"},
+        {"steps:\n  - delete: {table: velta/metadata/veTable, key: {oid: 1}}\n",
+         "5:51: 'oid' is not a key field of veMetadata::veTable; key fields are: tablePath"},
+        // The host keeps a table that exists as it is; a dropped one can be made with another type.
+        {"steps:\n  - create_table: {path: p, type: veCtrl::publication}\n  - drop_table: {path: p}\n"
+         "  - create_table: {path: p, type: veMetadata::veTable}\n" +
+             aggregator +
+             "veMetadata::veTable}\n  - create_table: {path: p, type: veMetadata::veTable}\n"
+             "  - create_table: {path: o, type: veCtrl::publication}\n",
+         "10:35: table 'o' already exists with row type veMetadata::veTable (the output of aggregator 'g' "
+         "started at line 8), and create_table leaves an existing table as it is: name veMetadata::veTable, "
+         "or drop_table it first"},
     };
     for (const auto& [text, error] : cases) EXPECT_EQ(parseError(agents + text), "s.yaml:" + error) << text;
+    const std::string directory = ::testing::TempDir();
+    EXPECT_EQ(VeltaSim::loadScenario(directory).error, directory + ": cannot read: Is a directory");
 }
 
 TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {
     EXPECT_EQ(VeltaSim::yamlText("-1") + VeltaSim::yamlText("say \"hi\"\n"), "\"-1\"\"say \\\"hi\\\"\\n\"");
     // A row as a report shows it, pasted back into a scenario, matches the row it came from.
     auto row = Velta::Test::rowOf<Velta::External::Subscription>(
-        "oid=4000000000;standing=1;queryText=SELECT * FROM a: b, c #d;paramName=[,[x],y]");
+        "outputPath=Null;oid=4000000000;standing=1;queryText=SELECT * FROM a: b, c #d;"
+        "paramName=[,[x],y,null,NULL]");
     const std::string shown = VeltaSim::formatFields(row, VeltaSim::keyAndSetFields(row));
-    EXPECT_EQ(
-        shown,
-        "{system_description: 0, outputPath: \"\", oid: 4000000000, queryText: \"SELECT * FROM a: b, c #d\", "
-        "standing: true, paramName: [\"\", \"[x]\", y]}");
+    EXPECT_EQ(shown,
+              "{system_description: 0, outputPath: \"Null\", oid: 4000000000, "
+              "queryText: \"SELECT * FROM a: b, c #d\", standing: true, "
+              "paramName: [\"\", \"[x]\", y, \"null\", \"NULL\"]}");
     const Scenario s =
         parsed("steps:\n  - expect_rows: {table: velta/External/Subscription, rows: [" + shown + "]}\n");
     const auto& listed = std::get<VeltaSim::ExpectRows>(s.steps[0].action).rows.at(0);
@@ -177,6 +198,14 @@ steps:
         EXPECT_EQ(result.completed, deliveryBound == 0);
         EXPECT_EQ(failureLines(result.failures), failures);
     }
+    // Row types are process-wide: a later run in this process cannot give Sim::Route another definition.
+    const VeltaSim::RunResult again = VeltaSim::runScenario(
+        parsed("row_types:\n  - {name: Sim::Route, key: [k], fields: {k: string}}\nsteps: []\n"),
+        RunOptions{});
+    EXPECT_EQ(failureLines(again.failures),
+              std::vector<std::string>{
+                  "the run could not go on: row type Sim::Route (line 2) is already defined "
+                  "differently by a scenario run earlier in this process, as under --no-fork"});
 }
 
 TEST(VeltaSimRun, ChildRunsReportAssertionsAsExpectedOrAsFailures) {
@@ -270,14 +299,14 @@ steps:
 }
 
 TEST(VeltaSimReport, TextAndJsonCarryTheSameFacts) {
-    VeltaSim::ScenarioReport report{"x.yaml", "a \"quoted\" name", false, {}, 4, {2, 3}, std::nullopt};
+    VeltaSim::ScenarioReport report{"x.yaml", "a \"quoted\"\nname", false, {}, 4, {2, 3}, std::nullopt};
     report.outcome.passed = true;
     report.firstShuffleFailure = Failure{3, 9, "expect_rows", "t: 1 row expected, 0 found", {"- {a: 1}"}};
     // Not declared order independent: failing orders are reported, the scenario still passes.
     EXPECT_TRUE(report.passed());
     EXPECT_EQ(
         VeltaSim::textReport(report),
-        "PASS x.yaml: a \"quoted\" name\n"
+        "PASS x.yaml: \"a \\\"quoted\\\"\\nname\"\n"
         "  delivery orders: failed under 2 of 4 seeds (2, 3); reported only: the scenario does not declare "
         "order_independent\n"
         "  under seed 2:\n"
@@ -285,12 +314,11 @@ TEST(VeltaSimReport, TextAndJsonCarryTheSameFacts) {
         "      - {a: 1}\n");
     report.orderIndependent = true;
     EXPECT_FALSE(report.passed());
-    EXPECT_EQ(
-        VeltaSim::jsonReport(report),
-        "{\"file\":\"x.yaml\",\"name\":\"a \\\"quoted\\\" name\",\"passed\":false,\"order_independent\":true,"
-        "\"failures\":[],\"shuffle\":{\"runs\":4,\"failing_seeds\":[2,3],"
-        "\"first_failure\":{\"step\":3,\"line\":9,\"keyword\":\"expect_rows\",\"message\":\"t: 1 row "
-        "expected, 0 found\",\"diff\":[\"- {a: 1}\"]}}}");
+    EXPECT_EQ(VeltaSim::jsonReport(report),
+              "{\"file\":\"x.yaml\",\"name\":\"a \\\"quoted\\\"\\nname\",\"passed\":false,"
+              "\"order_independent\":true,\"failures\":[],\"shuffle\":{\"runs\":4,\"failing_seeds\":[2,3],"
+              "\"first_failure\":{\"step\":3,\"line\":9,\"keyword\":\"expect_rows\",\"message\":\"t: 1 row "
+              "expected, 0 found\",\"diff\":[\"- {a: 1}\"]}}}");
     EXPECT_EQ(VeltaSim::jsonString(std::string("a\tb\x01", 4)), "\"a\\tb\\u0001\"");
     EXPECT_EQ(VeltaSim::summaryLine(3, 1), "3 passed, 1 failed");
 }

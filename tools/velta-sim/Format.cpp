@@ -69,7 +69,9 @@ ExpectedCall everyArgument(const Velta::Host::HostCall& call) {
 }  // namespace
 
 std::string yamlText(const std::string& text) {
-    bool plain = !text.empty() && text.front() != ' ' && text.back() != ' ';
+    // Plain null, Null and NULL (and ~, caught below) read back as no value, not as a text.
+    bool plain = !text.empty() && text.front() != ' ' && text.back() != ' ' && text != "null" &&
+                 text != "Null" && text != "NULL";
     if (plain && std::string_view("-?:,[]{}#&*!|>'\"%@`~").find(text.front()) != std::string_view::npos)
         plain = false;
     for (std::size_t i = 0; plain && i < text.size(); ++i) {

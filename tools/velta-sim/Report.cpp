@@ -39,7 +39,7 @@ std::string failureHeadline(const Failure& failure) {
 
 std::string textReport(const ScenarioReport& report) {
     std::string out = std::string(report.passed() ? "PASS " : "FAIL ") + report.file;
-    if (!report.name.empty()) out += ": " + report.name;
+    if (!report.name.empty()) out += ": " + oneLine(report.name);
     out += "\n";
     for (const Failure& failure : report.outcome.failures) appendFailure(out, failure);
     if (report.shuffleRuns > 0) {

@@ -207,8 +207,19 @@ public:
         capture_ = std::make_unique<Velta::Host::TraceCapture>();
         bool stopped = false;
         try {
-            for (const RowTypeDef& def : scenario_.rowTypes)
-                Velta::Host::defineRowType(def.name, def.fields, def.key);
+            for (const RowTypeDef& def : scenario_.rowTypes) {
+                try {
+                    Velta::Host::defineRowType(def.name, def.fields, def.key);
+                } catch (const std::invalid_argument&) {
+                    // Row types are process-wide: a scenario run earlier in this process (--no-fork)
+                    // gave the name another definition.
+                    if (Velta::Host::findRowType(def.name) == nullptr) throw;
+                    throw std::invalid_argument(
+                        "row type " + def.name + " (line " + std::to_string(def.mark.line) +
+                        ") is already defined differently by a scenario run earlier in "
+                        "this process, as under --no-fork");
+                }
+            }
             Database::Options dbOptions;
             dbOptions.autoPublish = scenario_.autoPublish;
             dbOptions.manualQueries = scenario_.manualQueries;

@@ -7,6 +7,9 @@
 
 #include <Velta/Records.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -111,9 +114,15 @@ void ScenarioParser::parseHost(const YAML::Node& node) {
 void ScenarioParser::parseTrace(const YAML::Node& node) {
     if (!node.IsMap())
         fail(node, std::string("expected a map of channel: mask for 'trace', found ") + nodeKind(node));
+    // The channels the agents and the host trace on: a mask for any other name captures nothing, so
+    // an expect_no_trace on it could never fail.
+    const std::vector<std::string> channels = {"SubscriptionTranslator", "Aggregator", "Schedulable"};
     std::set<std::string> seen;
     for (auto it = node.begin(); it != node.end(); ++it) {
         const std::string channel = nonEmptyText(it->first, "a trace channel");
+        if (std::find(channels.begin(), channels.end(), channel) == channels.end())
+            fail(it->first, "unknown trace channel " + quoted(channel) + suggestion(channel, channels) +
+                                "; channels are: " + joined(channels));
         if (!seen.insert(channel).second) fail(it->first, "duplicate key " + quoted(channel) + " in 'trace'");
         scenario_.traceMasks.emplace_back(
             channel,
@@ -175,7 +184,9 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
 
 void ScenarioParser::seedTables() {
     for (const auto& builtin : Velta::detail::kBuiltinTypes)
-        if (builtin.tablePath != nullptr) tables_[builtin.tablePath] = &Velta::builtinRowType(builtin.which);
+        if (builtin.tablePath != nullptr)
+            impliedTable(builtin.tablePath, Velta::builtinRowType(builtin.which),
+                         "every database starts with it");
 }
 
 void ScenarioParser::parseAgents(const YAML::Node& node) {
@@ -194,10 +205,11 @@ void ScenarioParser::parseAgents(const YAML::Node& node) {
         if (const YAML::Node* n = def.get("standalone")) agent.standalone = boolean(*n, "'standalone'");
         if (!agent.standalone) {
             // The per-agent tables a non-standalone translator works on exist once it runs.
-            tables_["velta/External/input/" + agent.name + "/Subscription"] =
-                &Velta::External::Subscription::type();
-            tables_["velta/veCtrl/input/" + agent.name + "/subscription"] =
-                &Velta::veCtrl::subscription::type();
+            const std::string origin = "a per-agent table of agent " + quoted(agent.name);
+            impliedTable("velta/External/input/" + agent.name + "/Subscription",
+                         Velta::External::Subscription::type(), origin);
+            impliedTable("velta/veCtrl/input/" + agent.name + "/subscription",
+                         Velta::veCtrl::subscription::type(), origin);
         }
         agentStates_[agent.name];
         scenario_.agents.push_back(std::move(agent));
@@ -252,7 +264,13 @@ std::pair<std::string, const Velta::RowType*> ScenarioParser::tableRef(const YAM
                        ": create it with create_table first, or name a table an earlier step implies "
                        "(a subscription's outputPath, an aggregator's output)");
     }
-    return *it;
+    return {it->first, it->second.type};
+}
+
+void ScenarioParser::impliedTable(const std::string& path, const Velta::RowType& type, std::string origin) {
+    KnownTable& known = tables_[path];
+    if (known.type != nullptr && !known.dropped) return;
+    known = KnownTable{&type, std::move(origin), false};
 }
 
 FieldValue ScenarioParser::fieldValue(const Velta::RowType& type, std::size_t index, const YAML::Node& node) {
@@ -307,6 +325,17 @@ RowSpec ScenarioParser::rowSpec(const YAML::Node& node, const Velta::RowType& ty
     return listed;
 }
 
+RowSpec ScenarioParser::keySpec(const YAML::Node& node, const Velta::RowType& type) {
+    RowSpec key = rowSpec(node, type, "'key'");
+    std::vector<std::string> keyNames;
+    for (const auto k : type.keyFields()) keyNames.push_back(type.fields()[k].name);
+    for (auto it = node.begin(); it != node.end(); ++it)
+        if (std::find(keyNames.begin(), keyNames.end(), it->first.Scalar()) == keyNames.end())
+            fail(it->first, quoted(it->first.Scalar()) + " is not a key field of " + type.name() +
+                                "; key fields are: " + joined(keyNames));
+    return key;
+}
+
 std::vector<RowSpec> ScenarioParser::rowList(const YAML::Node& node, const Velta::RowType& type,
                                              const std::string& context, bool expected) {
     if (!node.IsSequence())
@@ -326,7 +355,9 @@ void ScenarioParser::learnOutputTables(const std::vector<RowSpec>& rows) {
             if (name == "typeName") typeName = std::get<std::string>(v.value);
         }
         const Velta::RowType* type = findType(typeName);
-        if (!outputPath.empty() && type != nullptr) tables_.emplace(outputPath, type);
+        if (!outputPath.empty() && type != nullptr)
+            impliedTable(outputPath, *type,
+                         "the outputPath of a subscription written at " + markText(row.mark));
     }
 }
 
@@ -419,9 +450,15 @@ ParseResult parseScenario(const std::string& file, const std::string& text) {
 }
 
 ParseResult loadScenario(const std::string& file) {
+    ParseResult result;
+    // A directory opens as a stream that reads nothing, which would pass for an empty file.
+    struct stat info {};
+    if (::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        result.error = file + ": cannot read: " + std::strerror(EISDIR);
+        return result;
+    }
     std::ifstream in(file, std::ios::binary);
     if (!in) {
-        ParseResult result;
         result.error = file + ": cannot read: " + std::strerror(errno);
         return result;
     }

@@ -34,8 +34,17 @@ private:
         std::map<std::string, Mark> aggregators;  // id -> where it was started
     };
 
+    // A table path as far as the steps so far make it known: the row type the host has it with, and
+    // where the file made or implied it (for messages). A dropped table keeps its entry, as a write
+    // makes it again with that type, but create_table may make it again with any type.
+    struct KnownTable {
+        const Velta::RowType* type = nullptr;
+        std::string origin;  // e.g. "created at line 6"
+        bool dropped = false;
+    };
+
     Scenario scenario_;
-    std::map<std::string, const Velta::RowType*> tables_;  // path -> row type, as far as known
+    std::map<std::string, KnownTable> tables_;  // by path
     std::map<std::string, AgentState> agentStates_;
 
     // The file's sections.
@@ -61,10 +70,16 @@ private:
     // supply it, unless its type has a field of that name.
     RowSpec rowSpec(const YAML::Node& node, const Velta::RowType& type, const std::string& context,
                     bool expected = false);
+    // The `key` of a delete or expect_row: the row is found by its key fields only, so any other
+    // field would be ignored.
+    RowSpec keySpec(const YAML::Node& node, const Velta::RowType& type);
     std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type,
                                  const std::string& context, bool expected = false);
     // A subscription row names its output table: the translator registers it with that type.
     void learnOutputTables(const std::vector<RowSpec>& rows);
+    // A table the run will have from here on, unless it has it already: the host keeps an existing
+    // table as it is.
+    void impliedTable(const std::string& path, const Velta::RowType& type, std::string origin);
 
     // The step `keyword` with its fields `body` (`item` is the whole list item), read by the read()
     // overload of the Action type whose keyword it is.

@@ -57,7 +57,8 @@ void ScenarioParser::read(Start& step, const YAML::Node& body, const std::string
                                        quoted(step.object.agent) + " (started at " + markText(it->second) +
                                        ")");
     state.aggregators[id] = markOf(body);
-    tables_.emplace(step.output, &type);
+    impliedTable(step.output, type,
+                 "the output of aggregator " + quoted(id) + " started at " + markText(markOf(body)));
 }
 
 void ScenarioParser::requireObjectKind(const MapView& m, const std::string& context) {
@@ -128,12 +129,20 @@ void ScenarioParser::read(CreateTable& step, const YAML::Node& body, const std::
     step.type = type.name();
     if (const YAML::Node* n = m.get("owner")) step.owner = text(*n, "'owner'");
     if (const YAML::Node* n = m.get("oid")) step.oid = static_cast<unsigned>(number(*n, "'oid'", 0xffffffff));
-    tables_[step.path] = &type;
+    // The host leaves a table that exists as it is: rows written later have its type, not this one.
+    const auto it = tables_.find(step.path);
+    if (it != tables_.end() && !it->second.dropped && it->second.type != &type)
+        fail(m.need("type"), "table " + quoted(step.path) + " already exists with row type " +
+                                 it->second.type->name() + " (" + it->second.origin +
+                                 "), and create_table leaves an existing table as it is: name " +
+                                 it->second.type->name() + ", or drop_table it first");
+    impliedTable(step.path, type, "created at " + markText(markOf(body)));
 }
 
 void ScenarioParser::read(DropTable& step, const YAML::Node& body, const std::string& context) {
     const MapView m(body, context, {"path"});
     step.path = tableRef(m.need("path"), "'path'").first;
+    tables_[step.path].dropped = true;
 }
 
 void ScenarioParser::read(Write& step, const YAML::Node& body, const std::string& context) {
@@ -154,7 +163,7 @@ void ScenarioParser::read(Delete& step, const YAML::Node& body, const std::strin
     const MapView m(body, context, {"table", "key"});
     const auto [path, type] = tableRef(m.need("table"), "'table'");
     step.path = path;
-    step.key = rowSpec(m.need("key"), *type, "'key'");
+    step.key = keySpec(m.need("key"), *type);
 }
 
 void ScenarioParser::read(Clock& step, const YAML::Node& body, const std::string& context) {
@@ -185,7 +194,7 @@ void ScenarioParser::read(ExpectRow& step, const YAML::Node& body, const std::st
     const MapView m(body, context, {"table", "key", "row", "absent"});
     const auto [path, type] = tableRef(m.need("table"), "'table'");
     step.path = path;
-    step.key = rowSpec(m.need("key"), *type, "'key'");
+    step.key = keySpec(m.need("key"), *type);
     const YAML::Node* row = m.get("row");
     const YAML::Node* absent = m.get("absent");
     if ((row == nullptr) == (absent == nullptr))

@@ -9,8 +9,11 @@
 
 namespace VeltaSim {
 
-// 'text', as messages quote names and keys.
+// 'text', as messages quote names and keys; a text with a control character (a newline, say) is
+// double-quoted and escaped instead, so that a message stays on its line.
 std::string quoted(std::string_view text);
+// `text` itself, or double-quoted and escaped when it has a control character.
+std::string oneLine(std::string_view text);
 // The items separated by ", ".
 std::string joined(const std::vector<std::string>& items);
 // " (did you mean 'candidate'?)" for the candidate nearest to `word` in edit distance when it is

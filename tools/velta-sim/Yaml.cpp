@@ -33,18 +33,28 @@ std::string yamlProblem(const std::string& message) {
     return message;
 }
 
-// Where a second document with any content starts, if the text has one. (The parser is asked for
-// exactly two documents: asking for all of them does not end on some malformed inputs.)
-std::optional<Mark> secondDocument(const std::string& text) {
+// What the events of the text show beyond its tree: where its first alias is, and where a second
+// document with any content starts. (The parser is asked for exactly two documents: asking for all of
+// them does not end on some malformed inputs.)
+struct DocumentEvents {
+    std::optional<Mark> alias;
+    std::optional<Mark> second;
+};
+
+DocumentEvents documentEvents(const std::string& text) {
     struct FirstContent : YAML::EventHandler {
         std::optional<Mark> mark;
+        std::optional<Mark> alias;
         void seen(const YAML::Mark& m) {
             if (!mark) mark = toMark(m);
         }
         void OnDocumentStart(const YAML::Mark&) override {}
         void OnDocumentEnd() override {}
         void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
-        void OnAlias(const YAML::Mark& m, YAML::anchor_t) override { seen(m); }
+        void OnAlias(const YAML::Mark& m, YAML::anchor_t) override {
+            seen(m);
+            if (!alias) alias = toMark(m);
+        }
         void OnScalar(const YAML::Mark& m, const std::string&, YAML::anchor_t, const std::string&) override {
             seen(m);
         }
@@ -62,10 +72,10 @@ std::optional<Mark> secondDocument(const std::string& text) {
     std::istringstream in(text);
     YAML::Parser parser(in);
     FirstContent first;
-    if (!parser.HandleNextDocument(first)) return std::nullopt;
+    if (!parser.HandleNextDocument(first)) return {};
     FirstContent second;
-    if (!parser.HandleNextDocument(second)) return std::nullopt;
-    return second.mark;
+    if (!parser.HandleNextDocument(second)) return {first.alias, std::nullopt};
+    return {first.alias, second.mark};
 }
 
 }  // namespace
@@ -92,8 +102,13 @@ const char* nodeKind(const YAML::Node& node) {
 
 YAML::Node loadDocument(const std::string& text) {
     YAML::Node root = YAML::Load(text);
-    if (const std::optional<Mark> second = secondDocument(text))
-        fail(*second, "a second YAML document; a scenario file holds one");
+    const DocumentEvents events = documentEvents(text);
+    // An alias is the node of its anchor, marks included: whatever is wrong with it would be
+    // reported at the anchor, so the file writes every node out where it is used.
+    if (events.alias)
+        fail(*events.alias,
+             "a YAML alias; a scenario file takes none: write the node out again where it is used");
+    if (events.second) fail(*events.second, "a second YAML document; a scenario file holds one");
     return root;
 }
 

@@ -30,7 +30,8 @@ Mark markOf(const YAML::Node& node);
 const char* nodeKind(const YAML::Node& node);
 
 // The one YAML document of a scenario file. Invalid YAML throws YAML::Exception; a second document
-// (which would otherwise be dropped without a word) is refused.
+// (which would otherwise be dropped without a word) and an alias (which carries its anchor's mark)
+// are refused.
 YAML::Node loadDocument(const std::string& text);
 // A yaml-cpp error as a ScenarioError, its terse message said in terms of what the writer of the
 // file has to fix.

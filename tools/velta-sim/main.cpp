@@ -8,9 +8,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -113,9 +115,21 @@ int velta_sim(int argc, char** argv) {
     run->add_option("--shuffle", settings.shuffle,
                     "rerun each scenario under N seeded delivery orders and report the seeds that fail")
         ->check(CLI::Range(0, 100000));
+    // CLI11 reads an unsigned option with strtoull, which takes -1 for the largest seed and clamps
+    // one past it without a word: the text must be a seed as it stands.
+    const CLI::Validator seedText(
+        [](std::string& text) {
+            std::uint64_t value = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+            if (error == std::errc() && end == text.data() + text.size()) return std::string();
+            return "Value " + text + " is not a seed: a whole number from 0 to " +
+                   std::to_string(std::numeric_limits<std::uint64_t>::max());
+        },
+        "SEED");
     run->add_option(
-        "--seed", settings.seed,
-        "deliver in the order of this seed (as --shuffle reports them), e.g. to see it with --timeline");
+           "--seed", settings.seed,
+           "deliver in the order of this seed (as --shuffle reports them), e.g. to see it with --timeline")
+        ->check(seedText);
     run->add_flag("--no-fork", settings.noFork,
                   "run scenarios inside this process (for debuggers; an assertion then ends velta-sim)");
     run->add_option("FILE", settings.files, "scenario files")->required();
