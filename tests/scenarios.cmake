@@ -47,6 +47,12 @@ foreach(example ${velta_examples})
   endif()
 endforeach()
 
+# A seed past the 64-bit range is a wrong command line, not a seed clamped to the largest.
+add_test(NAME velta-sim.seed-out-of-range
+  COMMAND velta-sim run --seed 18446744073709551616 ${PROJECT_SOURCE_DIR}/examples/aggregation.yaml)
+set_tests_properties(velta-sim.seed-out-of-range PROPERTIES LABELS scenario
+  PASS_REGULAR_EXPRESSION "--seed: Value 18446744073709551616 is not a seed")
+
 # Behaviour once broken (most found by fuzzing), pinned as scenarios.
 file(GLOB velta_regressions CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/scenarios/regressions/*.yaml)
 foreach(regression ${velta_regressions})
