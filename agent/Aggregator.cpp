@@ -414,14 +414,18 @@ void Aggregator::onReady() {
             bool held = false;
             for (InputWalk& walk : walks) {
                 VeRowIterator& at = walk.position;
+                bool sought = false;
                 for (unsigned steps = 0; !at.atEnd() && less(*at, outputRow); ++steps) {
                     if (steps == kResyncStepsBeforeSeek) {
                         at = walk.input->lowerBound(outputRow);
+                        sought = true;
                         break;
                     }
                     ++at;
                 }
-                if (!at.atEnd() && !less(outputRow, *at)) {
+                // A step stops at a row not ordered before the output row; a seek goes by the input
+                // table's own order, where a row of another type can sit anywhere in this one.
+                if (!at.atEnd() && !less(outputRow, *at) && (!sought || !less(*at, outputRow))) {
                     held = true;
                     break;
                 }
