@@ -169,23 +169,24 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         converted = row.as(t.type());
         target = &converted;
     }
-    const bool publishes = slot.controlSubscriptions && options.autoPublish;
-    const RowData* replaced = publishes ? t.find(*target->data()) : nullptr;
-    const std::uint64_t replacedOid = replaced != nullptr ? t.oidOf(*replaced) : 0;
+    std::optional<std::uint64_t> replacedOid;  // none: a new row (or one whose store waits)
     bool added = false;
-    if (t.defersWrites() && !slot.controlSubscriptions)
+    if (t.defersWrites() && !slot.controlSubscriptions) {
         t.defer(*target->data());  // storing it tells the writer nothing: it waits while its entry is fetched
-    else
-        added = storeNow(t, row, *target);
+    } else {
+        replacedOid = storeNow(t, row, *target);
+        added = !replacedOid;
+    }
     notify(slot, QueuedEvent::Kind::row, *target);
     if (listener != nullptr) listener->onWrite(slot.path, *target);
+    const bool publishes = slot.controlSubscriptions && options.autoPublish;
     if (publishes && added) controlSubscriptionAdded(*target);
     // A rewrite under another oid: the row the publication answered is gone as far as it goes.
-    if (publishes && !added && replacedOid != oidOf(*target)) controlSubscriptionRemoved(replacedOid);
+    if (publishes && replacedOid && *replacedOid != oidOf(*target)) controlSubscriptionRemoved(*replacedOid);
     return target->data();  // the table holds it too
 }
 
-bool Database::Impl::storeNow(TableState& t, BaseRow& row, BaseRow& target) {
+std::optional<std::uint64_t> Database::Impl::storeNow(TableState& t, BaseRow& row, BaseRow& target) {
     const int oidField = t.type().oidField();
     bool oidAssigned = false;
     if (oidField >= 0 && t.oidInKey() && target.number(static_cast<std::size_t>(oidField)) == 0) {
@@ -206,8 +207,10 @@ bool Database::Impl::storeNow(TableState& t, BaseRow& row, BaseRow& target) {
         if (f >= 0 && isNumberKind(callerType.fields()[static_cast<std::size_t>(f)].kind))
             row.numberIs(static_cast<std::size_t>(f), oidOf(target));
     }
+    std::optional<std::uint64_t> replacedOid;
+    if (spot.stored != nullptr) replacedOid = t.oidOf(*spot.stored);
     t.put(spot, target);
-    return spot.stored == nullptr;
+    return replacedOid;
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {

@@ -48,6 +48,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -553,8 +554,9 @@ public:
     // exist.
     const RowData* writeRow(Velta::detail::Slot& slot, BaseRow& row);
     // Stores `target` (of t's type: `row` itself or its conversion) at once, giving it an oid where
-    // its type has one and it has none, and telling `row` that oid; true when the key was new.
-    bool storeNow(Velta::detail::TableState& t, BaseRow& row, BaseRow& target);
+    // its type has one and it has none, and telling `row` that oid. Returns the oid of the row it
+    // replaced, or nothing when the key was new.
+    std::optional<std::uint64_t> storeNow(Velta::detail::TableState& t, BaseRow& row, BaseRow& target);
     // Deletes by primary key; false when there was no such row (or no table).
     bool eraseRow(Velta::detail::Slot& slot, const BaseRow& key);
 
