@@ -141,6 +141,7 @@ void ownWritesAreVisibleAtOnce(HostAdapter& host);
 void rowsAreCopiedOnWrite(HostAdapter& host);
 void keyOrdersFollowThePrimaryKey(HostAdapter& host);
 void tablesAreListedAndDescribed(HostAdapter& host);
+void droppedTablesLeaveTheListing(HostAdapter& host);
 void serverRegistrationIsVisibleAtOnce(HostAdapter& host);
 void registrationReachesMetadataObservers(HostAdapter& host);
 void rowTypesKnownAndUnknown(HostAdapter& host);

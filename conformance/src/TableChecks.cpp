@@ -458,6 +458,41 @@ void tablesAreListedAndDescribed(HostAdapter& host) {
                                        << " and tableInfo:" << lines(problems);
 }
 
+void droppedTablesLeaveTheListing(HostAdapter& host) {
+    Scene s(host, "tables/dropped");
+    VeltaDB& agent = s.agent();
+    Probe tables(s.log, "tables", veMetadata::veTable::rowTypeName(), kObserverMode, showTable);
+    tables.bind(agent, kVeTablePath);
+    host.deliver();
+    const unsigned id = agent.tableInfo(s.path).oid();
+    if (!host.dropTable(s.path)) GTEST_SKIP() << "the adapter cannot drop tables";
+    host.deliver();
+    const std::string listed = s.path + " " + kPubType;
+    std::vector<std::string> problems;
+    // What the delete callback carries is another check's: this one asks only that it comes.
+    if (s.log->of("tables", "delete").empty())
+        problems.push_back("the observer of " + kVeTablePath + " got no delete callback when " + s.path +
+                           " was dropped" + s.log->seen());
+    if (contains(walk(tables.iface, showTable), listed))
+        problems.push_back(kVeTablePath + " still lists " + s.path);
+    if (!agent.tableInfo(s.path).empty() || !agent.tableInfo(id).empty())
+        problems.push_back("tableInfo by path or by its id " + std::to_string(id) + " still describes " +
+                           s.path);
+    // A table made again at the path is a new table: the aggregator admits it afresh.
+    const auto made = static_cast<std::ptrdiff_t>(s.log->lines.size());
+    host.createTable(s.path, kPubType);
+    host.deliver();
+    if (std::find(s.log->lines.begin() + made, s.log->lines.end(), "tables row " + listed) ==
+            s.log->lines.end() ||
+        agent.tableInfo(s.path).typeName() != kPubType)
+        problems.push_back(s.path + ", made again after it was dropped, was not listed and described again" +
+                           s.log->seen());
+    VELTA_KIT_EXPECT(problems.empty()) << "your host did not take a dropped table out of " << kVeTablePath
+                                       << " and tableInfo (the aggregator lets an input go when its row "
+                                          "goes):"
+                                       << lines(problems);
+}
+
 void serverRegistrationIsVisibleAtOnce(HostAdapter& host) {
     const std::string path = "conformance/registered/by-server";
     auto server = connectAgent(host, "server", true);

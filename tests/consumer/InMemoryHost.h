@@ -19,6 +19,7 @@ public:
     }
     void writeRow(const std::string& path, const Velta::BaseRow& row) override { db_->write(path, row); }
     void deleteRow(const std::string& path, const Velta::BaseRow& key) override { db_->erase(path, key); }
+    bool dropTable(const std::string& path) override { return db_->dropTable(path); }
     void deliver() override { db_->runUntilIdle(); }
 
 protected:

@@ -47,6 +47,12 @@ public:
     // every agent would.
     virtual void writeRow(const std::string& path, const BaseRow& row) = 0;
     virtual void deleteRow(const std::string& path, const BaseRow& key) = 0;
+    // Drops the table at `path` and its rows, as an administrator outside every agent would; false
+    // when this adapter cannot drop tables (the check that needs it is then skipped).
+    virtual bool dropTable(const std::string& path) {
+        (void)path;
+        return false;
+    }
     // Returns once every callback and every piece of host work caused so far has been delivered.
     virtual void deliver() = 0;
 };
