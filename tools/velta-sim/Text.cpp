@@ -51,7 +51,7 @@ std::string joined(const std::vector<std::string>& items) {
     std::string out;
     for (const std::string& item : items) {
         if (!out.empty()) out += ", ";
-        out += item;
+        out += oneLine(item);
     }
     return out;
 }

@@ -14,7 +14,7 @@ namespace VeltaSim {
 std::string quoted(std::string_view text);
 // `text` itself, or double-quoted and escaped when it has a control character.
 std::string oneLine(std::string_view text);
-// The items separated by ", ".
+// The items separated by ", ", each on one line as oneLine gives it.
 std::string joined(const std::vector<std::string>& items);
 // " (did you mean 'candidate'?)" for the candidate nearest to `word` in edit distance when it is
 // near enough (at most a third of the word, or 2, wrong); "" when none is.
