@@ -1,4 +1,5 @@
-# Scenario tests: every example runs and passes; every example that declares
+# Scenario tests: every example and every regression (behaviour once broken, most found by
+# fuzzing, under scenarios/regressions) runs and passes; every one that declares
 # `order_independent: true` also passes under 50 seeded delivery orders; every malformed file is
 # refused with exit status 2 and exactly its expected message.
 #
@@ -35,7 +36,8 @@ if(NOT TARGET velta-sim)
   return()
 endif()
 
-file(GLOB velta_examples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.yaml)
+file(GLOB velta_examples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.yaml
+  ${CMAKE_CURRENT_SOURCE_DIR}/scenarios/regressions/*.yaml)
 foreach(example ${velta_examples})
   get_filename_component(velta_scenario ${example} NAME_WE)
   add_test(NAME scenario.${velta_scenario} COMMAND velta-sim run ${example})
@@ -52,14 +54,6 @@ add_test(NAME velta-sim.seed-out-of-range
   COMMAND velta-sim run --seed 18446744073709551616 ${PROJECT_SOURCE_DIR}/examples/aggregation.yaml)
 set_tests_properties(velta-sim.seed-out-of-range PROPERTIES LABELS scenario
   PASS_REGULAR_EXPRESSION "--seed: Value 18446744073709551616 is not a seed")
-
-# Behaviour once broken (most found by fuzzing), pinned as scenarios.
-file(GLOB velta_regressions CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/scenarios/regressions/*.yaml)
-foreach(regression ${velta_regressions})
-  get_filename_component(velta_scenario ${regression} NAME_WE)
-  add_test(NAME scenario.regression.${velta_scenario} COMMAND velta-sim run ${regression})
-  set_tests_properties(scenario.regression.${velta_scenario} PROPERTIES TIMEOUT 60 LABELS scenario)
-endforeach()
 
 file(GLOB velta_malformed CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/scenarios/malformed/*.yaml)
 foreach(malformed ${velta_malformed})

@@ -84,8 +84,65 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "10:35: table 'o' already exists with row type veMetadata::veTable (the output of aggregator 'g' "
          "started at line 8), and create_table leaves an existing table as it is: name veMetadata::veTable, "
          "or drop_table it first"},
+        {"", "1:1: the scenario needs 'steps'"},
+        {"steps:\n  - stop: {agent: srv, translator: true}\n",
+         "5:11: no translator is running on agent 'srv' at this step (start it first)"},
+        {"trace: {SubscriptionTranslator: 0x10}\nsteps:\n  - start: {agent: srv, translator: true}\n"
+         "  - expect_trace: {channel: SubscriptionTranslator, level: 8, contains: \"extSubsOnReady\"}\n",
+         "7:60: level 8 of channel 'SubscriptionTranslator' is not enabled under 'trace', so no such trace "
+         "can be captured"},
+        {"steps:\n  - write: {tabel: velta/External/Subscription, row: {oid: 7}}\n",
+         "5:13: unknown key 'tabel' in 'write' (did you mean 'table'?); expected one of: table, row, rows"},
+        {"step:\n  - run\n",
+         "4:1: unknown key 'step' in the scenario (did you mean 'steps'?); expected one of: name, host, "
+         "trace, row_types, agents, steps, expect_abort, order_independent"},
+        {"steps:\n  - start: {agent: a1, aggregator: r, input_prefix: i/, row_type: veMetadata::veTable}\n",
+         "5:12: 'start' needs 'output'"},
+        {"steps:\n  - write: {table: velta/External/Publication, row: {subscription_id: 7, status: true, "
+         "subscription_id: 8}}\n",
+         "5:88: duplicate field 'subscription_id' in 'row'"},
+        {"steps:\n  - write: {table: velta/External/Subscription, row: {outputPath: velta/out/q7, flags: "
+         "0x10000}}\n",
+         "5:88: expected a number (decimal or 0x hex) up to 65535 for field 'flags' (u16), 0x10000 is too "
+         "large"},
+        {"steps:\n  - write: {table: velta/External/Publication, row: {subscription_id: 7, status: yes}}\n",
+         "5:82: expected true or false for field 'status' (bool), found 'yes'"},
+        {"steps:\n  - write:\n      table: velta/External/Subscription\n      row: {oid: seven}\n",
+         "7:18: expected a number (decimal or 0x hex) up to 4294967295 for field 'oid' (u32), found 'seven'"},
+        {"row_types:\n  - name: Demo::Route\n    key: [prefx]\n    fields: {prefix: string, nexthop: "
+         "string}\nsteps: []\n",
+         "6:11: key field 'prefx' is not one of the fields: nexthop, prefix"},
+        {"steps:\n  - write:\n    table: velta/External/Publication\n",
+         "6:5: unexpected 'table' beside 'write': a step is a map with one key; indent the step's fields "
+         "under it"},
+        {"steps:\n  - expect_rows:\n      table: velta/External/Publication\n      rows: [{satus: true}]\n",
+         "7:15: 'satus' is not a field of External::Publication (did you mean 'status'?); fields are: "
+         "subscription_id, publication_id, connection_id, tableId, typeId, view_id, status, error, ptime"},
+        {"steps:\n  - create_table: {path: velta/data/routes, type: Demo::Rout}\n",
+         "5:51: unknown row type 'Demo::Rout'; declare it under 'row_types' or use one of: "
+         "External::Subscription, External::Publication, veCtrl::subscription, veCtrl::publication, "
+         "veMetadata::veTable, veMetadata::SystemDescription, veMetadata::veClass"},
+        {"steps:\n  - run\n  - expect_rowz: {table: velta/External/Publication, rows: []}\n",
+         "6:5: unknown step 'expect_rowz' (did you mean 'expect_rows'?); expected one of: start, stop, call, "
+         "create_table, drop_table, write, delete, run, clock, complete_query, clear_traces, dump, "
+         "expect_rows, expect_row, expect_calls, expect_trace, expect_no_trace, expect_registry, "
+         "expect_external_id"},
+        {"steps:\n  - write: {table: velta/data/routes, row: {tablePath: x}}\n",
+         "5:20: unknown table 'velta/data/routes': create it with create_table first, or name a table an "
+         "earlier step implies (a subscription's outputPath, an aggregator's output)"},
+        {"steps:\n  - write: {table: velta/External/Publication, row: {subscription_id: 7}\n  - run\n",
+         "6:3: invalid YAML: a list item ('- ') where none can start; is a '{' or '[' before it left open? "
+         "(illegal block entry)"},
     };
     for (const auto& [text, error] : cases) EXPECT_EQ(parseError(agents + text), "s.yaml:" + error) << text;
+    // Files without those agents.
+    for (const auto& [text, error] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"agents: {name: srv, system: sysA}\nsteps:\n  - run\n",
+              "1:9: expected a list of agents for 'agents', found a map"},
+             {"agents: [{name: srv, system: sysA}\nsteps:\n  - run\n",
+              "2:1: invalid YAML: expected ']' to close the list (end of sequence flow not found)"},
+             {"", "1:1: expected a scenario (a map with at least 'steps'), the file is empty"}})
+        EXPECT_EQ(parseError(text), std::string("s.yaml:") + error) << text;
     const std::string directory = ::testing::TempDir();
     EXPECT_EQ(VeltaSim::loadScenario(directory).error, directory + ": cannot read: Is a directory");
 }
