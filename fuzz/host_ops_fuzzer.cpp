@@ -84,8 +84,7 @@ public:
 
     void run() {
         for (int ops = 0; ops < 256 && in_.remaining() > 0; ++ops) {
-            const bool serverSide = in_.inRange<int>(0, 2) != 0;
-            db_ = serverSide ? serverDb_.get() : edgeDb_.get();
+            db_ = in_.inRange<int>(0, 2) != 0 ? serverDb_.get() : edgeDb_.get();
             step();
             if (!serverDb_->settled() || !edgeDb_->settled()) return;
         }
@@ -149,8 +148,7 @@ private:
             return nullptr;
         };
         for (const Host::QueryInfo* q = pending(); q != nullptr; q = pending()) {
-            const std::string text = q->text;
-            if (!db.completeQuery(text, false, "translator going away")) break;
+            if (!db.completeQuery(std::string(q->text), false, "translator going away")) break;
             db.runUntilIdle();
             if (!db.settled()) break;
         }
