@@ -1,16 +1,9 @@
-// Fuzz target: bytes become client and host operations on in-memory databases that run a server
-// translator, an external non-server translator (standalone or per-agent) and an aggregator: rows of
-// any type into any table, metadata rows written by hand, tables that come and go, queries completed
-// by hand or failed, agents destroyed and rebuilt, forced ready passes and clean(), traces on or off.
-// Nothing may crash, leak or loop; a run that does not settle within the delivery bound is fine (two
-// translators in one database can mirror a publication back and forth for ever), and an input stops
-// at the first database that does not settle. Left out because they stop the process by contract: a
-// translator in an agent neither server nor external, and parameter lists of unequal length.
-//
-// With one database for all (bit 1 of the first byte) the agents' registrations race each other and
-// clients may damage the metadata; the inputs in regressions/host_ops/ pin the faults this found. A
-// translator is destroyed only when none of its queries is pending
-// (tests/scenarios/regressions/query-completion-after-stop.yaml).
+// Fuzz target: bytes become client and host operations on databases running a server translator, an
+// external translator and an aggregator. Nothing may crash, leak or loop; a database that does not
+// settle within the delivery bound ends the input (two translators in one database may mirror a
+// publication for ever). Left out, as they stop the process by contract: a translator in an agent
+// neither server nor external, and parameter lists of unequal length. A translator is destroyed only
+// once none of its queries is pending (tests/scenarios/regressions/query-completion-after-stop.yaml).
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/SubscriptionTranslator.h>
 #include <Velta/Host/Database.h>
@@ -61,8 +54,8 @@ class Harness {
 public:
     explicit Harness(VeltaFuzz::ByteReader& in) : in_(in) {
         fuzzRowType();
-        // The first byte: bit 0 the server process, bit 1 one database for both translators and the
-        // aggregator (their registrations race each other there) or a database each.
+        // The first byte: bit 0 the server process, bit 1 one database for all, where the agents'
+        // registrations race and clients may damage the metadata (regressions/host_ops/ pins those).
         const int shape = in_.inRange<int>(0, 3);
         Host::Database::serverProcessIs((shape & 1) != 0);
         const bool oneDatabase = (shape & 2) != 0;
@@ -91,11 +84,8 @@ public:
 
     void run() {
         for (int ops = 0; ops < 256 && in_.remaining() > 0; ++ops) {
-            // Each step acts on the server agent's database or the edge agent's (with the aggregator).
-            const bool serverSide = in_.inRange<int>(0, 2) != 0;
-            db_ = serverSide ? serverDb_.get() : edgeDb_.get();
+            db_ = in_.inRange<int>(0, 2) != 0 ? serverDb_.get() : edgeDb_.get();
             step();
-            // A database that did not settle is in a loop: the rest of the input would only repeat it.
             if (!serverDb_->settled() || !edgeDb_->settled()) return;
         }
         serverDb_->runUntilIdle();
@@ -158,8 +148,7 @@ private:
             return nullptr;
         };
         for (const Host::QueryInfo* q = pending(); q != nullptr; q = pending()) {
-            const std::string text = q->text;
-            if (!db.completeQuery(text, false, "translator going away")) break;
+            if (!db.completeQuery(std::string(q->text), false, "translator going away")) break;
             db.runUntilIdle();
             if (!db.settled()) break;
         }
@@ -167,7 +156,6 @@ private:
         return pending() == nullptr;
     }
 
-    // The n-th row of a table, if any.
     BaseRow pickRow(const std::string& p) {
         const std::vector<BaseRow> rows = db_->rows(p);
         return rows.empty() ? BaseRow() : rows[in_.inRange<std::size_t>(0, rows.size() - 1)];
@@ -194,8 +182,7 @@ private:
             }
             case 2: {
                 const std::string p = path();
-                const BaseRow victim = pickRow(p);
-                if (!victim.empty()) db_->erase(p, victim);
+                if (const BaseRow victim = pickRow(p); !victim.empty()) db_->erase(p, victim);
                 break;
             }
             case 3: {
@@ -219,8 +206,7 @@ private:
                 db_->runUntilIdle();
                 break;
             case 8:
-                for (int n = in_.inRange<int>(0, 20); n > 0 && db_->runOne(); --n) {
-                }
+                for (int n = in_.inRange<int>(0, 20); n > 0 && db_->runOne();) --n;
                 break;
             case 9:
                 if (!aggregator_)
@@ -253,11 +239,7 @@ private:
             }
             case 12: {
                 auto& t = in_.boolean() ? serverTranslator_ : edgeTranslator_;
-                if (!t) break;
-                if (in_.inRange<int>(0, 3) == 0)
-                    t->clean();
-                else
-                    t->onTableReady();
+                if (t) in_.inRange<int>(0, 3) == 0 ? t->clean() : t->onTableReady();
                 break;
             }
             case 13:
@@ -290,21 +272,17 @@ private:
             case 18: {  // a publication on either side, for an existing subscription
                 const BaseRow sub = pickRow(kPaths[in_.boolean() ? 0 : 2]);
                 const bool external = in_.boolean();
-                const RowType* t =
-                    Host::findRowType(external ? "External::Publication" : "veCtrl::publication");
-                BaseRow pub = row(*t);
+                BaseRow pub =
+                    row(*Host::findRowType(external ? "External::Publication" : "veCtrl::publication"));
                 if (!sub.empty()) pub.numberIs(0, sub.number(0));  // subscription_id <- oid
                 db_->write(external ? kPaths[1] : kPaths[3], pub);
                 break;
             }
-            default: {  // the output's view: who supplied a row
+            default:  // the output's view: who supplied a row
                 db_ = edgeDb_.get();
-                if (aggregator_) {
-                    const BaseRow out = pickRow("velta/agg/out");
-                    if (!out.empty()) (void)aggregator_->outputRowSource(out);
-                }
+                if (const BaseRow out = aggregator_ ? pickRow("velta/agg/out") : BaseRow(); !out.empty())
+                    (void)aggregator_->outputRowSource(out);
                 break;
-            }
         }
     }
 

@@ -1,5 +1,5 @@
-// Helpers shared by the tests: building rows from field/value pairs, listing tables and host
-// calls as lines, finding captured traces, scoped debug masks, and a fixture with one database.
+// Helpers shared by the tests: building rows from field/value pairs, scoped debug masks, and a
+// fixture with one database.
 //
 // Everything here goes through the embedding API (Velta/Host/*.h) and the host interface only.
 #pragma once
@@ -69,21 +69,6 @@ RecordT makeRecord(const FieldValues& values) {
     return RecordT(makeRow(RecordT::type(), values));
 }
 
-// toString() of every row, in order.
-inline std::vector<std::string> rowLines(const std::vector<BaseRow>& rows) {
-    std::vector<std::string> lines;
-    lines.reserve(rows.size());
-    for (const BaseRow& row : rows) lines.push_back(row.toString());
-    return lines;
-}
-
-// The host-call log as lines (Host::toString of each call).
-inline std::vector<std::string> callLines(const Host::Database& db) {
-    std::vector<std::string> lines;
-    for (const Host::HostCall& call : db.calls()) lines.push_back(Host::toString(call));
-    return lines;
-}
-
 // Sets a channel's mask for the lifetime of the object, then restores the previous one.
 class ScopedDebugMask {
 public:
@@ -134,33 +119,6 @@ inline std::size_t envCount(const char* name, std::size_t fallback) {
                                             : static_cast<std::size_t>(std::strtoull(text, nullptr, 10));
 }
 
-// An interface whose callbacks append "<ifName> ready", "<ifName> row <row>" and
-// "<ifName> delete <row>" to a shared log; `onEvent` (if set) runs after each entry is logged.
-class RecordingInterface {
-public:
-    RecordingInterface(std::vector<std::string>& log, const std::string& ifName,
-                       const std::string& rowTypeName, unsigned char mode = kObserverMode)
-        : log_(&log),
-          iface(
-              ifName, rowTypeName, mode, [this] { record("ready", BaseRow()); },
-              [this](const BaseRow& r) { record("row", r); },
-              [this](const BaseRow& r) { record("delete", r); }, VeTableInterface::FlagCallback()) {}
-    RecordingInterface(const RecordingInterface&) = delete;
-    RecordingInterface& operator=(const RecordingInterface&) = delete;
-
-    std::function<void(const std::string& what, const BaseRow& row)> onEvent;
-
-private:
-    void record(const std::string& what, const BaseRow& row) {
-        log_->push_back(iface.ifName() + " " + what + (row.empty() ? "" : " " + row.toString()));
-        if (onEvent) onEvent(what, row);
-    }
-    std::vector<std::string>* log_;
-
-public:
-    VeTableInterface iface;
-};
-
 // A fixture with one database (default options unless the test sets options_ and calls
 // reset()) and helpers to connect agents.
 class HostTest : public ::testing::Test {
@@ -191,8 +149,6 @@ protected:
         EXPECT_TRUE(db_->settled());
         return n;
     }
-
-    std::vector<std::string> lines(const std::string& path) const { return rowLines(db_->rows(path)); }
 
     Host::Database::Options options_{};
     std::shared_ptr<Host::Database> db_;

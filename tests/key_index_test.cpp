@@ -16,28 +16,24 @@
 namespace Velta::Test {
 namespace {
 
-const RowType& numType() {
-    return Host::defineRowType("KeyIndexTest::Num", {{"k", FieldKind::u64}, {"v", FieldKind::u32}}, {"k"});
-}
-// The same key layout under another type: its rows hash exactly like numType's.
-const RowType& twinType() {
-    return Host::defineRowType("KeyIndexTest::Twin", {{"k", FieldKind::u64}, {"v", FieldKind::u32}}, {"k"});
+using enum FieldKind;
+
+// The twin has the same key layout under another type: its rows hash exactly like the others.
+const RowType& numType(bool twin = false) {
+    return Host::defineRowType(twin ? "KeyIndexTest::Twin" : "KeyIndexTest::Num", {{"k", u64}, {"v", u32}},
+                               {"k"});
 }
 const RowType& namedType() {
-    return Host::defineRowType(
-        "KeyIndexTest::Named",
-        {{"oid", FieldKind::u32}, {"name", FieldKind::string}, {"value", FieldKind::u32}}, {"name"});
+    return Host::defineRowType("KeyIndexTest::Named", {{"oid", u32}, {"name", string}, {"value", u32}},
+                               {"name"});
 }
 // A number first in a two-field key: the number alone does not identify a row.
 const RowType& rankedType() {
-    return Host::defineRowType(
-        "KeyIndexTest::Ranked",
-        {{"rank", FieldKind::u16}, {"group", FieldKind::string}, {"value", FieldKind::u32}},
-        {"rank", "group"});
+    return Host::defineRowType("KeyIndexTest::Ranked", {{"rank", u16}, {"group", string}, {"value", u32}},
+                               {"rank", "group"});
 }
 const RowType& taggedType() {
-    return Host::defineRowType("KeyIndexTest::Tagged",
-                               {{"tags", FieldKind::strings}, {"value", FieldKind::u32}}, {"tags"});
+    return Host::defineRowType("KeyIndexTest::Tagged", {{"tags", strings}, {"value", u32}}, {"tags"});
 }
 
 // Row operations of a host without the key-hash capability: the key order only.
@@ -86,12 +82,10 @@ KeySpace<std::string> nameKeys(std::size_t count) {
 using Owner = std::shared_ptr<const unsigned>;
 
 // Writes, erasures, lookups and sweeps that erase as they go, applied to an owner map ordered by
-// `less` and, given `table`, to a host table of that type, both checked against one model. A write
-// locates the key and puts a new key in at its place or gives it a new owner; an erasure returns
-// the next element. A map sweep sometimes puts an erased key straight back where it left (as the
-// aggregator does with its owners); a table sweep deletes through the walking position. At the
-// end every owner must be held exactly by the keys that name it (the tree's element and its index
-// entry), and by none once they are gone.
+// `less` and, given `table`, to a host table of that type, both checked against one model. A map
+// sweep sometimes puts an erased key straight back where it left (as the aggregator does with its
+// owners). At the end every owner must be held exactly by the keys that name it (the tree's element
+// and its index entry), and by none once they are gone.
 template <class K>
 void runHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, const RowType* table, std::uint64_t seed,
                 int steps) {
@@ -119,10 +113,9 @@ void runHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, const RowTy
         ASSERT_EQ(static_cast<bool>(found), m != model.end()) << where(k);
         ASSERT_EQ(it == map.end(), m == model.end()) << where(k);
         if (found) {
-            EXPECT_TRUE(found.pos() == it);
-            EXPECT_EQ(space.keyOf(it->first), k);
-            EXPECT_EQ(map.value(it), m->second.first);
-            EXPECT_EQ(found.value(), m->second.first) << where(k) << ": a stale owner";
+            EXPECT_TRUE(found.pos() == it && space.keyOf(it->first) == k) << where(k);
+            EXPECT_TRUE(map.value(it) == m->second.first && found.value() == m->second.first)
+                << where(k) << ": a stale owner";
         }
         if (!table) return;
         const BaseRow viaRow = iface->row(key, 0);
@@ -136,8 +129,6 @@ void runHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, const RowTy
             EXPECT_EQ(valueOf(r), m->second.second) << where(k);
         }
     };
-    // Puts `row` (of key `k`) with `owner` into the map and, through the client or the interface,
-    // into the table.
     auto put = [&](const K& k, BaseRow row, const Owner& owner, bool viaClient) {
         const auto found = map.locate(row);
         ASSERT_EQ(static_cast<bool>(found), model.count(k) == 1) << where(k);
@@ -240,16 +231,16 @@ TEST(KeyIndexes, HistoriesMatchTheModel) {
     // Number keys: the hash alone decides, and the tree compares inline. Then keys of the twin type
     // too, whose equal hashes are other keys: hash trust ends while one is in the map.
     using NumKey = std::pair<unsigned, std::uint64_t>;
-    KeySpace<NumKey> numbers{{},
-                             [](const NumKey& key, unsigned v) {
-                                 const RowType& type = key.first == numType().id() ? numType() : twinType();
-                                 return makeRow(type, {{"k", key.second}, {"v", v}});
-                             },
-                             [](const BaseRow& r) { return std::make_pair(r.rowType()->id(), r.number(0)); }};
+    KeySpace<NumKey> numbers{
+        {},
+        [](const NumKey& key, unsigned v) {
+            return makeRow(numType(key.first != numType().id()), {{"k", key.second}, {"v", v}});
+        },
+        [](const BaseRow& r) { return std::make_pair(r.rowType()->id(), r.number(0)); }};
     for (std::uint64_t k = 0; k < 200; ++k)
         for (const std::uint64_t key : {k << 40, ~k}) numbers.keys.emplace_back(numType().id(), key);
     runHistory(less(numType()), numbers, &numType(), 11, 20000);
-    for (std::uint64_t k = 0; k < 100; ++k) numbers.keys.emplace_back(twinType().id(), ~k);
+    for (std::uint64_t k = 0; k < 100; ++k) numbers.keys.emplace_back(numType(true).id(), ~k);
     runHistory(less(numType()), numbers, nullptr, 14, 20000);
     // String keys compare rows; with colliding hashes every probe meets other keys; operations
     // that do not hash leave every lookup to the tree.
@@ -320,7 +311,7 @@ TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
         if (k % 3 == 0) modifier.rowDel(row), expected.push_back("delete " + std::to_string(k));
     }
     HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
-    HostCapability::Lookahead::prefetchKey(observer, makeRow(twinType(), {{"k", 5}}));
+    HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(true), {{"k", 5}}));
     HostCapability::Lookahead::prefetchKey(unbound, BaseRow());
     db->runUntilIdle();
     // All events but the first few (queued too close to the front) are hooked, in order, each
