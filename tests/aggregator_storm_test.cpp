@@ -149,8 +149,7 @@ public:
         }
     }
 
-    // What a settle must find: the output, then (with an aggregator) the admitted inputs and each
-    // key's owner.
+    // What a settle must find: the output, then (with an aggregator) the inputs and each key's owner.
     Lines expected() const {
         Lines lines;
         if (exists(kOutput))

@@ -206,13 +206,6 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBook
         for (const std::string& entry : journal()) line += " " + entry;
         seen.push_back(line);
     };
-    // Blocking or unblocking the output, A's observer activated first or not.
-    const auto blocked = [&](bool value, bool activateFirst) {
-        return [&, value, activateFirst] {
-            if (activateFirst) observer.activate(true);
-            a.outputBlocked(value);
-        };
-    };
     const auto failing = [&](const char* hop) {
         return [&, hop] {
             host->failOn = hop;
@@ -220,16 +213,16 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBook
             host->failOn.clear();
         };
     };
-    step("blocked, idle", blocked(true, false));
-    step("blocked, active", blocked(true, true));
-    step("unblocked, active", blocked(false, true));
+    step("blocked, idle", [&] { a.outputBlocked(true); });
+    step("blocked, active", [&] { observer.activate(true), a.outputBlocked(true); });
+    step("unblocked, active", [&] { observer.activate(true), a.outputBlocked(false); });
     step("walk fails at k2", failing("x"));
-    step("blocked", blocked(true, false));
-    step("unblocked", blocked(false, true));
-    step("unblocked again", blocked(false, false));
+    step("blocked", [&] { a.outputBlocked(true); });
+    step("unblocked", [&] { observer.activate(true), a.outputBlocked(false); });
+    step("unblocked again", [&] { a.outputBlocked(false); });
     step("walk fails at k2", failing("x"));
     step("k2 deleted", [&] { EXPECT_TRUE(db_->erase(kA, route("k2", ""))); });
-    step("unblocked", blocked(false, false));
+    step("unblocked", [&] { a.outputBlocked(false); });
     step("deletion delivered", [&] { run(); });
     step("walk fails at k1", failing("a"));
     step("ready again", [&] { a.onObserverReady(); });
