@@ -1,15 +1,10 @@
-// Aggregator storms: seeded random histories checked against a reference model of the merge.
-//
-// A history creates and drops input tables (some of a foreign row type, which the host converts by
-// field name, some on paths the pattern refuses), writes and deletes their rows and the output's,
-// builds, destroys and rebuilds the aggregator, enables it late, re-enables it (a resync) and
-// suppresses its resync. After every settle the output, the admitted inputs and each output row's
-// owner must be what the model says. The model follows the documented behaviour of the host and
-// of the aggregator; it queues host callbacks as the host does, because a replacement reads the
-// inputs as they are when its callback runs.
-//
-// A divergence is reported with a shrunk history that still fails. VELTA_STORM_SEED=S replays one
-// history; VELTA_STORM_HISTORIES sets how many run (10,000).
+// Aggregator storms: seeded random histories of input tables (some of a foreign row type, which the
+// host converts by field name, some on paths the pattern refuses), their rows and the output's, and
+// the aggregator built, destroyed, enabled late, re-enabled (a resync) and its resync suppressed. After
+// every settle the output, the admitted inputs and each output row's owner must be what a model of
+// the merge says; it queues host callbacks as the host does, because a replacement reads the inputs
+// as they are when its callback runs. A divergence is reported with a shrunk history that still
+// fails. VELTA_STORM_SEED=S replays one history; VELTA_STORM_HISTORIES sets how many run (10,000).
 #include "TestSupport.h"
 
 #include <Velta/Agent/Aggregator.h>
@@ -21,15 +16,10 @@
 #include <random>
 #include <set>
 
+namespace Velta::Test {
 namespace {
 
-using Velta::BaseRow;
-using Velta::FieldKind;
-using Velta::RowType;
-namespace Host = Velta::Host;
-using Velta::Agent::Aggregator;
-using Velta::Test::envCount;
-using Velta::Test::makeRow;
+using Agent::Aggregator;
 using Lines = std::vector<std::string>;
 
 constexpr const char* kPrefix = "velta/storm/";
@@ -73,17 +63,14 @@ std::string keyName(int key) { return "k" + std::to_string(key); }
 enum class Op : std::uint8_t {
     create, drop, write, writeForeign, erase, writeOutput, eraseOutput, build, destroy, enable, suppress, settle
 };
+constexpr std::array<const char*, 12> kOpNames = {"create", "drop", "write", "writeForeign", "erase",
+    "writeOutput", "eraseOutput", "build", "destroy", "enable", "suppress", "settle"};
 // clang-format on
-constexpr std::array<const char*, 12> kOpNames = {"create",  "drop",        "write",       "writeForeign",
-                                                  "erase",   "writeOutput", "eraseOutput", "build",
-                                                  "destroy", "enable",      "suppress",    "settle"};
 
 struct Step {
     Op op = Op::settle;
-    std::uint8_t slot = 0;
-    std::uint8_t key = 0;
-    bool flag = false;
-    bool flag2 = false;
+    std::uint8_t slot = 0, key = 0;
+    bool flag = false, flag2 = false;
     std::uint32_t ver = 0;
 };
 
@@ -143,10 +130,7 @@ public:
         agg->dwr = dwr;
         agg->enabled = enabled;
         createTable(kOutput, true);
-        queue_.push_back({"", [this] {
-                              agg->outputReady = true;
-                              onReady();
-                          }});
+        queue_.push_back({"", [this] { agg->outputReady = true, onReady(); }});
         if (enabled) declareMetaReady();
     }
     void destroy() {
@@ -165,8 +149,7 @@ public:
         }
     }
 
-    // What a settle must find: the output, then (with an aggregator) the admitted inputs and each
-    // key's owner.
+    // What a settle must find: the output, then (with an aggregator) the inputs and each key's owner.
     Lines expected() const {
         Lines lines;
         if (exists(kOutput))
@@ -360,7 +343,7 @@ private:
     }
 
     std::shared_ptr<Host::Database> db_;
-    Velta::VeltaDB::p_t handle_;
+    VeltaDB::p_t handle_;
     std::unique_ptr<Aggregator> aggregator_;
     MergeModel model_;
     // Per batch (since the last settle).
@@ -443,7 +426,7 @@ std::optional<std::string> stormHistory(std::uint64_t seed) {
         std::string report = "history seed " + std::to_string(seed) + " diverged at step " +
                              std::to_string(steps.size()) + " (" + describe(s) + "): " + *bad +
                              "shrunk history that still fails:\n";
-        const std::vector<Step> small = Velta::Test::shrinkHistory(
+        const std::vector<Step> small = shrinkHistory(
             steps, [&](const std::vector<Step>& candidate) { return replay(candidate).has_value(); });
         for (std::size_t j = 0; j < small.size(); ++j)
             report += "  " + std::to_string(j + 1) + ". " + describe(small[j]) + "\n";
@@ -454,8 +437,7 @@ std::optional<std::string> stormHistory(std::uint64_t seed) {
 }
 
 TEST(AggregatorStorm, RandomHistoriesMatchTheModel) {
-    rowType();
-    foreignType();
+    rowType(), foreignType();  // defined before a table of either type is created
     const std::size_t oneSeed = envCount("VELTA_STORM_SEED", 0);
     const std::size_t count = oneSeed ? 1 : envCount("VELTA_STORM_HISTORIES", 10000);
     for (std::size_t i = 0, failures = 0; i < count && failures < 3; ++i) {
@@ -467,3 +449,4 @@ TEST(AggregatorStorm, RandomHistoriesMatchTheModel) {
 }
 
 }  // namespace
+}  // namespace Velta::Test

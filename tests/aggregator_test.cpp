@@ -1,7 +1,6 @@
 // The Aggregator on the in-memory host, for what the storm's model does not see: the traces, the
-// order of the output changes around an input's removal, a metadata pass that ends before the
-// output is ready, and flow control. Each test compares one journal: the output's changes and the
-// aggregator's traces, in the order they happened.
+// order of the output's changes (walks, an input's removal) and flow control. Each test compares one
+// journal: the output's changes and the aggregator's traces, in the order they happened.
 #include "TestSupport.h"
 
 #include <Velta/Agent/Aggregator.h>
@@ -53,9 +52,11 @@ protected:
         db_->listenerIs(nullptr);
     }
 
+    // Builds the aggregator on `vdb` and delivers everything queued: its first pass is done.
     void start(VeltaDB::p_t vdb) {
         agg_ = std::make_unique<Aggregator>(std::move(vdb), "velta/input/", "/routes", kOut, kRoute, false,
                                             true, false);
+        run();
     }
 
     // The journal since the last call: "+k1=a" and "-k1=a" for the output's changes, and each
@@ -92,7 +93,6 @@ TEST_F(AggregatorTest, AdmissionTracesEachDecisionAndRemembersOnlyAdmittedPaths)
     for (const char* path : {"velta/input/a/routes", "velta/input/a/b/routes", "velta/input//routes"})
         db_->createTable(path, kRoute);
     start(connect("agg"));
-    run();
     // The refused type is not remembered: the path is examined afresh with the output's type. An
     // admitted path's metadata is not examined again, whatever it says.
     EXPECT_TRUE(db_->dropTable(kB));
@@ -130,7 +130,6 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
     for (const auto& [path, key] : {std::pair{kA, "k1"}, {kA, "k5"}, {kC, "k4"}, {kC, "k5"}})
         db_->write(path, route(key, path == kA ? "a" : "c"));
     start(connect("agg"));
-    run();
     for (const char* key : {"k1", "k2", "k4", "k5"}) db_->write(kB, route(key, "b"));
     run();
     // Walks in path order; nothing is traced while the level is off.
@@ -160,34 +159,29 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
 }
 
 // Flow control. The aggregator never reports itself blocked, so a walk stops early only when the
-// host fails in the middle of it: FlakyHost's key comparison throws for rows with a chosen next
-// hop, and it leaves chosen paths unbound (attachment zero).
-class FlakyRowOps : public RowOps {
-public:
-    explicit FlakyRowOps(std::shared_ptr<const RowOps> real) : real_(std::move(real)) {}
-    bool keyLess(const BaseRow& a, const BaseRow& b) const override {
-        if (!failOn.empty() && (hopOf(a) == failOn || hopOf(b) == failOn))
-            throw std::runtime_error("host failure");
-        return real_->keyLess(a, b);
-    }
-    std::string failOn;
-
-private:
-    std::shared_ptr<const RowOps> real_;
-};
-
-class FlakyHost : public Host::ForwardingVeltaDB {
+// host fails in the middle of it: FlakyHost, its own row ops, throws comparing a row whose next hop
+// is `failOn`, and leaves the path `unbound` unbound (attachment zero).
+class FlakyHost : public Host::ForwardingVeltaDB,
+                  public RowOps,
+                  public std::enable_shared_from_this<FlakyHost> {
 public:
     using ForwardingVeltaDB::ForwardingVeltaDB;
     void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) override {
         if (path != unbound) ForwardingVeltaDB::bindInterface(iface, path, flag);
     }
     std::shared_ptr<const RowOps> getRowOps(const std::string& typeName, unsigned char index) const override {
-        ops = std::make_shared<FlakyRowOps>(ForwardingVeltaDB::getRowOps(typeName, index));
-        return ops;
+        real_ = ForwardingVeltaDB::getRowOps(typeName, index);
+        return {shared_from_this(), this};
     }
-    std::string unbound;
-    mutable std::shared_ptr<FlakyRowOps> ops;
+    bool keyLess(const BaseRow& a, const BaseRow& b) const override {
+        if (!failOn.empty() && (hopOf(a) == failOn || hopOf(b) == failOn))
+            throw std::runtime_error("host failure");
+        return real_->keyLess(a, b);
+    }
+    std::string unbound, failOn;
+
+private:
+    mutable std::shared_ptr<const RowOps> real_;
 };
 
 TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBookmark) {
@@ -198,7 +192,6 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBook
     auto host = std::make_shared<FlakyHost>(connect("agg"));
     host->unbound = kZ;
     start(host);
-    run();
     db_->write(kA, route("k2", "x"));  // the owner map keeps k2's first row, which compares safely
     run();
     EXPECT_EQ(journal(), (Lines{"+k1=a", "+k2=a", "+k3=a", "+k2=x"}));
@@ -213,30 +206,23 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBook
         for (const std::string& entry : journal()) line += " " + entry;
         seen.push_back(line);
     };
-    // Blocking or unblocking the output, A's observer activated first or not.
-    const auto blocked = [&](bool value, bool activateFirst) {
-        return [&, value, activateFirst] {
-            if (activateFirst) observer.activate(true);
-            a.outputBlocked(value);
-        };
-    };
     const auto failing = [&](const char* hop) {
         return [&, hop] {
-            host->ops->failOn = hop;
+            host->failOn = hop;
             EXPECT_THROW(a.onObserverReady(), std::runtime_error);
-            host->ops->failOn.clear();
+            host->failOn.clear();
         };
     };
-    step("blocked, idle", blocked(true, false));
-    step("blocked, active", blocked(true, true));
-    step("unblocked, active", blocked(false, true));
+    step("blocked, idle", [&] { a.outputBlocked(true); });
+    step("blocked, active", [&] { observer.activate(true), a.outputBlocked(true); });
+    step("unblocked, active", [&] { observer.activate(true), a.outputBlocked(false); });
     step("walk fails at k2", failing("x"));
-    step("blocked", blocked(true, false));
-    step("unblocked", blocked(false, true));
-    step("unblocked again", blocked(false, false));
+    step("blocked", [&] { a.outputBlocked(true); });
+    step("unblocked", [&] { observer.activate(true), a.outputBlocked(false); });
+    step("unblocked again", [&] { a.outputBlocked(false); });
     step("walk fails at k2", failing("x"));
     step("k2 deleted", [&] { EXPECT_TRUE(db_->erase(kA, route("k2", ""))); });
-    step("unblocked", blocked(false, false));
+    step("unblocked", [&] { a.outputBlocked(false); });
     step("deletion delivered", [&] { run(); });
     step("walk fails at k1", failing("a"));
     step("ready again", [&] { a.onObserverReady(); });

@@ -2,9 +2,6 @@
 // what it claims: a stand-in host (the in-memory host behind a wrapper) that gets one thing wrong
 // fails exactly the check of that contract; the same wrapper getting nothing wrong, or making
 // another of the choices the interface leaves to a host, fails none.
-//
-// The wrapper reaches the host's callbacks by replacing, when an interface is bound, the
-// interface's callbacks with its own, which call the kit's (test-only: a real host never does this).
 #include "TestSupport.h"
 #include "consumer/InMemoryHost.h"
 
@@ -125,7 +122,8 @@ private:
         VeltaDB::p_t inner_;
     };
 
-    // Takes over the interface's callbacks (the host calls the lab, the lab the kit), then binds.
+    // Takes over the interface's callbacks (the host calls the lab, the lab the kit: test-only, a
+    // real host never does this), then binds.
     void attach(VeltaDB& inner, VeTableInterface& iface, const std::string& path, bool flag) {
         auto b = std::make_shared<Bound>();
         *b = {&iface, path, iface.readyCallback(), iface.rowCallback(), iface.deleteCallback(), false, {}};
