@@ -109,9 +109,9 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "5:82: expected true or false for field 'status' (bool), found 'yes'"},
         {"steps:\n  - write:\n      table: velta/External/Subscription\n      row: {oid: seven}\n",
          "7:18: expected a number (decimal or 0x hex) up to 4294967295 for field 'oid' (u32), found 'seven'"},
-        {"row_types:\n  - name: Demo::Route\n    key: [prefx]\n    fields: {prefix: string, nexthop: "
-         "string}\nsteps: []\n",
-         "6:11: key field 'prefx' is not one of the fields: nexthop, prefix"},
+        {"row_types:\n  - name: Demo::Route\n    key: [prefx]\n    fields: {prefix: string, \"next\\nhop\": "
+         "string}\nsteps: []\n",  // a listed name stays on the message's line
+         "6:11: key field 'prefx' is not one of the fields: \"next\\nhop\", prefix"},
         {"steps:\n  - write:\n    table: velta/External/Publication\n",
          "6:5: unexpected 'table' beside 'write': a step is a map with one key; indent the step's fields "
          "under it"},
