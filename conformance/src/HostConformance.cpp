@@ -86,9 +86,9 @@ const std::vector<Check>& checks() {
          "tables alike), and an unknown path or id gives an empty row",
          tablesAreListedAndDescribed},
         {"DroppedTablesLeaveTheListing",
-         "when a table is dropped, its row leaves velta/metadata/veTable, observers get its delete callback "
-         "with the table's path and tableInfo gives an empty row by path and by id; a table made again at "
-         "the path is listed again (skipped when the adapter cannot drop tables)",
+         "when a table is dropped, its row leaves velta/metadata/veTable, observers get a delete callback "
+         "for it, and tableInfo gives an empty row by path and by id; a table made again at the path is "
+         "listed again (skipped when the adapter cannot drop tables)",
          droppedTablesLeaveTheListing},
         {"ServerRegistrationIsVisibleAtOnce",
          "in the server agent, registerTable makes the table known to tableInfo, with its type and owner, "
