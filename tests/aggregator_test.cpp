@@ -214,11 +214,20 @@ TEST_F(AggregatorTest, OutputBlockedDeactivatesAndAPendingWalkResumesFromItsBook
         };
     };
     step("blocked, idle", [&] { a.outputBlocked(true); });
-    step("blocked, active", [&] { observer.activate(true), a.outputBlocked(true); });
-    step("unblocked, active", [&] { observer.activate(true), a.outputBlocked(false); });
+    step("blocked, active", [&] {
+        observer.activate(true);
+        a.outputBlocked(true);
+    });
+    step("unblocked, active", [&] {
+        observer.activate(true);
+        a.outputBlocked(false);
+    });
     step("walk fails at k2", failing("x"));
     step("blocked", [&] { a.outputBlocked(true); });
-    step("unblocked", [&] { observer.activate(true), a.outputBlocked(false); });
+    step("unblocked", [&] {
+        observer.activate(true);
+        a.outputBlocked(false);
+    });
     step("unblocked again", [&] { a.outputBlocked(false); });
     step("walk fails at k2", failing("x"));
     step("k2 deleted", [&] { EXPECT_TRUE(db_->erase(kA, route("k2", ""))); });

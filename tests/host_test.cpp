@@ -120,7 +120,10 @@ BaseRow oidKey(unsigned oid) { return makeRow(itemType(), {{"oid", oid}}); }
 std::string nameOf(const BaseRow& row) { return row.string(1); }
 std::uint64_t oidOf(const BaseRow& row) { return row.number(0); }
 // `row` written through `iface`, as the caller holds it afterwards: with the oid it was given.
-BaseRow writeVia(VeTableInterface& iface, BaseRow row) { return iface.rowIs(row), row; }
+BaseRow writeVia(VeTableInterface& iface, BaseRow row) {
+    iface.rowIs(row);
+    return row;
+}
 
 class HostTables : public HostTest {
 protected:
