@@ -239,7 +239,11 @@ private:
             }
             case 12: {
                 auto& t = in_.boolean() ? serverTranslator_ : edgeTranslator_;
-                if (t) in_.inRange<int>(0, 3) == 0 ? t->clean() : t->onTableReady();
+                if (!t) break;
+                if (in_.inRange<int>(0, 3) == 0)
+                    t->clean();
+                else
+                    t->onTableReady();
                 break;
             }
             case 13:

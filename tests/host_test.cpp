@@ -6,6 +6,7 @@
 #include <Kesto/Platform.h>
 #include <Velta/VeRT.h>
 #include <Velta/Scheduler>
+#include <array>
 #include <cstdlib>
 #include <map>
 #include <ostream>
@@ -95,14 +96,16 @@ TEST_F(HostRows, TypeRegistryClassesAndRowOps) {
     const RowOpsKeyLess less1(handle->getRowOps("RowsTest::Pair", 1));
     const BaseRow a = makeRow(pairType(), {{"oid", 9}, {"group", "a"}, {"rank", 2}});
     const BaseRow b = makeRow(pairType(), {{"oid", 1}, {"group", "a"}, {"rank", 3}});
-    EXPECT_TRUE(less0(a, b) && less1(b, a) && !less0(a, a));
+    EXPECT_EQ((std::array{less0(a, b), less1(b, a), less0(a, a)}), (std::array{true, true, false}));
     const BaseRow zero = makeRow(pairType(), {{"big", 5}});
-    EXPECT_FALSE(less0(BaseRow(), zero) || less0(zero, BaseRow()) || less1(BaseRow(), zero));
+    EXPECT_EQ((std::array{less0(BaseRow(), zero), less0(zero, BaseRow()), less1(BaseRow(), zero)}),
+              (std::array{false, false, false}));
     EXPECT_TRUE(less0(BaseRow(), a) && less1(BaseRow(), a));
     // An unknown type still orders rows: empty first, then by type id, then by key.
     const RowOpsKeyLess unknown(handle->getRowOps("No::SuchType", 0));
     const External::Publication pub = makeRecord<External::Publication>({{"subscription_id", 1}});
-    EXPECT_TRUE(unknown(BaseRow(), pub) && unknown(pub, a) && !unknown(a, pub));
+    EXPECT_EQ((std::array{unknown(BaseRow(), pub), unknown(pub, a), unknown(a, pub)}),
+              (std::array{true, true, false}));
 }
 
 constexpr const char* kItems = "test/items";
@@ -256,15 +259,17 @@ TEST_F(HostTables, OidsComeFromOneCounterAndAreKeptOnReplace) {
 
 TEST_F(HostTables, ForeignEmptyAndUnboundLookupsAndDroppedTables) {
     for (const char* name : {"a", "b", "c"}) db_->write(kItems, item(name));
-    EXPECT_TRUE(iface_.row(BaseRow(), 0).empty() && iface_.find(BaseRow(), 0) == iface_.end(0) &&
-                (*iface_.end(0)).empty());
+    EXPECT_EQ((std::array{iface_.row(BaseRow(), 0).empty(), iface_.find(BaseRow(), 0) == iface_.end(0),
+                          (*iface_.end(0)).empty()}),
+              (std::array{true, true, true}));
     const BaseRow foreignKey =
         makeRow(Host::defineRowType("TablesTest::Name", {{"name", string}}, {"name"}), {{"name", "b"}});
     EXPECT_EQ(nameOf(iface_.row(foreignKey, 0)), "b");  // a key of another type is read by field name
 
     VeTableInterface unbound("loose", itemType().name(), kModifierMode, {}, {}, {}, {});
-    EXPECT_TRUE(unbound.row(key("b"), 0).empty() && unbound.begin(0) == unbound.end(0) &&
-                unbound.lower_bound(key("a"), 1) == unbound.end(1));
+    EXPECT_EQ((std::array{unbound.row(key("b"), 0).empty(), unbound.begin(0) == unbound.end(0),
+                          unbound.lower_bound(key("a"), 1) == unbound.end(1)}),
+              (std::array{true, true, true}));
     writeVia(unbound, item("q"));  // nowhere to go: ignored
     unbound.rowDel(key("b"));
     EXPECT_EQ(db_->rowCount(kItems), 3u);
@@ -272,8 +277,9 @@ TEST_F(HostTables, ForeignEmptyAndUnboundLookupsAndDroppedTables) {
     // A dropped table ends walks (the position keeps its row) and comes back for bound interfaces.
     VeRowIterator it = iface_.begin(0);
     ASSERT_TRUE(db_->dropTable(kItems));
-    EXPECT_TRUE(!db_->erase(kItems, key("b")) && db_->rowCount(kItems) == 0 &&
-                iface_.row(key("b"), 0).empty() && iface_.begin(0) == iface_.end(0));
+    EXPECT_EQ((std::array{db_->erase(kItems, key("b")), db_->rowCount(kItems) == 0,
+                          iface_.row(key("b"), 0).empty(), iface_.begin(0) == iface_.end(0)}),
+              (std::array{false, true, true, true}));
     EXPECT_EQ(nameOf(*it), "a");
     EXPECT_EQ(++it, iface_.end(0));
     db_->write(kItems, item("n"));  // a write makes the table again, under the same path
