@@ -161,6 +161,7 @@ protected:
 #include <Velta/Agent/SubscriptionTranslator.h>
 
 #include <map>
+#include <set>
 #include <sstream>
 
 namespace Velta::Test {
@@ -325,6 +326,19 @@ protected:
     }
 
     static constexpr std::uint32_t kTranscriptLevels = 0x3ff;
+    inline static const std::set<std::string> kEntrySignatures = [] {
+        std::set<std::string> out{
+            "Velta::Agent::SubscriptionTranslator::SubscriptionTranslator(Velta::VeltaDB::p_t)",
+            "void Velta::Agent::SubscriptionTranslator::subscriptionComplete(Velta::Agent::Subs, "
+            "Velta::Agent::TableRow, bool, bool, bool, Velta::oid_t, Velta::oid_t, const string&)",
+            "void Velta::Agent::SubscriptionTranslator::extSubsOnReady()",
+            "void Velta::Agent::SubscriptionTranslator::extSubsOnRowCommon(const Velta::BaseRow&, bool)"};
+        for (const char* f :
+             {"onTableRow", "extSubsOnDelete", "pubOnRow", "pubOnDelete", "extPubOnRow", "extPubOnDelete"})
+            out.insert(std::string("void Velta::Agent::SubscriptionTranslator::") + f +
+                       "(const Velta::BaseRow&)");
+        return out;
+    }();
 
     inline static const std::string kExtSubs = "velta/External/Subscription";
     inline static const std::string kExtPub = "velta/External/Publication";
@@ -343,6 +357,10 @@ private:
             if (r.level == 8) {  // function entries: counted by line and flags, the row left out
                 const std::string head = r.message.substr(0, r.message.find('{'));
                 const std::size_t close = head.find(')') + 1, colon = head.rfind(": ");
+                // The signature, as a trace reader greps for it, names the function reported.
+                EXPECT_TRUE(kEntrySignatures.contains(head.substr(0, close))) << head;
+                EXPECT_NE(head.find("SubscriptionTranslator::" + r.function + "("), std::string::npos)
+                    << head;
                 const std::string flags = colon > close ? head.substr(close, colon - close) : "";
                 std::string key = std::to_string(r.line);
                 for (std::size_t i = 0; i < flags.size();) {
