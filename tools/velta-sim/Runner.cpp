@@ -3,6 +3,7 @@
 #include "Runner.h"
 
 #include "Format.h"
+#include "Text.h"
 
 #include <Velta/Agent/Aggregator.h>
 #include <Velta/Agent/SubscriptionTranslator.h>
@@ -479,8 +480,7 @@ private:
             s.rows, found, same, [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
         const std::string message = found.size() == s.rows.size()
                                         ? s.path + ": the rows differ"
-                                        : s.path + ": " + std::to_string(s.rows.size()) +
-                                              (s.rows.size() == 1 ? " row" : " rows") + " expected, " +
+                                        : s.path + ": " + counted(s.rows.size(), "row") + " expected, " +
                                               std::to_string(found.size()) + " found";
         fail(step, message, std::move(diff));
         return true;
@@ -521,8 +521,7 @@ private:
             [](const Velta::Host::HostCall& c) { return formatCall(c) + "   (by " + c.agent + ")"; });
         const std::string message = found.size() == s.calls.size()
                                         ? std::string("the host calls differ")
-                                        : std::to_string(s.calls.size()) + " host call" +
-                                              (s.calls.size() == 1 ? "" : "s") + " expected, " +
+                                        : counted(s.calls.size(), "host call") + " expected, " +
                                               std::to_string(found.size()) + " made";
         fail(step,
              message + " since " +
@@ -662,8 +661,7 @@ private:
         }
         const std::vector<BaseRow> rows = db_->rows(path);
         if (rows.empty() && !evenEmpty) return;
-        view("  table " + path + " (" + type->name() + ", " + std::to_string(rows.size()) +
-             (rows.size() == 1 ? " row)\n" : " rows)\n"));
+        view("  table " + path + " (" + type->name() + ", " + counted(rows.size(), "row") + ")\n");
         if (rows.empty()) return;
         ExtraColumn provenance;
         if (writtenByAggregator(path)) {

@@ -56,6 +56,10 @@ std::string joined(const std::vector<std::string>& items) {
     return out;
 }
 
+std::string counted(std::size_t count, std::string_view noun) {
+    return std::to_string(count) + " " + std::string(noun) + (count == 1 ? "" : "s");
+}
+
 std::string suggestion(std::string_view word, const std::vector<std::string>& candidates) {
     std::string best;
     std::size_t bestDistance = std::max<std::size_t>(2, word.size() / 3) + 1;

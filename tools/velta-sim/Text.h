@@ -16,6 +16,8 @@ std::string quoted(std::string_view text);
 std::string oneLine(std::string_view text);
 // The items separated by ", ", each on one line as oneLine gives it.
 std::string joined(const std::vector<std::string>& items);
+// "1 row", "2 rows": `count` and `noun`, with an "s" unless the count is one.
+std::string counted(std::size_t count, std::string_view noun);
 // " (did you mean 'candidate'?)" for the candidate nearest to `word` in edit distance when it is
 // near enough (at most a third of the word, or 2, wrong); "" when none is.
 std::string suggestion(std::string_view word, const std::vector<std::string>& candidates);

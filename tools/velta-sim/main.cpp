@@ -5,6 +5,7 @@
 #include "Report.h"
 #include "Runner.h"
 #include "Scenario.h"
+#include "Text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -94,7 +95,8 @@ int checkCommand(const std::vector<std::string>& files) {
             std::cerr << result.error << std::endl;
             continue;
         }
-        std::cout << "ok " << file << " (" << result.scenario->steps.size() << " steps)" << std::endl;
+        std::cout << "ok " << file << " (" << VeltaSim::counted(result.scenario->steps.size(), "step") << ")"
+                  << std::endl;
     }
     return unusable ? 2 : 0;
 }
