@@ -59,7 +59,7 @@ public:
     };
     std::function<void(const Registration&)> registration = [](const Registration& r) { r.forward(); };
     bool noInfoById = false, unknownTypeIsZero = false, rowOpsOfIndexOne = false, standaloneInverted = false,
-         queriesAtOnce = false;
+         queriesAtOnce = false, ownRowsOrderedWhole = false;
     std::vector<std::function<void()>> deferred;  // run when the lab next delivers
     int depth = 0;                                // callbacks running now
 
@@ -113,6 +113,13 @@ private:
             return lab_.unknownTypeIsZero && id == kUnknownTypeId ? 0 : id;
         }
         std::shared_ptr<const RowOps> getRowOps(const std::string& type, unsigned char index) const override {
+            struct WholeRowOps : RowOps {  // the printed row, key or not
+                bool keyLess(const BaseRow& a, const BaseRow& b) const override {
+                    return a.toString() < b.toString();
+                }
+            };
+            if (lab_.ownRowsOrderedWhole && type == lab_.ownRowType().name)
+                return std::make_shared<WholeRowOps>();
             return inner_->getRowOps(type, lab_.rowOpsOfIndexOne ? 1 : index);
         }
         bool standalone() const override { return inner_->standalone() != lab_.standaloneInverted; }
@@ -266,6 +273,8 @@ const std::vector<Proof> kProofs = {
      }},
     {"KeysByFirstFieldOnly", "PrimaryKeyFindsAndRemovesRows",
      [](Lab& l) { l.tableTypeOf = variantType("External::Subscription", {"system_description"}, true); }},
+    {"OwnTypeKeyedByFirstField", "PrimaryKeyFindsAndRemovesRows",
+     [](Lab& l) { l.tableTypeOf = variantType(l.ownRowType().name, {"prefix"}, true); }},
     {"DropsOids", "OidIndexFindsRows",
      [](Lab& l) {
          l.tableTypeOf =
@@ -306,6 +315,7 @@ const std::vector<Proof> kProofs = {
     {"WritesThroughSharedRows", "RowsAreCopiedOnWrite",  // process-wide: the lab turns it back on
      [](Lab&) { Host::Database::copyOnWriteIs(false); }},
     {"RowOpsOfTheWrongIndex", "KeyOrdersFollowThePrimaryKey", [](Lab& l) { l.rowOpsOfIndexOne = true; }},
+    {"OwnTypeOrderedWhole", "KeyOrdersFollowThePrimaryKey", [](Lab& l) { l.ownRowsOrderedWhole = true; }},
     {"TableInfoByPathOnly", "TablesAreListedAndDescribed", [](Lab& l) { l.noInfoById = true; }},
     {"DropsSilently", "DroppedTablesLeaveTheListing",  // no delete callback for a dropped table's row
      [](Lab& l) {
@@ -361,7 +371,7 @@ TEST(KitCatches, EveryCheckHasATwist) {
     std::vector<std::string> checks, proven;
     for (const Conformance::Check& c : Conformance::checks()) checks.push_back(c.name);
     for (const Proof& p : kProofs)
-        if (!p.breaks.empty()) proven.push_back(p.breaks);
+        if (!p.breaks.empty() && (proven.empty() || proven.back() != p.breaks)) proven.push_back(p.breaks);
     EXPECT_EQ(proven, checks);
 }
 

@@ -57,7 +57,8 @@ const std::vector<Check>& checks() {
          attachmentMarksBinding},
         {"PrimaryKeyFindsAndRemovesRows",
          "row, find and rowDel(key) through index 0 reach the row whose primary key equals the key row's, "
-         "whatever the key row's other fields; a missing key gives an empty row and end()",
+         "whatever the key row's other fields; a missing key gives an empty row and end() (built-in records "
+         "and the adapter's own row type)",
          primaryKeyAddressesRows},
         {"OidIndexFindsRows",
          "rows written with oid 0 get distinct non-zero oids, a row written with an oid keeps it, and row "
@@ -78,7 +79,8 @@ const std::vector<Check>& checks() {
          rowsAreCopiedOnWrite},
         {"KeyOrdersFollowThePrimaryKey",
          "operator< of the records and the RowOpsKeyLess of getRowOps(type, 0) are strict weak orders under "
-         "which two rows are equivalent exactly when their primary keys are equal",
+         "which two rows are equivalent exactly when their primary keys are equal (built-in records and the "
+         "adapter's own row type)",
          keyOrdersFollowThePrimaryKey},
         {"TablesAreListedAndDescribed",
          "every table has a row in velta/metadata/veTable with its path and row type name: observers find it "

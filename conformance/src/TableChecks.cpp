@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -51,10 +53,10 @@ bool contains(const std::vector<std::string>& items, const std::string& item) {
 // One kind of primary key: four distinct keys (the fourth is never written), each row built with a
 // value in a field outside the key.
 struct KeyShape {
-    const char* label;
+    std::string label;
     std::string typeName;
-    BaseRow (*make)(int key, const std::string& value);
-    std::string (*show)(const BaseRow& row);
+    std::function<BaseRow(int key, const std::string& value)> make;
+    std::function<std::string(const BaseRow& row)> show;
 };
 
 const KeyShape kKeyShapes[] = {
@@ -104,10 +106,20 @@ const KeyShape kKeyShapes[] = {
      }},
 };
 
+// The built-in shapes, and the adapter's own row type when it offers one (shown as the host prints it).
+std::vector<KeyShape> keyShapes(HostAdapter& host) {
+    std::vector<KeyShape> shapes(std::begin(kKeyShapes), std::end(kKeyShapes));
+    if (OwnRowType own = host.ownRowType(); !own.name.empty())
+        shapes.push_back({"the host's own row type " + own.name, own.name, std::move(own.make),
+                          [](const BaseRow& r) { return r.toString(); }});
+    return shapes;
+}
+
 // Strict weak order, and equivalence exactly between rows of equal key.
 template <class Less>
-void checkOrder(const std::string& what, const std::vector<BaseRow>& rows, std::string (*key)(const BaseRow&),
-                Less less, std::vector<std::string>& problems) {
+void checkOrder(const std::string& what, const std::vector<BaseRow>& rows,
+                const std::function<std::string(const BaseRow&)>& key, Less less,
+                std::vector<std::string>& problems) {
     for (const BaseRow& a : rows) {
         if (less(a, a)) problems.push_back(what + " orders " + key(a) + " before itself");
         for (const BaseRow& b : rows) {
@@ -155,7 +167,7 @@ veCtrl::publication ctrlPub(unsigned id, const std::string& error) {
 void primaryKeyAddressesRows(HostAdapter& host) {
     std::vector<std::string> problems;
     int n = 0;
-    for (const KeyShape& shape : kKeyShapes) {
+    for (const KeyShape& shape : keyShapes(host)) {
         Scene s(host, "primary-key/" + std::to_string(n++), shape.typeName);
         const auto stored = [&](int key) { return shape.make(key, "stored " + std::to_string(key)); };
         for (int key = 0; key < 3; ++key) host.writeRow(s.path, stored(key));
@@ -168,11 +180,10 @@ void primaryKeyAddressesRows(HostAdapter& host) {
             const VeRowIterator at = i.find(key, 0);
             const std::string gotAt = at == i.end(0) ? "end()" : shape.show(*at);
             if (got != want)
-                problems.push_back(std::string(shape.label) + ": row(" + shape.show(key) + ", 0) gave " +
-                                   got + ", expected " + want);
+                problems.push_back(shape.label + ": row(" + shape.show(key) + ", 0) gave " + got +
+                                   ", expected " + want);
             if (gotAt != (want == "an empty row" ? "end()" : want))
-                problems.push_back(std::string(shape.label) + ": find(" + shape.show(key) + ", 0) gave " +
-                                   gotAt);
+                problems.push_back(shape.label + ": find(" + shape.show(key) + ", 0) gave " + gotAt);
         };
         for (int key = 0; key < 3; ++key) {
             expectAt(shape.make(key, ""), shape.show(stored(key)));
@@ -396,7 +407,7 @@ void keyOrdersFollowThePrimaryKey(HostAdapter& host) {
         [](const BaseRow& a, const BaseRow& b) { return veCtrl::publication(a) < veCtrl::publication(b); },
         problems);
     const auto byRowOps = [&](const std::string& type, const std::vector<BaseRow>& rows,
-                              std::string (*key)(const BaseRow&)) {
+                              const std::function<std::string(const BaseRow&)>& key) {
         checkOrder("RowOpsKeyLess(getRowOps(\"" + type + "\", 0))", rows, key,
                    RowOpsKeyLess(agent->getRowOps(type, 0)), problems);
     };
@@ -404,6 +415,17 @@ void keyOrdersFollowThePrimaryKey(HostAdapter& host) {
     byRowOps(veCtrl::publication::rowTypeName(), ctrlPubs, +ctrlPubKey);
     byRowOps(kPubType, pubs, +pubKey);
     byRowOps(veCtrl::subscription::rowTypeName(), controls, +controlKey);
+    if (const OwnRowType own = host.ownRowType(); !own.name.empty()) {
+        const std::vector<std::pair<int, std::string>> made = {
+            {0, "x"}, {0, "y"}, {1, "x"}, {2, ""}, {3, "x"}};
+        std::vector<BaseRow> rows;
+        for (const auto& [key, value] : made) rows.push_back(own.make(key, value));
+        byRowOps(own.name, rows, [&](const BaseRow& r) {
+            const auto at =
+                std::find_if(rows.begin(), rows.end(), [&](const BaseRow& m) { return m.sameData(r); });
+            return "key " + std::to_string(made[static_cast<std::size_t>(at - rows.begin())].first);
+        });
+    }
     VELTA_KIT_EXPECT(problems.empty()) << "your host's key orders do not follow the primary key (the "
                                           "translator and the aggregator key ordered maps by them):"
                                        << lines(problems);

@@ -35,13 +35,21 @@ struct AgentSpec {
     bool standalone = true;    // VeltaDB::standalone()
 };
 
+// A row type of the host's own rather than one of the built-in records: the tables the aggregator
+// merges have such types. `make(key, value)` gives a row whose primary key is fixed by `key` alone
+// (0 to 3: four distinct keys) and whose fields outside the key are fixed by `value` alone.
+struct OwnRowType {
+    std::string name;  // empty: the adapter has none to offer
+    std::function<BaseRow(int key, const std::string& value)> make;
+};
+
 // The host under test. One adapter is one database, fresh for each check.
 class HostAdapter {
 public:
     virtual ~HostAdapter() = default;
     // A handle for a new agent of this database.
     virtual VeltaDB::p_t connect(const AgentSpec& agent) = 0;
-    // Creates an empty table at `path` for rows of the named built-in record type.
+    // Creates an empty table at `path` for rows of the named built-in record type or own row type.
     virtual void createTable(const std::string& path, const std::string& rowTypeName) = 0;
     // Inserts or replaces `row`, or removes the row with `key`'s primary key, as a client outside
     // every agent would.
@@ -55,6 +63,9 @@ public:
     }
     // Returns once every callback and every piece of host work caused so far has been delivered.
     virtual void deliver() = 0;
+    // A row type of the host's own, which the key checks then cover beside the built-in records;
+    // none by default (those checks then cover the built-in records only).
+    virtual OwnRowType ownRowType() { return {}; }
 };
 
 using HostAdapterFactory = std::function<std::unique_ptr<HostAdapter>()>;
