@@ -27,7 +27,8 @@ const RowType& pairType() {
 using HostRows = HostTest;
 
 TEST_F(HostRows, CopyOnWriteConversionPrintingAndEquality) {
-    const auto original = makeRecord<External::Publication>({{"subscription_id", 7}, {"error", "bad \"x\""}});
+    const auto original =
+        makeRecord<External::Publication>({{"subscription_id", 7}, {"error", "bad \"x\"\t\r"}});
     External::Publication edited = original;
     edited.errorIs("second");
     auto moved = makeRecord<veMetadata::veTable>({{"oid", 4}, {"tablePath", "t"}});
@@ -39,7 +40,7 @@ TEST_F(HostRows, CopyOnWriteConversionPrintingAndEquality) {
     EXPECT_TRUE(cloned.equals(pub) && !cloned.sameData(pub));
     EXPECT_EQ(original.toString(),  // the edit of its copy left it alone
               "External::Publication{subscription_id=7 publication_id=0 connection_id=0 tableId=0 typeId=0 "
-              "view_id=0 status=0 error=\"bad \\\"x\\\"\" ptime=0}");
+              "view_id=0 status=0 error=\"bad \\\"x\\\"\\t\\r\" ptime=0}");
     EXPECT_EQ(BaseRow().toString(), "{}");
 
     // Another record reads fields by name; numbers are narrowed, kinds that differ read as missing.
@@ -48,6 +49,8 @@ TEST_F(HostRows, CopyOnWriteConversionPrintingAndEquality) {
     const BaseRow p =
         makeRow(wide, {{"rank", 0x12345ull}, {"group", 5}, {"tags", {"a", "b"}}}).as(pairType());
     EXPECT_EQ(p.toString(), "RowsTest::Pair{oid=0 group=\"\" rank=9029 tags=[\"a\",\"b\"] big=0 on=0}");
+    EXPECT_EQ(makeRow(pairType(), {{"rank", 0x12345ull}, {"on", 2}}).toString(),  // a setter narrows too
+              "RowsTest::Pair{oid=0 group=\"\" rank=9029 tags=[] big=0 on=1}");
     EXPECT_TRUE(External::Publication(static_cast<const BaseRow&>(original)).sameData(original));
     EXPECT_TRUE(External::Subscription(BaseRow()).empty());
 
@@ -521,6 +524,9 @@ TEST_F(HostMetadata, ControlPublicationsAnswerControlRowsStillThereAtTheirTurn) 
     run();
     EXPECT_EQ(veCtrl::publication(db_->rows("velta/veCtrl/publication").at(0)).subscription_id(),
               back.number(0));
+    db_->dropTable("velta/veCtrl/subscription");  // every control row goes, and so does its answer
+    run();
+    EXPECT_EQ(db_->rowCount("velta/veCtrl/publication"), 0u);
     reset({});  // off by default
     db_->write("velta/veCtrl/subscription", ctrl(3));
     run();
@@ -536,9 +542,8 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
         };
     };
     auto agent = connect("A");
-    agent->defineQuery("SELECT a FROM data/known WHERE x", 9, {{"p", "1"}, {"a", "2"}}, done("a"), true,
-                       "q1");
-    agent->defineQuery("SELECT a FROM  data/missing", 9, {}, done("b"), false, "");
+    agent->defineQuery("SELECT a FROM data/known;", 9, {{"p", "1"}, {"a", "2"}}, done("a"), true, "q1");
+    agent->defineQuery("SELECT a\nfrom\tdata/missing WHERE x", 9, {}, done("b"), false, "");
     auto gone = connect("G");
     gone->defineQuery("SHOW tables", 9, {}, done("g"), false, "");
     gone.reset();  // its completion goes with it
@@ -549,7 +554,7 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     EXPECT_EQ(db_->queries()[2].state, Host::QueryInfo::State::completed);
     EXPECT_FALSE(db_->completeQuery("SHOW tables", true));  // nothing left to complete by hand
     EXPECT_EQ(Host::toString(db_->calls().front()),
-              "defineQuery text=\"SELECT a FROM data/known WHERE x\" typeId=9 params={a=2,p=1} standing=1 "
+              "defineQuery text=\"SELECT a FROM data/known;\" typeId=9 params={a=2,p=1} standing=1 "
               "name=\"q1\" agent=A");
     EXPECT_EQ(Host::toString(db_->calls().back()), "removeQuery name=\"q1\" agent=A");
 
@@ -620,9 +625,9 @@ TEST(HostDebug, MasksFromTextAndTheDefaultSink) {
     EXPECT_TRUE(Host::debugMasksFromText("DebugTest::A=0x31f, DebugTest::B=7"));
     Kesto::DebugSupport a(Kesto::Platform::getDebugHandler("DebugTest::A"), false);
     testing::internal::CaptureStderr();  // standard error when nothing captures
-    KESTO_TRACE(a, 2, "Some/File", 77, "someFunction", "on stderr " << 5);
+    KESTO_TRACE(a, 2, "Some/File", 77, "someFunction", "on stderr " << 5 << "\r\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "DebugTest::A[2] Some/File:77 someFunction: on stderr 5\n");
+              "DebugTest::A[2] Some/File:77 someFunction: on stderr 5\\r\\n\n");
     // Malformed text changes nothing at all.
     for (const char* bad :
          {"DebugTest::A=1,DebugTest::B", "DebugTest::A=zz", "=5", "DebugTest::A=0x1ffffffff",

@@ -47,15 +47,23 @@ std::uint64_t oidOf(const BaseRow& row) noexcept {
     return row.number(static_cast<std::size_t>(t->oidField()));
 }
 
-// The table path named by the word after "FROM ", or empty.
+// The table path named after the first word FROM (in any case, followed by any blank), up to a
+// blank, ';', ',' or ')'; empty when there is none.
 std::string fromTable(const std::string& text) {
-    const auto p = text.find("FROM ");
-    if (p == std::string::npos) return {};
-    std::size_t b = p + 5;
-    while (b < text.size() && std::isspace(static_cast<unsigned char>(text[b]))) ++b;
-    std::size_t e = b;
-    while (e < text.size() && !std::isspace(static_cast<unsigned char>(text[e]))) ++e;
-    return text.substr(b, e - b);
+    const auto blank = [&](std::size_t i) { return std::isspace(static_cast<unsigned char>(text[i])) != 0; };
+    for (std::size_t p = 0; p + 5 <= text.size(); ++p) {
+        if ((p > 0 && !blank(p - 1)) || !blank(p + 4)) continue;
+        if (!std::equal(text.begin() + static_cast<std::ptrdiff_t>(p),
+                        text.begin() + static_cast<std::ptrdiff_t>(p + 4), "FROM",
+                        [](char a, char b) { return std::toupper(static_cast<unsigned char>(a)) == b; }))
+            continue;
+        std::size_t b = p + 5;
+        while (b < text.size() && blank(b)) ++b;
+        std::size_t e = b;
+        while (e < text.size() && !blank(e) && text[e] != ';' && text[e] != ',' && text[e] != ')') ++e;
+        return text.substr(b, e - b);
+    }
+    return {};
 }
 
 EventListener::Delivery deliveryOf(QueuedEvent::Kind kind) noexcept {
@@ -149,6 +157,9 @@ bool Database::Impl::dropTable(const std::string& path) {
     Slot* slot = findSlot(path);
     if (slot == nullptr || !slot->table) return false;
     std::shared_ptr<TableState> table = std::move(slot->table);
+    if (slot->controlSubscriptions && options.autoPublish)  // every control row goes at once
+        for (const Velta::detail::OrderKey& key : table->primary())
+            controlSubscriptionRemoved(oidOf(RowRef::share(table->rowAt(key))));
     table->clear();  // positions still holding the table now see it empty
     if (listener != nullptr) listener->onTableDropped(path);
     if (Slot* meta = findSlot(kVeTablePath); meta != nullptr && meta->table) {

@@ -150,8 +150,17 @@ std::vector<std::string> TraceCapture::messages(const std::string& channel) cons
 }
 
 std::string toString(const TraceRecord& record) {
-    return record.channel + "[" + std::to_string(record.level) + "] " + record.file + ":" +
-           std::to_string(record.line) + " " + record.function + ": " + record.message;
+    std::string out = record.channel + "[" + std::to_string(record.level) + "] " + record.file + ":" +
+                      std::to_string(record.line) + " " + record.function + ": ";
+    for (const char c : record.message) {  // a client's text in a message must not break the line
+        if (c == '\n')
+            out += "\\n";
+        else if (c == '\r')
+            out += "\\r";
+        else
+            out += c;
+    }
+    return out;
 }
 
 }  // namespace Velta::Host

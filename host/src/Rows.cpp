@@ -80,6 +80,12 @@ void appendQuoted(std::string& out, const std::string& s) {
             case '\n':
                 out += "\\n";
                 break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
             default:
                 out += c;
         }
@@ -241,7 +247,8 @@ void BaseRow::numberIs(std::size_t field, std::uint64_t value) {
     KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
                  __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
-    d.numbers[d.type->fields()[field].slot] = value;
+    const RowType::Field& f = d.type->fields()[field];
+    d.numbers[f.slot] = truncateTo(f.kind, value);  // as stored, so every reader sees one value
 }
 
 void BaseRow::stringIs(std::size_t field, std::string value) {

@@ -156,9 +156,13 @@ class Database : public std::enable_shared_from_this<Database> {
 public:
     struct Options {
         // Answer control subscriptions: one loop turn after a new control row, a control publication
-        // for its oid; it goes when that row goes or is rewritten under another oid.
+        // for its oid; it goes when that row goes (deleted, or its table dropped) or is rewritten
+        // under another oid.
         bool autoPublish = false;
-        bool manualQueries = false;             // complete queries only by completeQuery()
+        // Complete queries only by completeQuery(). Otherwise a query completes one loop turn later,
+        // failed with "No such table: <path>" when the path after its first word FROM (any case,
+        // up to a blank, ';', ',' or ')') names no table.
+        bool manualQueries = false;
         std::size_t deliveryBound = 1'000'000;  // runUntilIdle stops after this many deliveries
         std::uint64_t shuffleSeed = 0;          // non-zero: seeded delivery order (per-interface FIFO kept)
     };
