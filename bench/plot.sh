@@ -21,7 +21,7 @@ fi
 gnuplot <<GNUPLOT
 set terminal pngcairo size 900,560 font "DejaVu Sans,11"
 set output "docs/performance.png"
-set title "Time per input row event (8 inputs, 2 holders per key, 10% deletions)"
+set title "Time per input row event (8 inputs, 2 holders per key, about 9% deletions)"
 set xlabel "keys in the output table"
 set ylabel "ns per event"
 set logscale x 10
