@@ -247,6 +247,21 @@ steps:
 )",
          500,
          {"step 5 (line 15) expect_rows: did not settle after 500 callbacks"}},
+        // The aggregator's write makes its dropped output again, so a create_table of another type
+        // cannot take effect.
+        {kAggregatorPreamble + R"(
+steps:
+  - start: {agent: a1, aggregator: g, input_prefix: velta/in/, input_suffix: /routes,
+            output: velta/out/routes, row_type: Sim::Route}
+  - create_table: {path: velta/in/a/routes, type: Sim::Route}
+  - drop_table: {path: velta/out/routes}
+  - write: {table: velta/in/a/routes, row: {prefix: p1, nexthop: a}}
+  - run
+  - create_table: {path: velta/out/routes, type: External::Publication}
+)",
+         0,
+         {"step 6 (line 16) create_table: table velta/out/routes exists again, with row type Sim::Route, not "
+          "External::Publication"}},
     };
     for (const auto& [text, deliveryBound, failures] : runs) {
         RunOptions options;
@@ -289,9 +304,20 @@ TEST(VeltaSimRun, ChildRunsReportAssertionsAsExpectedOrAsFailures) {
          1,
          {"step 1 (line 2) expect_abort: expected the run to end in the assertion, but it did not abort",
           "- abort: vdb_->isServerAgent() || vdb_->external()", "+ every step ran to its end"}},
+        {kAggregatorPreamble +
+             "steps:\n  - create_table: {path: velta/in/a/routes, type: Sim::Route}\n"
+             "  - start: {agent: a1, aggregator: g, input_prefix: velta/in/, input_suffix: /routes, output: "
+             "velta/in/all/routes, row_type: Sim::Route}\n"
+             "  - write: {table: velta/in/a/routes, row: {prefix: p1}}\n  - run\nexpect_abort: never\n",
+         2,
+         {"step 4 (line 12) run: did not settle after 500 callbacks",
+          "step 4 (line 12) expect_abort: expected the run to end in the assertion, but it did not abort",
+          "- abort: never", "+ the run stopped at step 4"}},
     };
+    RunOptions options;
+    options.deliveryBound = 500;
     for (const auto& [text, count, expected] : cases) {
-        const VeltaSim::Outcome outcome = VeltaSim::runIsolated(parsed(text), RunOptions{});
+        const VeltaSim::Outcome outcome = VeltaSim::runIsolated(parsed(text), options);
         EXPECT_FALSE(outcome.passed);
         EXPECT_EQ(outcome.failures.size(), count) << text;
         std::vector<std::string> lines = failureLines(outcome.failures);

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <sstream>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -209,9 +210,11 @@ void addFailure(const Scenario& scenario, Outcome& outcome, std::size_t step, st
     outcome.failures.push_back(std::move(f));
 }
 
-// How one run ended, judged against the scenario's expect_abort.
+// How one run ended, judged against the scenario's expect_abort. `completed` is what the run's end
+// record said (every step ran, or a step stopped it), none when the run sent no end record.
 void judgeEnd(const Scenario& scenario, Outcome& outcome, const Child& child, std::size_t lastStep,
-              bool ended) {
+              std::optional<bool> completed) {
+    const bool ended = completed.has_value();
     const int status = child.status;
     const bool aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
     if (scenario.expectAbort) {
@@ -219,8 +222,9 @@ void judgeEnd(const Scenario& scenario, Outcome& outcome, const Child& child, st
         if (aborted && child.errors.find(expression) != std::string::npos) return;
         std::vector<std::string> details{(aborted ? "- " : "- abort: ") + expression};
         if (!aborted && !WIFSIGNALED(status))
-            details.push_back(ended ? "+ every step ran to its end"
-                                    : "+ exit status " + std::to_string(WEXITSTATUS(status)));
+            details.push_back(!ended       ? "+ exit status " + std::to_string(WEXITSTATUS(status))
+                              : *completed ? std::string("+ every step ran to its end")
+                                           : "+ the run stopped at step " + std::to_string(lastStep));
         for (const std::string& line : lines(child.errors, 20)) details.push_back("+ " + line);
         if (aborted)
             addFailure(scenario, outcome, lastStep,
@@ -266,7 +270,7 @@ Outcome runIsolated(const Scenario& scenario, const RunOptions& options, bool is
         return outcome;
     }
     std::size_t lastStep = 0;
-    bool ended = false;
+    std::optional<bool> completed;
     std::string payload;
     for (std::size_t at = 0; at < child.records.size();) {
         const char kind = child.records[at++];
@@ -282,13 +286,13 @@ Outcome runIsolated(const Scenario& scenario, const RunOptions& options, bool is
                 outcome.views += payload;
                 break;
             case kEnd:
-                ended = true;
+                completed = payload == "1";
                 break;
             default:
                 break;
         }
     }
-    judgeEnd(scenario, outcome, child, lastStep, ended);
+    judgeEnd(scenario, outcome, child, lastStep, completed);
     outcome.passed = outcome.failures.empty();
     return outcome;
 }
@@ -362,13 +366,13 @@ std::vector<SeedOutcome> runSeeds(const Scenario& scenario, const RunOptions& op
         }
         if (open) {
             // The child ended inside this seed's run.
-            judgeEnd(scenario, outcomes.back().outcome, child, lastStep, false);
+            judgeEnd(scenario, outcomes.back().outcome, child, lastStep, std::nullopt);
             outcomes.back().outcome.passed = false;
             next = outcomes.back().seed + 1;
         } else if (outcomes.empty() || outcomes.back().seed < last) {
             // The child ended between runs without a report: count the seed it should have run.
             SeedOutcome failed{outcomes.empty() ? from : outcomes.back().seed + 1, {}};
-            judgeEnd(scenario, failed.outcome, child, 0, false);
+            judgeEnd(scenario, failed.outcome, child, 0, std::nullopt);
             failed.outcome.passed = false;
             next = failed.seed + 1;
             outcomes.push_back(std::move(failed));

@@ -18,6 +18,7 @@
 namespace VeltaSim {
 
 using Velta::BaseRow;
+using Velta::RowType;
 using Velta::VeltaDB;
 using Velta::VeTableInterface;
 using Velta::Agent::Aggregator;
@@ -419,8 +420,13 @@ private:
         }
         return true;
     }
-    bool perform(const Step&, const CreateTable& s) {
-        db_->createTable(s.path, s.type, s.owner, s.oid);
+    bool perform(const Step& step, const CreateTable& s) {
+        // An agent's write makes a dropped table again, with the agent's row type.
+        if (const RowType* type = db_->tableType(s.path); type != nullptr && type->name() != s.type)
+            fail(step,
+                 "table " + s.path + " exists again, with row type " + type->name() + ", not " + s.type);
+        else
+            db_->createTable(s.path, s.type, s.owner, s.oid);
         return true;
     }
     bool perform(const Step& step, const DropTable& s) {
@@ -621,13 +627,23 @@ private:
     }
 
     // Provenance: the input that supplies `row` of `path` as an aggregator writing that table reports
-    // it; "" when no running aggregator names one.
+    // it; "" when no running aggregator names one. Of two aggregators writing the table that both
+    // name an input for the key, the one whose input row holds the row's values wrote it last.
     std::string sourceOf(const std::string& path, const BaseRow& row) const {
+        std::string first;
         for (const auto& [name, objects] : agents_)
-            for (const auto& [id, aggregator] : objects.aggregators)
-                if (aggregator->outputPath() == path)
-                    if (std::string source = aggregator->outputRowSource(row); !source.empty()) return source;
-        return std::string();
+            for (const auto& [id, aggregator] : objects.aggregators) {
+                if (aggregator->outputPath() != path) continue;
+                // Asked in the aggregator's own row type: the table may have been made with another.
+                const RowType* type = Velta::Host::findRowType(aggregator->output().rowTypeName());
+                const BaseRow key = type != nullptr && type != row.rowType() ? row.as(*type) : row;
+                std::string source = aggregator->outputRowSource(key);
+                if (source.empty()) continue;
+                const BaseRow supplied = db_->read(source, key);
+                if (!supplied.empty() && supplied.as(*row.rowType()).equals(row)) return source;
+                if (first.empty()) first = std::move(source);
+            }
+        return first;
     }
     bool writtenByAggregator(const std::string& path) const {
         for (const auto& [name, objects] : agents_)
