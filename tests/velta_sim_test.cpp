@@ -85,6 +85,10 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "started at line 8), and create_table leaves an existing table as it is: name veMetadata::veTable, "
          "or drop_table it first"},
         {"", "1:1: the scenario needs 'steps'"},
+        {"steps:\n  - complete_query: {text: SELECT}\n",
+         "5:21: 'complete_query' needs 'queries: manual' under 'host' (otherwise queries complete by "
+         "themselves "
+         "and none is left to complete)"},
         {"steps:\n  - stop: {agent: srv, translator: true}\n",
          "5:11: no translator is running on agent 'srv' at this step (start it first)"},
         {"trace: {SubscriptionTranslator: 0x10}\nsteps:\n  - start: {agent: srv, translator: true}\n"

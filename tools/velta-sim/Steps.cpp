@@ -173,6 +173,10 @@ void ScenarioParser::read(Clock& step, const YAML::Node& body, const std::string
 
 void ScenarioParser::read(CompleteQuery& step, const YAML::Node& body, const std::string& context) {
     const MapView m(body, context, {"text", "ok", "error"});
+    if (!scenario_.manualQueries)
+        fail(body,
+             "'complete_query' needs 'queries: manual' under 'host' (otherwise queries complete by "
+             "themselves and none is left to complete)");
     step.text = nonEmptyText(m.need("text"), "'text'");
     if (const YAML::Node* n = m.get("ok")) step.ok = boolean(*n, "'ok'");
     if (const YAML::Node* n = m.get("error")) step.error = text(*n, "'error'");
