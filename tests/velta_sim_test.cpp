@@ -85,6 +85,13 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "started at line 8), and create_table leaves an existing table as it is: name veMetadata::veTable, "
          "or drop_table it first"},
         {"", "1:1: the scenario needs 'steps'"},
+        // A write makes a dropped table again with its type.
+        {"steps:\n  - create_table: {path: p, type: External::Publication}\n  - drop_table: {path: p}\n"
+         "  - write: {table: p, row: {subscription_id: 1}}\n  - create_table: {path: p, type: "
+         "veMetadata::veTable}\n",
+         "8:35: table 'p' already exists with row type External::Publication (created at line 5), and "
+         "create_table leaves an existing table as it is: name External::Publication, or drop_table it "
+         "first"},
         {"steps:\n  - complete_query: {text: SELECT}\n",
          "5:21: 'complete_query' needs 'queries: manual' under 'host' (otherwise queries complete by "
          "themselves "

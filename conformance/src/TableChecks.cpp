@@ -11,6 +11,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -106,12 +107,23 @@ const KeyShape kKeyShapes[] = {
      }},
 };
 
-// The built-in shapes, and the adapter's own row type when it offers one (shown as the host prints it).
+// The adapter's own row type, or none; an offer without a way to make rows fails the check.
+std::optional<OwnRowType> ownRowType(HostAdapter& host) {
+    OwnRowType own = host.ownRowType();
+    if (own.name.empty()) return std::nullopt;
+    if (!own.make) {
+        ADD_FAILURE() << "your adapter names its own row type " << own.name << " but gives no make()";
+        return std::nullopt;
+    }
+    if (!own.show) own.show = [](const BaseRow& r) { return r.toString(); };
+    return own;
+}
+
+// The built-in shapes, and the adapter's own row type when it offers one.
 std::vector<KeyShape> keyShapes(HostAdapter& host) {
     std::vector<KeyShape> shapes(std::begin(kKeyShapes), std::end(kKeyShapes));
-    if (OwnRowType own = host.ownRowType(); !own.name.empty())
-        shapes.push_back({"the host's own row type " + own.name, own.name, std::move(own.make),
-                          [](const BaseRow& r) { return r.toString(); }});
+    if (std::optional<OwnRowType> own = ownRowType(host))
+        shapes.push_back({"the host's own row type " + own->name, own->name, own->make, own->show});
     return shapes;
 }
 
@@ -397,13 +409,13 @@ void keyOrdersFollowThePrimaryKey(HostAdapter& host) {
     };
 
     checkOrder(
-        "External::Subscription's operator<", subscriptions, +subKey,
+        "External::Subscription's operator<", subscriptions, subKey,
         [](const BaseRow& a, const BaseRow& b) {
             return External::Subscription(a) < External::Subscription(b);
         },
         problems);
     checkOrder(
-        "veCtrl::publication's operator<", ctrlPubs, +ctrlPubKey,
+        "veCtrl::publication's operator<", ctrlPubs, ctrlPubKey,
         [](const BaseRow& a, const BaseRow& b) { return veCtrl::publication(a) < veCtrl::publication(b); },
         problems);
     const auto byRowOps = [&](const std::string& type, const std::vector<BaseRow>& rows,
@@ -411,16 +423,16 @@ void keyOrdersFollowThePrimaryKey(HostAdapter& host) {
         checkOrder("RowOpsKeyLess(getRowOps(\"" + type + "\", 0))", rows, key,
                    RowOpsKeyLess(agent->getRowOps(type, 0)), problems);
     };
-    byRowOps(External::Subscription::rowTypeName(), subscriptions, +subKey);
-    byRowOps(veCtrl::publication::rowTypeName(), ctrlPubs, +ctrlPubKey);
-    byRowOps(kPubType, pubs, +pubKey);
-    byRowOps(veCtrl::subscription::rowTypeName(), controls, +controlKey);
-    if (const OwnRowType own = host.ownRowType(); !own.name.empty()) {
+    byRowOps(External::Subscription::rowTypeName(), subscriptions, subKey);
+    byRowOps(veCtrl::publication::rowTypeName(), ctrlPubs, ctrlPubKey);
+    byRowOps(kPubType, pubs, pubKey);
+    byRowOps(veCtrl::subscription::rowTypeName(), controls, controlKey);
+    if (const std::optional<OwnRowType> own = ownRowType(host)) {
         const std::vector<std::pair<int, std::string>> made = {
             {0, "x"}, {0, "y"}, {1, "x"}, {2, ""}, {3, "x"}};
         std::vector<BaseRow> rows;
-        for (const auto& [key, value] : made) rows.push_back(own.make(key, value));
-        byRowOps(own.name, rows, [&](const BaseRow& r) {
+        for (const auto& [key, value] : made) rows.push_back(own->make(key, value));
+        byRowOps(own->name, rows, [&](const BaseRow& r) {
             const auto at =
                 std::find_if(rows.begin(), rows.end(), [&](const BaseRow& m) { return m.sameData(r); });
             return "key " + std::to_string(made[static_cast<std::size_t>(at - rows.begin())].first);

@@ -159,7 +159,7 @@ bool Database::Impl::dropTable(const std::string& path) {
     std::shared_ptr<TableState> table = std::move(slot->table);
     if (slot->controlSubscriptions && options.autoPublish)  // every control row goes at once
         for (const Velta::detail::OrderKey& key : table->primary())
-            controlSubscriptionRemoved(oidOf(RowRef::share(table->rowAt(key))));
+            controlSubscriptionRemoved(table->oidOf(*table->rowAt(key)));
     table->clear();  // positions still holding the table now see it empty
     if (listener != nullptr) listener->onTableDropped(path);
     if (Slot* meta = findSlot(kVeTablePath); meta != nullptr && meta->table) {

@@ -21,19 +21,26 @@ public:
     void deleteRow(const std::string& path, const Velta::BaseRow& key) override { db_->erase(path, key); }
     bool dropTable(const std::string& path) override { return db_->dropTable(path); }
     void deliver() override { db_->runUntilIdle(); }
-    // A route keyed by prefix and metric, as the aggregator's examples merge them.
+    // A route keyed by prefix and metric, as the aggregator's examples merge them; its oid is the
+    // host's to fill, so rows are shown without it.
     Velta::Conformance::OwnRowType ownRowType() override {
         using Velta::FieldKind;
-        static const Velta::RowType& route = Velta::Host::defineRowType(
-            "Conformance::Route",
-            {{"prefix", FieldKind::string}, {"metric", FieldKind::u32}, {"nexthop", FieldKind::string}},
-            {"prefix", "metric"});
-        return {route.name(), [](int key, const std::string& value) {
+        static const Velta::RowType& route = Velta::Host::defineRowType("Conformance::Route",
+                                                                        {{"prefix", FieldKind::string},
+                                                                         {"metric", FieldKind::u32},
+                                                                         {"nexthop", FieldKind::string},
+                                                                         {"oid", FieldKind::u32}},
+                                                                        {"prefix", "metric"});
+        return {route.name(),
+                [](int key, const std::string& value) {
                     Velta::BaseRow row(route);
                     row.stringIs(0, key < 2 ? "10.0.0.0/8" : "172.16.0.0/12");
                     row.numberIs(1, static_cast<unsigned>(key % 2));
                     row.stringIs(2, value);
                     return row;
+                },
+                [](const Velta::BaseRow& r) {
+                    return r.string(0) + " " + std::to_string(r.number(1)) + " " + r.string(2);
                 }};
     }
 

@@ -4,6 +4,7 @@
 // failure, view text, the end of a run), so whatever happened before an abort still reaches the
 // report; its standard error goes to a second pipe, where an assertion report lands.
 #include "Runner.h"
+#include "Text.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -187,7 +188,7 @@ std::vector<std::string> lines(const std::string& text, std::size_t limit) {
     if (out.size() > limit) {
         const std::size_t dropped = out.size() - limit;
         out.resize(limit);
-        out.push_back("(" + std::to_string(dropped) + " more lines)");
+        out.push_back("(" + counted(dropped, "more line") + ")");
     }
     return out;
 }

@@ -44,10 +44,10 @@ std::string textReport(const ScenarioReport& report) {
     for (const Failure& failure : report.outcome.failures) appendFailure(out, failure);
     if (report.shuffleRuns > 0) {
         if (report.failingSeeds.empty()) {
-            out += "  delivery orders: passed under all " + std::to_string(report.shuffleRuns) + " seeds\n";
+            out += "  delivery orders: passed under " + counted(report.shuffleRuns, "seed") + "\n";
         } else {
             out += "  delivery orders: failed under " + std::to_string(report.failingSeeds.size()) + " of " +
-                   std::to_string(report.shuffleRuns) + " seeds (" + seedList(report.failingSeeds) + ")";
+                   counted(report.shuffleRuns, "seed") + " (" + seedList(report.failingSeeds) + ")";
             out += report.orderIndependent
                        ? "\n"
                        : "; reported only: the scenario does not declare order_independent\n";

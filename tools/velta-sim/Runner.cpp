@@ -421,7 +421,8 @@ private:
         return true;
     }
     bool perform(const Step& step, const CreateTable& s) {
-        // An agent's write makes a dropped table again, with the agent's row type.
+        // An agent's write makes a dropped table again, with the agent's row type, and the checker
+        // cannot see it coming.
         if (const RowType* type = db_->tableType(s.path); type != nullptr && type->name() != s.type)
             fail(step,
                  "table " + s.path + " exists again, with row type " + type->name() + ", not " + s.type);

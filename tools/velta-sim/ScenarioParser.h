@@ -36,7 +36,8 @@ private:
 
     // A table path as far as the steps so far make it known: the row type the host has it with, and
     // where the file made or implied it (for messages). A dropped table keeps its entry, as a write
-    // makes it again with that type, but create_table may make it again with any type.
+    // makes it again with that type (and is known again), but create_table may make it again with any
+    // type.
     struct KnownTable {
         const Velta::RowType* type = nullptr;
         std::string origin;  // e.g. "created at line 6"

@@ -149,6 +149,7 @@ void ScenarioParser::read(Write& step, const YAML::Node& body, const std::string
     const MapView m(body, context, {"table", "row", "rows"});
     const auto [path, type] = tableRef(m.need("table"), "'table'");
     step.path = path;
+    tables_[path].dropped = false;  // the write makes a dropped table again, with its type
     const YAML::Node* row = m.get("row");
     const YAML::Node* rows = m.get("rows");
     if ((row == nullptr) == (rows == nullptr)) fail(body, context + " needs either 'row' or 'rows'");

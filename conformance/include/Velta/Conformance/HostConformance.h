@@ -41,6 +41,9 @@ struct AgentSpec {
 struct OwnRowType {
     std::string name;  // empty: the adapter has none to offer
     std::function<BaseRow(int key, const std::string& value)> make;
+    // The fields `make` sets, as text; rows read back are compared by it. Empty: the row's own
+    // toString(), which suits a type without fields the host fills on write (such as an oid).
+    std::function<std::string(const BaseRow& row)> show = nullptr;
 };
 
 // The host under test. One adapter is one database, fresh for each check.
