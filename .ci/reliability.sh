@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Reliability pass: replays the saved fuzz inputs, runs each libFuzzer target for a bounded time
-# (both at once, one per core), and runs the storm and churn tests once under valgrind memcheck.
+# (both at once, one per core), runs the aggregator's tests on our host's capabilities under the
+# sanitizers, and runs the storm and churn tests once under valgrind memcheck.
 # Fails on any crash, sanitizer report, memcheck error or definite leak.
 #
 #   .ci/reliability.sh
@@ -9,7 +10,7 @@
 #   FUZZ_SECONDS=60         time per fuzz target (they run in parallel)
 #   RELEASE_BUILD=build/release  an existing non-sanitized build with the tests; built if missing
 #   FUZZ_BUILD=build/fuzz   where the clang fuzz build goes
-# A crash leaves its input in $FUZZ_BUILD/artifacts/; copy it to fuzz/regressions/<target>/ once
+# A crash leaves its input in $FUZZ_BUILD/artifacts/; copy it to fuzz/regressions/<corpus>/ once
 # fixed, where fuzz_replay_* tests replay it in every build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -38,9 +39,9 @@ ensure_packages cmake ninja-build g++ clang libclang-rt-14-dev valgrind libgtest
 
 echo "== fuzz build (clang, libFuzzer, AddressSanitizer + UndefinedBehaviorSanitizer)"
 cmake -S . -B "$FUZZ_BUILD" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DVELTA_BUILD_FUZZERS=ON -DVELTA_SANITIZE=ON -DVELTA_BUILD_TESTS=OFF -DVELTA_BUILD_TOOLS=OFF \
-    -DVELTA_BUILD_BENCH=OFF >/dev/null
-cmake --build "$FUZZ_BUILD" -j "$JOBS" --target scenario_parser_fuzzer host_ops_fuzzer
+    -DVELTA_BUILD_FUZZERS=ON -DVELTA_SANITIZE=ON -DVELTA_BUILD_BENCH=OFF >/dev/null
+cmake --build "$FUZZ_BUILD" -j "$JOBS" --target scenario_parser_fuzzer host_ops_fuzzer aggregator_test \
+    aggregator_storm_test
 
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:symbolize=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -51,7 +52,7 @@ rm -rf "$FUZZ_BUILD/corpus" "$FUZZ_BUILD/artifacts" "$FUZZ_BUILD/logs"
 mkdir -p "$FUZZ_BUILD/corpus/scenario" "$FUZZ_BUILD/corpus/host_ops" "$FUZZ_BUILD/artifacts" "$FUZZ_BUILD/logs"
 cp fuzz/corpus/scenario/* "$FUZZ_BUILD/corpus/scenario/"
 cp fuzz/corpus/host_ops/* "$FUZZ_BUILD/corpus/host_ops/"
-for f in examples/*.yaml tests/scenarios/*.yaml; do
+for f in examples/*.yaml tests/scenarios/*/*.yaml; do
     [ -f "$f" ] && cp "$f" "$FUZZ_BUILD/corpus/scenario/$(echo "$f" | tr / _)"
 done
 
@@ -98,6 +99,12 @@ if ((status)); then
     echo "reliability: a fuzz target crashed; its input is in $FUZZ_BUILD/artifacts/" >&2
     exit 1
 fi
+
+# The sanitizer build of ./dev test is the strict one: the aggregator code that only our host's key
+# hashing and lookahead reach (its owner index, the lookahead hook) runs under the sanitizers here.
+echo "== aggregator tests with the host's capabilities, under the sanitizers"
+"$FUZZ_BUILD/tests/aggregator_test" --gtest_brief=1
+"$FUZZ_BUILD/tests/aggregator_storm_test" --gtest_brief=1
 
 echo "== valgrind memcheck: storms and churn (reduced counts)"
 if [ ! -x "$RELEASE_BUILD/tests/aggregator_storm_test" ] || [ ! -x "$RELEASE_BUILD/tests/translator_churn_test" ]; then

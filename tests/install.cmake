@@ -4,7 +4,7 @@
 set(VELTA_CONSUMER_PREFIX ${CMAKE_BINARY_DIR}/consumer-prefix)
 set(VELTA_CONSUMER_FLAGS "")
 if(VELTA_SANITIZE)
-  set(VELTA_CONSUMER_FLAGS "-fsanitize=address,undefined")
+  set(VELTA_CONSUMER_FLAGS "-fsanitize=address,undefined -fno-sanitize-recover=all")
 endif()
 add_test(NAME install_and_consume
   COMMAND ${CMAKE_COMMAND}
