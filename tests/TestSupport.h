@@ -1,9 +1,8 @@
-// Helpers shared by the tests: building rows from field/value pairs, scoped debug masks, and a
-// fixture with one database.
-//
-// Everything here goes through the embedding API (Velta/Host/*.h) and the host interface only.
+// Helpers shared by the tests, through the embedding API (Velta/Host/*.h) and the host interface only:
+// rows from field/value pairs, scoped debug masks, a fixture with one database and one with a translator.
 #pragma once
 
+#include <Velta/Agent/SubscriptionTranslator.h>
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
 #include <Velta/Host/Debug.h>
@@ -20,7 +19,10 @@
 #include <cstdlib>
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -44,8 +46,7 @@ struct FieldValue {
 
 using FieldValues = std::vector<std::pair<std::string, FieldValue>>;
 
-// A row of `type` with the given fields set (others zero, false or empty). Throws
-// std::invalid_argument for an unknown field, std::bad_variant_access for a value of the wrong kind.
+// A row of `type` with the given fields set, others zero (throws for an unknown field or a wrong kind).
 inline BaseRow makeRow(const RowType& type, const FieldValues& values) {
     BaseRow row(type);
     for (const auto& [name, fv] : values) {
@@ -85,8 +86,7 @@ private:
     std::uint32_t previous_;
 };
 
-// Shrinks a failing generated history: drops chunks of steps, then single steps, for as long as
-// `stillFails(candidate)` says the shorter history fails too.
+// Shrinks a failing history: drops chunks of steps, then single steps, while `stillFails(candidate)`.
 template <class Step, class StillFails>
 std::vector<Step> shrinkHistory(std::vector<Step> steps, StillFails stillFails) {
     for (std::size_t chunk = std::max<std::size_t>(steps.size() / 2, 1);; chunk /= 2) {
@@ -119,8 +119,7 @@ inline std::size_t envCount(const char* name, std::size_t fallback) {
                                             : static_cast<std::size_t>(std::strtoull(text, nullptr, 10));
 }
 
-// A fixture with one database (default options unless the test sets options_ and calls
-// reset()) and helpers to connect agents.
+// A fixture with one database (options_ and reset() for others) and helpers to connect agents.
 class HostTest : public ::testing::Test {
 protected:
     HostTest() : db_(Host::Database::create(options_)) {}
@@ -132,15 +131,8 @@ protected:
         db_ = Host::Database::create(options_);
     }
 
-    VeltaDB::p_t connect(const std::string& agentName, bool serverAgent = false, bool external = false,
-                         bool standalone = true, const std::string& systemName = "") {
-        Host::AgentOptions o;
-        o.agentName = agentName;
-        o.systemName = systemName.empty() ? agentName : systemName;
-        o.serverAgent = serverAgent;
-        o.external = external;
-        o.standalone = standalone;
-        return db_->connect(o);
+    VeltaDB::p_t connect(const std::string& agentName, bool serverAgent = false, bool external = false) {
+        return db_->connect({agentName, agentName, serverAgent, external});
     }
 
     // Delivers everything queued and checks that the loop settled.
@@ -154,20 +146,7 @@ protected:
     std::shared_ptr<Host::Database> db_;
 };
 
-}  // namespace Velta::Test
-
-// ---- Helpers for the SubscriptionTranslator tests ----
-
-#include <Velta/Agent/SubscriptionTranslator.h>
-
-#include <map>
-#include <set>
-#include <sstream>
-
-namespace Velta::Test {
-
-// The fields of `row` that are not zero, false or empty, as "name=value" separated by blanks
-// (lists as [a,b]): short enough to write whole rows into expected values.
+// The fields of `row` that are not zero, false or empty, as "name=value ..." (lists as [a,b]).
 inline std::string brief(const BaseRow& row) {
     std::string out;
     const RowType* type = row.rowType();
@@ -187,8 +166,7 @@ inline std::string brief(const BaseRow& row) {
     return out;
 }
 
-// A record from "name=value;name=value" (numbers in any base, lists as [a,b]): the other way round
-// from brief(), e.g. rowOf<External::Publication>("subscription_id=5;status=1").
+// A record from "name=value;..." (numbers in any base, lists as [a,b]): brief() the other way round.
 template <class RecordT>
 RecordT rowOf(const std::string& text) {
     FieldValues values;
@@ -212,10 +190,9 @@ RecordT rowOf(const std::string& text) {
     return makeRecord<RecordT>(values);
 }
 
-// A fixture with one translator in an agent of a chosen kind, the user row type "Test::Item", the
-// translator's traces on, and a transcript of what happened: the writes and deletions of the
-// subscription and publication tables (with the observers active at the time), host calls and the
-// translator's traces, in the order they happened.
+// One translator in an agent of a chosen kind, the row type "Test::Item", its traces on, and a transcript
+// in order: writes and deletions of the subscription and publication tables (with the active observers),
+// host calls and traces.
 class TranslatorTest : public HostTest {
 protected:
     enum class Kind { server, standalone, perAgent };
@@ -234,13 +211,7 @@ protected:
 
     static Host::AgentOptions agentOptions(Kind kind, const std::string& agentName,
                                            const std::string& systemName) {
-        Host::AgentOptions o;
-        o.agentName = agentName;
-        o.systemName = systemName;
-        o.serverAgent = kind == Kind::server;
-        o.external = kind != Kind::server;
-        o.standalone = kind != Kind::perAgent;
-        return o;
+        return {agentName, systemName, kind == Kind::server, kind != Kind::server, kind != Kind::perAgent};
     }
 
     // A fresh database (auto-publishing or not, outside the server process) with the transcript

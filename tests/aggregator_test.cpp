@@ -1,6 +1,5 @@
-// The Aggregator on the in-memory host, for what the storm's model does not see: the traces, the
-// order of the output's changes (walks, an input's removal) and flow control. Each test compares one
-// journal: the output's changes and the aggregator's traces, in the order they happened.
+// What the storm's model does not see of the Aggregator: traces, the order of the output's changes and
+// flow control, each test as one journal of the output's changes and the traces, in order.
 #include "TestSupport.h"
 
 #include <Velta/Agent/Aggregator.h>
@@ -158,9 +157,8 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
                      kInputGone + kA + "=>" + kOut}));
 }
 
-// Flow control. The aggregator never reports itself blocked, so a walk stops early only when the
-// host fails in the middle of it: FlakyHost, its own row ops, throws comparing a row whose next hop
-// is `failOn`, and leaves the path `unbound` unbound (attachment zero).
+// A walk stops early only when the host fails in it: FlakyHost, its own row ops, throws comparing a row
+// whose next hop is `failOn`, and leaves the path `unbound` unbound (attachment zero).
 class FlakyHost : public Host::ForwardingVeltaDB,
                   public RowOps,
                   public std::enable_shared_from_this<FlakyHost> {

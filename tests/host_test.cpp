@@ -383,8 +383,7 @@ TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
                                               line("o", "row", "e"), line("late", "row", "e")}));
 }
 
-// Each interface's own order under a shuffle is the kit's (its Shuffled twist); here, that a seed fixes
-// the order and that seeds do reorder.
+// A seed fixes the delivery order and seeds do reorder (each interface's own order is the kit's).
 TEST_F(HostCallbacks, ShuffledOrderIsFixedBySeedAndDiffersFromFifo) {
     auto deliveries = [&](std::uint64_t seed) {
         reset({.shuffleSeed = seed});

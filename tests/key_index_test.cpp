@@ -1,6 +1,5 @@
-// Hash indexes beside ordered containers: the aggregator's row-keyed owner map and the host tables
-// that find keys through their key hashes, driven by seeded random histories checked step by step
-// against a plain ordered model; last, the host's delivery lookahead capability.
+// Hash indexes beside ordered containers (the aggregator's owner map, the host tables) under seeded
+// histories checked step by step against an ordered model; the host's delivery lookahead.
 #include "TestSupport.h"
 
 #include <Velta/Agent/internal/RowKeyMap.h>
@@ -81,11 +80,9 @@ KeySpace<std::string> nameKeys(std::size_t count) {
 // The map's values are shared owners, as in the aggregator, compared by address; owner 0 is null.
 using Owner = std::shared_ptr<const unsigned>;
 
-// Writes, erasures, lookups and sweeps that erase as they go, applied to an owner map ordered by
-// `less` and, given `table`, to a host table of that type, both checked against one model. A map
-// sweep sometimes puts an erased key straight back where it left (as the aggregator does with its
-// owners). At the end every owner must be held exactly by the keys that name it (the tree's element
-// and its index entry), and by none once they are gone.
+// Writes, erasures, lookups and erasing sweeps (which put some keys straight back, as the aggregator
+// does) on an owner map ordered by `less` and, given `table`, a host table, checked against one model;
+// each owner held exactly by the keys naming it (element and index entry), and by none once gone.
 template <class K>
 void runHistory(const RowOpsKeyLess& less, const KeySpace<K>& space, const RowType* table, std::uint64_t seed,
                 int steps) {
@@ -275,9 +272,8 @@ TEST(KeyIndexes, HistoriesMatchTheModel) {
     runHistory(less(taggedType()), tagged, &taggedType(), 23, 12000);
 }
 
-// A hook sees each queued row event's row before that event is delivered, in queue order, and
-// changes nothing about the deliveries; another handle's interface is not hooked. Prefetching a key
-// is harmless whatever the interface.
+// A hook sees queued rows in order before their delivery and changes nothing; another handle's
+// interface is not hooked; prefetching a key is harmless whatever the interface.
 TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
     auto db = Host::Database::create();
     auto reader = db->connect({"reader", "sys"});

@@ -1,7 +1,5 @@
-// SubscriptionTranslator in a server agent and a standalone non-server agent (the per-agent kind is
-// the churn's), each flow compared as one transcript of writes, deletions, host calls and traces; then
-// the bindings per kind of agent, the trace mask level by level, and the contracts whose breach ends
-// the process.
+// SubscriptionTranslator flows in a server and a standalone agent (per-agent: the churn's), each one
+// transcript; the bindings per kind of agent, the trace mask level by level, contracts that end the process.
 #include "TestSupport.h"
 
 #include <Velta/Agent/SubscriptionTranslator.h>
@@ -460,9 +458,8 @@ public:
                        const std::string&) override {}
 };
 
-// Breaches of the translator's contracts end the process with the assertion report: a server whose
-// registered table is not visible at once, and unequal parameter lists in a query subscription. (An
-// agent of neither kind: examples/translator-assertion.yaml.)
+// A server whose registered table is not visible at once, and unequal parameter lists in a query
+// subscription, end the process (an agent of neither kind: examples/translator-assertion.yaml).
 TEST_F(TranslatorFlowTest, BrokenContractsEndTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     fresh(false);
@@ -473,9 +470,8 @@ TEST_F(TranslatorFlowTest, BrokenContractsEndTheProcess) {
     run();
     db_->write(kCtrlPub, internal(unequal, ";status=1"));
     EXPECT_DEATH(db_->runUntilIdle(),
-                 "SubscriptionTranslator:812: void Velta::Agent::SubscriptionTranslator::pubOnRow"
-                 "\\(const Velta::BaseRow&\\): Assertion `pName.size\\(\\) == pValue.size\\(\\)' "
-                 "failed");
+                 "SubscriptionTranslator:812: void Velta::Agent::SubscriptionTranslator::pubOnRow\\(const "
+                 "Velta::BaseRow&\\): Assertion `pName.size\\(\\) == pValue.size\\(\\)' failed");
     fresh(false);  // the parent still holds what killed the child
     writeSystem(10, "clientSys", "client");
     Agent::SubscriptionTranslator losing(

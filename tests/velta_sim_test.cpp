@@ -94,8 +94,7 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "first"},
         {"steps:\n  - complete_query: {text: SELECT}\n",
          "5:21: 'complete_query' needs 'queries: manual' under 'host' (otherwise queries complete by "
-         "themselves "
-         "and none is left to complete)"},
+         "themselves and none is left to complete)"},
         {"steps:\n  - stop: {agent: srv, translator: true}\n",
          "5:11: no translator is running on agent 'srv' at this step (start it first)"},
         {"trace: {SubscriptionTranslator: 0x10}\nsteps:\n  - start: {agent: srv, translator: true}\n"
