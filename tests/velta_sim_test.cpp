@@ -85,6 +85,8 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
          "started at line 8), and create_table leaves an existing table as it is: name veMetadata::veTable, "
          "or drop_table it first"},
         {"", "1:1: the scenario needs 'steps'"},
+        {"steps:\n  - create_table: {path: \"velta/out\\n/r\", type: veCtrl::publication}\n",
+         "5:26: a table path cannot hold a control character: \"velta/out\\n/r\""},
         // A write makes a dropped table again with its type.
         {"steps:\n  - create_table: {path: p, type: External::Publication}\n  - drop_table: {path: p}\n"
          "  - write: {table: p, row: {subscription_id: 1}}\n  - create_table: {path: p, type: "

@@ -186,7 +186,7 @@ void ScenarioParser::seedTables() {
     for (const auto& builtin : Velta::detail::kBuiltinTypes)
         if (builtin.tablePath != nullptr)
             impliedTable(builtin.tablePath, Velta::builtinRowType(builtin.which),
-                         "every database starts with it");
+                         "every database starts with it", Mark{});
 }
 
 void ScenarioParser::parseAgents(const YAML::Node& node) {
@@ -207,9 +207,9 @@ void ScenarioParser::parseAgents(const YAML::Node& node) {
             // The per-agent tables a non-standalone translator works on exist once it runs.
             const std::string origin = "a per-agent table of agent " + quoted(agent.name);
             impliedTable("velta/External/input/" + agent.name + "/Subscription",
-                         Velta::External::Subscription::type(), origin);
+                         Velta::External::Subscription::type(), origin, markOf(def.need("name")));
             impliedTable("velta/veCtrl/input/" + agent.name + "/subscription",
-                         Velta::veCtrl::subscription::type(), origin);
+                         Velta::veCtrl::subscription::type(), origin, markOf(def.need("name")));
         }
         agentStates_[agent.name];
         scenario_.agents.push_back(std::move(agent));
@@ -267,7 +267,9 @@ std::pair<std::string, const Velta::RowType*> ScenarioParser::tableRef(const YAM
     return {it->first, it->second.type};
 }
 
-void ScenarioParser::impliedTable(const std::string& path, const Velta::RowType& type, std::string origin) {
+void ScenarioParser::impliedTable(const std::string& path, const Velta::RowType& type, std::string origin,
+                                  const Mark& where) {
+    if (hasControl(path)) fail(where, "a table path cannot hold a control character: " + quoted(path));
     KnownTable& known = tables_[path];
     if (known.type != nullptr && !known.dropped) return;
     known = KnownTable{&type, std::move(origin), false};
@@ -357,7 +359,7 @@ void ScenarioParser::learnOutputTables(const std::vector<RowSpec>& rows) {
         const Velta::RowType* type = findType(typeName);
         if (!outputPath.empty() && type != nullptr)
             impliedTable(outputPath, *type,
-                         "the outputPath of a subscription written at " + markText(row.mark));
+                         "the outputPath of a subscription written at " + markText(row.mark), row.mark);
     }
 }
 

@@ -80,7 +80,10 @@ private:
     void learnOutputTables(const std::vector<RowSpec>& rows);
     // A table the run will have from here on, unless it has it already: the host keeps an existing
     // table as it is.
-    void impliedTable(const std::string& path, const Velta::RowType& type, std::string origin);
+    // Makes `path` known with `type`, unless it is known and not dropped; refuses, at `where`, a path
+    // with a control character (every report line that names the table would break).
+    void impliedTable(const std::string& path, const Velta::RowType& type, std::string origin,
+                      const Mark& where);
 
     // The step `keyword` with its fields `body` (`item` is the whole list item), read by the read()
     // overload of the Action type whose keyword it is.

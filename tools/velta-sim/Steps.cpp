@@ -58,7 +58,8 @@ void ScenarioParser::read(Start& step, const YAML::Node& body, const std::string
                                        ")");
     state.aggregators[id] = markOf(body);
     impliedTable(step.output, type,
-                 "the output of aggregator " + quoted(id) + " started at " + markText(markOf(body)));
+                 "the output of aggregator " + quoted(id) + " started at " + markText(markOf(body)),
+                 markOf(m.need("output")));
 }
 
 void ScenarioParser::requireObjectKind(const MapView& m, const std::string& context) {
@@ -136,7 +137,7 @@ void ScenarioParser::read(CreateTable& step, const YAML::Node& body, const std::
                                  it->second.type->name() + " (" + it->second.origin +
                                  "), and create_table leaves an existing table as it is: name " +
                                  it->second.type->name() + ", or drop_table it first");
-    impliedTable(step.path, type, "created at " + markText(markOf(body)));
+    impliedTable(step.path, type, "created at " + markText(markOf(body)), markOf(m.need("path")));
 }
 
 void ScenarioParser::read(DropTable& step, const YAML::Node& body, const std::string& context) {

@@ -28,16 +28,12 @@ std::size_t distance(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-namespace {
-
 bool hasControl(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](char ch) {
         const auto c = static_cast<unsigned char>(ch);
         return c < 0x20 || c == 0x7f;
     });
 }
-
-}  // namespace
 
 std::string quoted(std::string_view text) {
     return hasControl(text) ? doubleQuoted(text, Quoting::yaml) : "'" + std::string(text) + "'";

@@ -9,6 +9,8 @@
 
 namespace VeltaSim {
 
+// Whether `text` has a control character (below 0x20, or DEL).
+bool hasControl(std::string_view text);
 // 'text', as messages quote names and keys; a text with a control character (a newline, say) is
 // double-quoted and escaped instead, so that a message stays on its line.
 std::string quoted(std::string_view text);
