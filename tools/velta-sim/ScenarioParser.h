@@ -78,10 +78,9 @@ private:
                                  const std::string& context, bool expected = false);
     // A subscription row names its output table: the translator registers it with that type.
     void learnOutputTables(const std::vector<RowSpec>& rows);
-    // A table the run will have from here on, unless it has it already: the host keeps an existing
-    // table as it is.
-    // Makes `path` known with `type`, unless it is known and not dropped; refuses, at `where`, a path
-    // with a control character (every report line that names the table would break).
+    // A table the run will have from here on, unless it has it already (known and not dropped): the
+    // host keeps an existing table as it is. Refuses, at `where`, a path with a control character
+    // (every report line that names the table would break).
     void impliedTable(const std::string& path, const Velta::RowType& type, std::string origin,
                       const Mark& where);
 
