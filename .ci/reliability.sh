@@ -111,8 +111,8 @@ if [ ! -x "$RELEASE_BUILD/tests/aggregator_storm_test" ] || [ ! -x "$RELEASE_BUI
     cmake -S . -B "$RELEASE_BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
     cmake --build "$RELEASE_BUILD" -j "$JOBS" --target aggregator_storm_test translator_churn_test
 fi
-memcheck() {
-    valgrind --quiet --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect \
+memcheck() {  # bounded, so that a hang under valgrind fails the pass instead of stalling CI
+    timeout 300 valgrind --quiet --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite,indirect \
         --show-leak-kinds=definite,indirect "$@" --gtest_brief=1
 }
 VELTA_STORM_HISTORIES=3000 memcheck "$RELEASE_BUILD/tests/aggregator_storm_test"
