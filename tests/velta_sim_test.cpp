@@ -87,6 +87,8 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
         {"", "1:1: the scenario needs 'steps'"},
         {"steps:\n  - create_table: {path: \"velta/out\\n/r\", type: veCtrl::publication}\n",
          "5:26: a table path cannot hold a control character: \"velta/out\\n/r\""},
+        {"steps:\n  - write: {table: velta/metadata/veTable, row: {tablePath: \"a\\tb\"}}\n",
+         "5:61: a table path cannot hold a control character: \"a\\tb\""},
         // A write makes a dropped table again with its type.
         {"steps:\n  - create_table: {path: p, type: External::Publication}\n  - drop_table: {path: p}\n"
          "  - write: {table: p, row: {subscription_id: 1}}\n  - create_table: {path: p, type: "

@@ -349,6 +349,14 @@ std::vector<RowSpec> ScenarioParser::rowList(const YAML::Node& node, const Velta
 
 void ScenarioParser::learnOutputTables(const std::vector<RowSpec>& rows) {
     for (const RowSpec& row : rows) {
+        // A metadata row names a table the agents may find and report on, one line each.
+        if (row.type == &Velta::veMetadata::veTable::type()) {
+            for (const FieldValue& v : row.values) {
+                const auto* path = std::get_if<std::string>(&v.value);
+                if (path != nullptr && row.type->fields()[v.field].name == "tablePath" && hasControl(*path))
+                    fail(v.mark, "a table path cannot hold a control character: " + quoted(*path));
+            }
+        }
         if (row.type != &Velta::External::Subscription::type()) continue;
         std::string outputPath, typeName;
         for (const FieldValue& v : row.values) {

@@ -76,7 +76,8 @@ private:
     RowSpec keySpec(const YAML::Node& node, const Velta::RowType& type);
     std::vector<RowSpec> rowList(const YAML::Node& node, const Velta::RowType& type,
                                  const std::string& context, bool expected = false);
-    // A subscription row names its output table: the translator registers it with that type.
+    // A subscription row names its output table: the translator registers it with that type. A
+    // metadata row's table path is refused with a control character, as every table path is.
     void learnOutputTables(const std::vector<RowSpec>& rows);
     // A table the run will have from here on, unless it has it already (known and not dropped): the
     // host keeps an existing table as it is. Refuses, at `where`, a path with a control character
