@@ -155,9 +155,15 @@ public:
 
 private:
     void onRow(const BaseRow& row) {
+        // The texts are read where the row holds them, as the translator reads them.
+        static const auto field = [](std::string_view name) {
+            return static_cast<std::size_t>(External::Subscription::type().fieldIndex(name));
+        };
+        static const std::size_t kOutputPath = field("outputPath"), kTypeName = field("typeName");
         const External::Subscription sub(row);
-        const unsigned typeId = vdb_->tableTypeId(sub.typeName(), false);
-        const veMetadata::veTable table = vdb_->tableInfo(sub.outputPath());
+        const std::string& typeName = row.string(kTypeName);
+        const unsigned typeId = vdb_->tableTypeId(typeName, false);
+        const veMetadata::veTable table = vdb_->tableInfo(row.string(kOutputPath));
         veMetadata::SystemDescription sysDesc;
         sysDesc.oidIs(sub.system_description());
         if (sysDescReader_.row(sysDesc, 1).empty() || table.empty())
@@ -166,10 +172,10 @@ private:
         ctrl.system_descriptionIs(sub.system_description());
         ctrl.connection_idIs(sub.oid());
         ctrl.tableIdIs(table.oid());
-        ctrl.typeNameIs(sub.typeName());
+        ctrl.typeNameIs(typeName);
         subsModifier_.rowIs(ctrl);
         const veCtrl::subscription stored(subsReader_.row(ctrl, 0));
-        vdb_->tableTypeId(sub.typeName(), false);  // the registry entry reads the type id again
+        vdb_->tableTypeId(typeName, false);  // the registry entry reads the type id again
         External::Publication pub;
         pub.subscription_idIs(sub.oid());
         veCtrl::publication internalKey;
