@@ -555,6 +555,9 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     EXPECT_EQ(Host::toString(db_->calls().front()),
               "defineQuery text=\"SELECT a FROM data/known;\" typeId=9 params={a=2,p=1} standing=1 "
               "name=\"q1\" agent=A");
+    EXPECT_EQ(Host::toString(db_->calls()[1]),  // one line, whatever the client's text holds
+              "defineQuery text=\"SELECT a\\nfrom\tdata/missing WHERE x\" typeId=9 params={} standing=0 "
+              "name=\"\" agent=A");
     EXPECT_EQ(Host::toString(db_->calls().back()), "removeQuery name=\"q1\" agent=A");
 
     reset({.manualQueries = true});

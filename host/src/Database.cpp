@@ -646,7 +646,9 @@ std::string toString(const HostCall& call) {
             break;
     }
     os << " agent=" << call.agent;
-    return os.str();
+    std::string line;
+    internal::appendOneLine(line, os.str());
+    return line;
 }
 
 std::shared_ptr<Database> Database::create(Options options) {

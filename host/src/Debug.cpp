@@ -4,6 +4,8 @@
 // function-local statics). KESTO_DEBUG is read once, when the channel registry is first touched.
 #include <Velta/Host/Debug.h>
 
+#include "HostInternal.h"
+
 #include <Kesto/DebugSupport.h>
 
 #include <cerrno>
@@ -149,10 +151,8 @@ std::vector<std::string> TraceCapture::messages(const std::string& channel) cons
     return out;
 }
 
-std::string toString(const TraceRecord& record) {
-    std::string out = record.channel + "[" + std::to_string(record.level) + "] " + record.file + ":" +
-                      std::to_string(record.line) + " " + record.function + ": ";
-    for (const char c : record.message) {  // a client's text in a message must not break the line
+void internal::appendOneLine(std::string& out, std::string_view text) {
+    for (const char c : text) {
         if (c == '\n')
             out += "\\n";
         else if (c == '\r')
@@ -160,6 +160,12 @@ std::string toString(const TraceRecord& record) {
         else
             out += c;
     }
+}
+
+std::string toString(const TraceRecord& record) {
+    std::string out = record.channel + "[" + std::to_string(record.level) + "] " + record.file + ":" +
+                      std::to_string(record.line) + " " + record.function + ": ";
+    internal::appendOneLine(out, record.message);
     return out;
 }
 

@@ -72,6 +72,10 @@ inline void prefetchLine(const void* p) noexcept {
 #endif
 }
 
+// Appends `text` with its line breaks written as \\n and \\r: a client's text in a line of output
+// (a trace, a host call) must not break it.
+void appendOneLine(std::string& out, std::string_view text);
+
 // The registry's view for the rest of the host. Lookups lock; the returned types live forever.
 const RowType* typeById(unsigned id);
 // Cached row operations for (type, index); `type` may be null (rows ordered by type id, then key).

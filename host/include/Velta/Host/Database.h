@@ -5,7 +5,8 @@
 // - Nothing is called back from inside a host call. Writes change the tables at once; callbacks
 //   are queued and delivered only by runUntilIdle()/runOne(), one at a time, in FIFO order (or, with
 //   Options::shuffleSeed, in a seeded order that keeps each interface's own callbacks in order).
-// - Every table that exists has exactly one row in "velta/metadata/veTable".
+// - Every table the host creates or registers gets its row in "velta/metadata/veTable", and dropping
+//   a table deletes that row. A user may still write, erase or drop the metadata table itself.
 // - Row types are process-wide; tables and rows belong to one Database.
 #pragma once
 
@@ -68,7 +69,8 @@ struct HostCall {
     std::string name;
 };
 
-// One line, e.g. `registerTable path=velta/out/q7 typeName=T tableType=0 desiredFlags=0 ...`.
+// One line (line breaks in texts are written as \n and \r), e.g. `registerTable path=velta/out/q7
+// typeName=T tableType=0 desiredFlags=0 ...`.
 std::string toString(const HostCall& call);
 
 // A query defined through defineQuery.
@@ -227,7 +229,7 @@ public:
     void callsClear();
     const std::vector<QueryInfo>& queries() const noexcept;
     // Completes the oldest pending query with `text` whose definer is still there; false if none.
-    // The completion runs on the next delivery.
+    // The completion is queued behind what is already queued and runs when delivery reaches it.
     bool completeQuery(const std::string& text, bool ok, const std::string& error = "");
 
     // Receives every delivery and change (nullptr: none). Not owned.
