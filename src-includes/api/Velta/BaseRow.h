@@ -47,7 +47,8 @@ public:
     const std::vector<std::uint16_t>& keyFields() const noexcept { return keyFields_; }
     // Index of the named field, or -1.
     int fieldIndex(std::string_view name) const noexcept;
-    // Index of the `oid` field (which gives rows index 1), or -1.
+    // Index of the `oid` field (which gives rows index 1), or -1; an `oid` field that is not a number
+    // does not count.
     int oidField() const noexcept { return oidField_; }
     bool hasField(std::string_view name) const noexcept { return fieldIndex(name) >= 0; }
 

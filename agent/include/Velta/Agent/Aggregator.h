@@ -186,7 +186,9 @@ public:
     std::string outputRowSource(const BaseRow& outputKey) const;
     // Paths of the admitted inputs, in path order.
     std::vector<std::string> inputPaths() const;
-    // The admitted input at `path`, or null. Do not keep it beyond the aggregator's life.
+    // The admitted input at `path`, or null. Do not keep it beyond its removal: a removed input still
+    // held goes on delivering its rows, and the aggregator takes their path for an admitted input
+    // again, never to admit the table anew.
     std::shared_ptr<AggregatorInputTable> inputTable(const std::string& path) const;
     const std::string& outputPath() const noexcept { return outputPath_; }
     // The output modifier, to read its state.

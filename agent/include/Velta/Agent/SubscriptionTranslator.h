@@ -80,13 +80,17 @@ public:
     // Builds the ten interfaces, binds those that suit the kind of agent and declares the observers
     // ready for callbacks. The agent must be the server agent or an external one (asserted).
     explicit SubscriptionTranslator(VeltaDB::p_t vdb);
-    // Releases everything it holds; removes no rows and no queries.
+    // Releases everything it holds; removes no rows and no queries. A query it defined calls it back
+    // when the host completes the query, so destroy it only when none of its queries is pending or
+    // together with the last reference to its handle (a host drops the completions of a handle that
+    // is gone).
     virtual ~SubscriptionTranslator();
 
     SubscriptionTranslator(const SubscriptionTranslator&) = delete;
     SubscriptionTranslator& operator=(const SubscriptionTranslator&) = delete;
 
-    // Empties the readiness list (keeping its storage) and the registry entries; touches nothing else.
+    // Empties the readiness list (keeping its storage) and the registry entries; touches nothing else:
+    // externalSubscriptionId() still answers for the control ids it knew.
     void clean();
 
     // Registry lookups; neither inserts nor traces.
