@@ -180,6 +180,24 @@ TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {
     EXPECT_FALSE(VeltaSim::matches(row, listed));
 }
 
+TEST(VeltaSimFormat, DiffsAlignTheMiddleOnly) {
+    // One wrong item among many: the common ends cost a comparison each, not one per pair.
+    std::vector<int> expected(3000), found(3000);
+    for (int i = 0; i < 3000; ++i) expected[i] = found[i] = i;
+    found[1500] = -1;
+    std::size_t compared = 0;
+    const auto same = [&compared](int a, int b) {
+        ++compared;
+        return a == b;
+    };
+    const auto show = [](int v) { return std::to_string(v); };
+    const std::vector<std::string> lines = VeltaSim::diffLines(expected, found, same, show, show);
+    EXPECT_LT(compared, 6100u);
+    EXPECT_EQ(std::vector<std::string>(lines.begin() + 1499, lines.begin() + 1503),
+              (std::vector<std::string>{"  1499", "- 1500", "+ -1", "  1501"}));
+    EXPECT_EQ(lines.size(), 3001u);
+}
+
 TEST(VeltaSimRun, ReportsEachFailedExpectationAsADiff) {
     // A scenario, the delivery bound to run it with (0: the host's) and the failures it reports.
     const std::tuple<std::string, std::size_t, std::vector<std::string>> runs[] = {

@@ -8,6 +8,8 @@
 #include <Velta/Host/Database.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -47,33 +49,53 @@ struct ExtraColumn {
 std::vector<std::string> formatTable(const Velta::RowType& type, const std::vector<Velta::BaseRow>& rows,
                                      const ExtraColumn& extra = {});
 
-// The lines of a diff between `expected` items and `found` items under `same`: the longest common
+// The lines of a diff between `expected` items and `found` items under `same`: a longest common
 // subsequence is shown as "  " lines, the rest as "- " (expected, missing) and "+ " (found, extra).
+// The common ends are matched as they stand (part of some longest common subsequence whatever
+// `same` is), so one wrong row among many costs time in proportion to the rows; a differing middle
+// too large to align (more than kMaxDiffCells pairs) is shown whole, expected then found.
+inline constexpr std::size_t kMaxDiffCells = std::size_t{1} << 22;
 template <class Expected, class Found, class Same, class ShowExpected, class ShowFound>
 std::vector<std::string> diffLines(const std::vector<Expected>& expected, const std::vector<Found>& found,
                                    Same same, ShowExpected showExpected, ShowFound showFound) {
-    const std::size_t n = expected.size();
-    const std::size_t m = found.size();
-    std::vector<std::vector<std::size_t>> lcs(n + 1, std::vector<std::size_t>(m + 1, 0));
-    for (std::size_t i = n; i-- > 0;)
-        for (std::size_t j = m; j-- > 0;)
-            lcs[i][j] =
-                same(expected[i], found[j]) ? lcs[i + 1][j + 1] + 1 : std::max(lcs[i + 1][j], lcs[i][j + 1]);
-    std::vector<std::string> lines;
-    std::size_t i = 0, j = 0;
-    while (i < n || j < m) {
-        if (i < n && j < m && same(expected[i], found[j]) && lcs[i][j] == lcs[i + 1][j + 1] + 1) {
-            lines.push_back("  " + showFound(found[j]));
-            ++i;
-            ++j;
-        } else if (i < n && (j == m || lcs[i + 1][j] >= lcs[i][j + 1])) {
-            lines.push_back("- " + showExpected(expected[i]));
-            ++i;
-        } else {
-            lines.push_back("+ " + showFound(found[j]));
-            ++j;
-        }
+    std::size_t begin = 0, n = expected.size(), m = found.size();
+    while (begin < n && begin < m && same(expected[begin], found[begin])) ++begin;
+    while (n > begin && m > begin && same(expected[n - 1], found[m - 1])) {
+        --n;
+        --m;
     }
+    std::vector<std::string> lines;
+    for (std::size_t k = 0; k < begin; ++k) lines.push_back("  " + showFound(found[k]));
+    const std::size_t rows = n - begin + 1, columns = m - begin + 1;
+    if (rows * columns <= kMaxDiffCells) {
+        // lcs(i, j): the longest common subsequence of expected[i..n) and found[j..m).
+        std::vector<std::uint32_t> table(rows * columns, 0);
+        const auto lcs = [&](std::size_t i, std::size_t j) -> std::uint32_t& {
+            return table[(i - begin) * columns + (j - begin)];
+        };
+        for (std::size_t i = n; i-- > begin;)
+            for (std::size_t j = m; j-- > begin;)
+                lcs(i, j) = same(expected[i], found[j]) ? lcs(i + 1, j + 1) + 1
+                                                        : std::max(lcs(i + 1, j), lcs(i, j + 1));
+        std::size_t i = begin, j = begin;
+        while (i < n || j < m) {
+            if (i < n && j < m && same(expected[i], found[j]) && lcs(i, j) == lcs(i + 1, j + 1) + 1) {
+                lines.push_back("  " + showFound(found[j]));
+                ++i;
+                ++j;
+            } else if (i < n && (j == m || lcs(i + 1, j) >= lcs(i, j + 1))) {
+                lines.push_back("- " + showExpected(expected[i]));
+                ++i;
+            } else {
+                lines.push_back("+ " + showFound(found[j]));
+                ++j;
+            }
+        }
+    } else {
+        for (std::size_t i = begin; i < n; ++i) lines.push_back("- " + showExpected(expected[i]));
+        for (std::size_t j = begin; j < m; ++j) lines.push_back("+ " + showFound(found[j]));
+    }
+    for (std::size_t k = 0; k < expected.size() - n; ++k) lines.push_back("  " + showFound(found[m + k]));
     return lines;
 }
 

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <new>
 #include <unordered_map>
 
 namespace VeltaSim {
@@ -241,6 +242,9 @@ public:
                 bool goOn = true;
                 try {
                     goOn = perform(step);
+                } catch (const std::bad_alloc&) {
+                    fail(step, "velta-sim ran out of memory");
+                    goOn = false;
                 } catch (const std::exception& e) {
                     fail(step, std::string("the host refused: ") + e.what());
                     goOn = false;
@@ -482,7 +486,8 @@ private:
         if (equal) return true;
         std::vector<const RowSpec*> specs;
         for (const RowSpec& listed : s.rows) specs.push_back(&listed);
-        auto showFound = [&](const BaseRow& row) { return shown(s.path, row, specs); };
+        const ShowAs as(found.empty() ? BaseRow() : found.front(), specs);  // the table's rows share a type
+        auto showFound = [&](const BaseRow& row) { return shown(s.path, row, as); };
         auto diff = diffLines(
             s.rows, found, same, [](const RowSpec& listed) { return formatSpec(listed); }, showFound);
         const std::string message = found.size() == s.rows.size()
@@ -657,14 +662,26 @@ private:
     bool holds(const std::string& path, const BaseRow& row, const RowSpec& listed) const {
         return matches(row, listed) && (!listed.from || *listed.from == sourceOf(path, row));
     }
-    // A found row as a diff shows it: the fields `specs` name (with none, its key and set fields),
-    // and its source when one of them names a source.
+    // How a diff shows found rows of one type against `specs`: the fields they name (with none, each
+    // row's key and set fields), and each row's source when one of them names a source. Worked out
+    // once for all the rows of a diff.
+    struct ShowAs {
+        ShowAs(const BaseRow& sample, const std::vector<const RowSpec*>& specs)
+            : named(!specs.empty()),
+              fields(named ? fieldsNamed(sample, specs) : std::vector<std::size_t>()),
+              withSource(std::any_of(specs.begin(), specs.end(),
+                                     [](const RowSpec* listed) { return listed->from.has_value(); })) {}
+        bool named;
+        std::vector<std::size_t> fields;
+        bool withSource;
+    };
     std::string shown(const std::string& path, const BaseRow& row,
                       const std::vector<const RowSpec*>& specs) const {
-        std::string text = formatFields(row, specs.empty() ? keyAndSetFields(row) : fieldsNamed(row, specs));
-        const bool withSource = std::any_of(specs.begin(), specs.end(),
-                                            [](const RowSpec* listed) { return listed->from.has_value(); });
-        if (withSource && !row.empty())
+        return shown(path, row, ShowAs(row, specs));
+    }
+    std::string shown(const std::string& path, const BaseRow& row, const ShowAs& as) const {
+        std::string text = formatFields(row, as.named ? as.fields : keyAndSetFields(row));
+        if (as.withSource && !row.empty())
             text.insert(text.size() - 1,
                         (text.size() > 2 ? ", from: " : "from: ") + yamlText(sourceOf(path, row)));
         return text;
