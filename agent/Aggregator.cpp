@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <iterator>
 #include <utility>
+#include <vector>
 
 namespace Velta::Agent {
 
@@ -267,6 +268,15 @@ void Aggregator::onVeTableDelete(const BaseRow& row) {
     std::shared_ptr<AggregatorInputTable> input = found->second;
     inputTables_.erase(found);
 
+#if VELTA_AGENT_HOST_KEY_HASH
+    // An input that supplied few of the output rows is settled without reading every owner: the
+    // same rows, in the same key order, as the walk below.
+    std::vector<OutputRowOwners::iterator> owned;
+    if (outputRowOwners_.collectFew(input, owned)) {
+        for (const auto entry : owned) updateOutputOnDelete(entry);
+        return;  // the input table goes with `input`, after its rows are settled
+    }
+#endif
     for (auto entry = outputRowOwners_.begin(); entry != outputRowOwners_.end();) {
         if (ownerOf(entry) == input) {
             entry = updateOutputOnDelete(entry);

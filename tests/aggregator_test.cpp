@@ -133,6 +133,11 @@ TEST_F(AggregatorTest, ALeavingInputsRowsAreSettledInKeyOrderBeforeItGoes) {
     run();
     // Walks in path order; nothing is traced while the level is off.
     EXPECT_EQ(journal(), (Lines{"+k1=a", "+k5=a", "+k4=c", "+k5=c", "+k1=b", "+k2=b", "+k4=b", "+k5=b"}));
+    // Rows A alone supplies: with the host's key hashing, B's and C's few rows are then found
+    // without reading every owner, and must still be settled in key order.
+    for (int i = 0; i < 32; ++i) db_->write(kA, route("m" + std::to_string(i), "a"));
+    run();
+    journal();
 
     ScopedDebugMask mask("Aggregator", 1u << 9);
     // B leaves the metadata while its table lives on: a row queued for it afterwards never arrives.

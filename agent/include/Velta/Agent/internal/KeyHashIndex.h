@@ -74,6 +74,13 @@ public:
         prefetchLine(entries_.data() + i);
     }
 
+    // Calls `visit(pos)` for every entry's position, in slot order (no order of keys).
+    template <class Visit>
+    void forEach(Visit&& visit) const {
+        for (std::size_t i = 0; i < ctrl_.size(); ++i)
+            if (ctrl_[i] != kEmpty) visit(entries_[i].pos);
+    }
+
     // Adds a key that has no entry yet.
     void insert(std::uint64_t hash, Pos pos) {
         if ((count_ + 1) * 100 > ctrl_.size() * kMaxLoadPercent) grow();

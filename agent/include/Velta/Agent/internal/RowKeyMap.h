@@ -29,10 +29,12 @@
 #include <Velta/BaseRow.h>
 #include <Velta/VeltaDB.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <map>
 #include <memory>
 #include <utility>
+#include <vector>
 
 static_assert(Velta::Agent::internal::kHostKeyHashDetected,
               "RowKeyMap needs the host's key-hash capability <Velta/HostCapability/KeyHash.h>");
@@ -180,6 +182,34 @@ public:
         const iterator next = map_.erase(pos);
         if (map_.empty()) allExact_ = true;
         return next;
+    }
+
+    // Puts into `out` the elements whose value is `value`, in key order, and returns true, when that
+    // costs less than walking the map and reading each element's value: they are found in one pass
+    // over the index (which holds the values; no key is hashed or compared), then sorted by key, so
+    // this pays off while they are few. Returns false, `out` empty, without hashing or when more
+    // than one element in kFewDivisor has the value.
+    static constexpr std::size_t kFewDivisor = 8;
+    bool collectFew(const Value& value, std::vector<iterator>& out) {
+        out.clear();
+        if (!hash().available()) return false;
+        const std::size_t limit = map_.size() / kFewDivisor;
+        bool few = true;
+        index_.forEach([&](const Where& where) {
+            if (few && where.value == value) {
+                if (out.size() == limit)
+                    few = false;
+                else
+                    out.push_back(where.it);
+            }
+        });
+        if (!few) {
+            out.clear();
+            return false;
+        }
+        std::sort(out.begin(), out.end(),
+                  [this](iterator a, iterator b) { return less_(a->first, b->first); });
+        return true;
     }
 
     // The map's key order (the inline shortcut included).
