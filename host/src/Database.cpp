@@ -323,9 +323,10 @@ void Database::Impl::push(QueuedEvent&& e) {
     queue.push(std::move(e));
 }
 
-void Database::Impl::queueTask(std::string what, std::function<void()> run) {
+void Database::Impl::queueTask(const char* kind, std::string subject, std::function<void()> run) {
     auto task = std::make_unique<HostTask>();
-    task->what = std::move(what);
+    task->kind = kind;
+    task->subject = std::move(subject);
     task->run = std::move(run);
     push(QueuedEvent{nullptr, QueuedEvent::Kind::task, BaseRow(), std::move(task)});
 }
@@ -375,7 +376,7 @@ void Database::Impl::deliver(QueuedEvent& e) {
     EventListener* const l = listener;
     if (e.att == nullptr) {
         if (l != nullptr)
-            l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what);
+            l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what());
         if (e.task->run) e.task->run();
         if (l != nullptr) l->onDeliveryEnd();
         return;
@@ -446,7 +447,7 @@ void Database::Impl::registerTable(const AgentHandle& handle, const std::string&
     if (exists || inFlight_.count(path) != 0) return;
     if (rowType == nullptr) return;  // no table can be made of an unknown type
     inFlight_.insert(path);
-    queueTask("registerTable " + path, [this, path, rowType, ownerName] {
+    queueTask("registerTable", path, [this, path, rowType, ownerName] {
         inFlight_.erase(path);
         Slot& slot = slotFor(path);
         if (!slot.table) createTable(slot, *rowType, ownerName, 0);
@@ -477,7 +478,7 @@ void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& t
     completionQueued_.push_back(!options.manualQueries);
     completions_[index] = PendingCompletion{handle.id(), std::move(done)};
     if (options.manualQueries) return;
-    queueTask("query " + text, [this, index] {
+    queueTask("query", text, [this, index] {
         const std::string table = fromTable(queries[index].text);
         const Slot* slot = table.empty() ? nullptr : findSlot(table);
         if (!table.empty() && (slot == nullptr || !slot->table))
@@ -501,7 +502,7 @@ bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::
             queries[i].text != text)
             continue;
         completionQueued_[i] = true;
-        queueTask("completeQuery " + text, [this, i, ok, error] { finishQuery(i, ok, error); });
+        queueTask("completeQuery", text, [this, i, ok, error] { finishQuery(i, ok, error); });
         return true;
     }
     return false;
@@ -526,7 +527,7 @@ void Database::Impl::finishQuery(std::size_t index, bool ok, const std::string& 
 void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
     const BaseRow key = row;
     const std::uint64_t oid = oidOf(row);
-    queueTask("control publication " + std::to_string(oid), [this, key, oid] {
+    queueTask("control publication", std::to_string(oid), [this, key, oid] {
         Slot* subs = findSlot(kCtrlSubscriptionPath);
         // A table of another type there now (the control table was dropped and a client's write
         // made it again) holds no control row.
@@ -551,7 +552,7 @@ void Database::Impl::controlSubscriptionAdded(const BaseRow& row) {
 }
 
 void Database::Impl::controlSubscriptionRemoved(std::uint64_t oid) {
-    queueTask("control publication removal " + std::to_string(oid), [this, oid] {
+    queueTask("control publication removal", std::to_string(oid), [this, oid] {
         Slot* pubs = findSlot(kCtrlPublicationPath);
         if (pubs == nullptr) return;
         veCtrl::publication key;

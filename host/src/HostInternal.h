@@ -470,8 +470,11 @@ namespace Velta::Host {
 
 // A unit of host work on the queue (a registration arriving, a query completing, ...).
 struct HostTask {
-    std::string what;  // for listeners
+    const char* kind;     // "registerTable", "query", ...
+    std::string subject;  // what it is about (a path, a query text, an oid)
     std::function<void()> run;
+    // "<kind> <subject>", built only for a listener.
+    std::string what() const { return std::string(kind) + " " + subject; }
 };
 
 // One queued delivery.
@@ -570,7 +573,7 @@ public:
     void considerReady(Velta::detail::Attachment& att);
 
     // --- queue
-    void queueTask(std::string what, std::function<void()> run);
+    void queueTask(const char* kind, std::string subject, std::function<void()> run);
     bool runOne();
     void handleGone(std::uint64_t handle);
 
