@@ -224,7 +224,10 @@ void Aggregator::onVeTableReady() {
 
 void Aggregator::onVeTableRow(const BaseRow& row) {
     const veMetadata::veTable table(row);
-    const std::string path = table.tablePath();
+    // Read where the row holds it (the getter copies): most tables are not inputs.
+    static const auto kTablePath =
+        static_cast<std::size_t>(veMetadata::veTable::type().fieldIndex("tablePath"));
+    const std::string& path = table.string(kTablePath);
 
     // Prefix, at least one character, suffix; the length test keeps prefix and suffix apart.
     if (affixLength_ >= path.size()) return;
