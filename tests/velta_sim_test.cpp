@@ -180,11 +180,13 @@ TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {
     EXPECT_FALSE(VeltaSim::matches(row, listed));
 }
 
-TEST(VeltaSimFormat, DiffsAlignTheMiddleOnly) {
-    // One wrong item among many: the common ends cost a comparison each, not one per pair.
+TEST(VeltaSimFormat, DiffsAlignTheMiddleOnlyAndShowContext) {
+    // Wrong items among many: the common ends cost a comparison each, not one per pair.
     std::vector<int> expected(3000), found(3000);
     for (int i = 0; i < 3000; ++i) expected[i] = found[i] = i;
     found[1500] = -1;
+    found[1520] = -2;
+    found[1526] = -3;
     std::size_t compared = 0;
     const auto same = [&compared](int a, int b) {
         ++compared;
@@ -193,9 +195,33 @@ TEST(VeltaSimFormat, DiffsAlignTheMiddleOnly) {
     const auto show = [](int v) { return std::to_string(v); };
     const std::vector<std::string> lines = VeltaSim::diffLines(expected, found, same, show, show);
     EXPECT_LT(compared, 6100u);
-    EXPECT_EQ(std::vector<std::string>(lines.begin() + 1499, lines.begin() + 1503),
-              (std::vector<std::string>{"  1499", "- 1500", "+ -1", "  1501"}));
-    EXPECT_EQ(lines.size(), 3001u);
+    // Three matched lines either side of a change, the others counted; a short run stays whole.
+    EXPECT_EQ(lines, (std::vector<std::string>{"  ... 1497 more as expected",
+                                               "  1497",
+                                               "  1498",
+                                               "  1499",
+                                               "- 1500",
+                                               "+ -1",
+                                               "  1501",
+                                               "  1502",
+                                               "  1503",
+                                               "  ... 13 more as expected",
+                                               "  1517",
+                                               "  1518",
+                                               "  1519",
+                                               "- 1520",
+                                               "+ -2",
+                                               "  1521",
+                                               "  1522",
+                                               "  1523",
+                                               "  1524",
+                                               "  1525",
+                                               "- 1526",
+                                               "+ -3",
+                                               "  1527",
+                                               "  1528",
+                                               "  1529",
+                                               "  ... 1470 more as expected"}));
 }
 
 TEST(VeltaSimRun, ReportsEachFailedExpectationAsADiff) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -49,8 +50,33 @@ struct ExtraColumn {
 std::vector<std::string> formatTable(const Velta::RowType& type, const std::vector<Velta::BaseRow>& rows,
                                      const ExtraColumn& extra = {});
 
+// Keeps kDiffContext matched ("  ") lines on each side of a change and counts the others in one
+// "  ... N more as expected" line, so that one wrong row among thousands reads as a few lines.
+inline constexpr std::size_t kDiffContext = 3;
+inline std::vector<std::string> collapseMatched(std::vector<std::string> lines) {
+    std::vector<std::string> kept;
+    for (std::size_t i = 0; i < lines.size();) {
+        std::size_t end = i;
+        while (end < lines.size() && lines[end].starts_with("  ")) ++end;
+        // Matched lines [i, end): context for the change before them and for the change after them.
+        const std::size_t head = i == 0 ? 0 : std::min(kDiffContext, end - i);
+        const std::size_t tail = end == lines.size() ? 0 : std::min(kDiffContext, end - i - head);
+        if (end - i > head + tail + 1) {
+            std::move(lines.begin() + i, lines.begin() + i + head, std::back_inserter(kept));
+            kept.push_back("  ... " + std::to_string(end - i - head - tail) + " more as expected");
+            std::move(lines.begin() + (end - tail), lines.begin() + end, std::back_inserter(kept));
+        } else {
+            std::move(lines.begin() + i, lines.begin() + end, std::back_inserter(kept));
+        }
+        for (i = end; i < lines.size() && !lines[i].starts_with("  "); ++i)
+            kept.push_back(std::move(lines[i]));
+    }
+    return kept;
+}
+
 // The lines of a diff between `expected` items and `found` items under `same`: a longest common
-// subsequence is shown as "  " lines, the rest as "- " (expected, missing) and "+ " (found, extra).
+// subsequence is shown as "  " lines (collapsed by collapseMatched), the rest as "- " (expected,
+// missing) and "+ " (found, extra).
 // The common ends are matched as they stand (part of some longest common subsequence whatever
 // `same` is), so one wrong row among many costs time in proportion to the rows; a differing middle
 // too large to align (more than kMaxDiffCells pairs) is shown whole, expected then found.
@@ -96,7 +122,7 @@ std::vector<std::string> diffLines(const std::vector<Expected>& expected, const 
         for (std::size_t j = begin; j < m; ++j) lines.push_back("+ " + showFound(found[j]));
     }
     for (std::size_t k = 0; k < expected.size() - n; ++k) lines.push_back("  " + showFound(found[m + k]));
-    return lines;
+    return collapseMatched(std::move(lines));
 }
 
 }  // namespace VeltaSim
