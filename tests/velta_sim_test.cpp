@@ -435,7 +435,10 @@ steps:
           "    ------  -------  ----  -----------------\n"
           "    p1      a        []    velta/in/a/routes\n"
           "    p2      b e\u0301漢    [t]   velta/in/b/routes\n"
-          "    p3      \"\"       []    (none)\n"})
+          "    p3      \"\"       []    (none)\n",
+          "step 10 (line 22): expect_row velta/out/routes {prefix: p2}\n  failed: velta/out/routes: the row "
+          "with key "
+          "{prefix: p2} differs\n"})
         EXPECT_NE(result.views.find(part), std::string::npos) << part << "\nnot in\n" << result.views;
 }
 

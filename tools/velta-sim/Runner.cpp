@@ -322,6 +322,8 @@ private:
     }
 
     void record(Failure failure) {
+        // The timeline marks the failure where it happened; the report gives it in full above.
+        if (options_.timeline && failure.step != 0) view("  failed: " + failure.message + "\n");
         if (options_.onFailure) options_.onFailure(failure);
         result_.failures.push_back(std::move(failure));
     }
