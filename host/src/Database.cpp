@@ -477,7 +477,10 @@ void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& t
     queries.push_back(std::move(q));
     completionQueued_.push_back(!options.manualQueries);
     completions_[index] = PendingCompletion{handle.id(), std::move(done)};
-    if (options.manualQueries) return;
+    if (options.manualQueries) {
+        awaitingByText_[text].push_back(index);
+        return;
+    }
     queueTask("query", text, [this, index] {
         const std::string table = fromTable(queries[index].text);
         const Slot* slot = table.empty() ? nullptr : findSlot(table);
@@ -497,15 +500,19 @@ void Database::Impl::removeQuery(const AgentHandle& handle, const std::string& n
 }
 
 bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::string& error) {
-    for (std::size_t i = 0; i < queries.size(); ++i) {
-        if (completionQueued_[i] || queries[i].state != QueryInfo::State::pending || queries[i].definerGone ||
-            queries[i].text != text)
-            continue;
-        completionQueued_[i] = true;
-        queueTask("completeQuery", text, [this, i, ok, error] { finishQuery(i, ok, error); });
-        return true;
+    const auto awaiting = awaitingByText_.find(text);
+    if (awaiting == awaitingByText_.end()) return false;
+    std::deque<std::size_t>& indexes = awaiting->second;
+    while (!indexes.empty() && queries[indexes.front()].definerGone) indexes.pop_front();
+    if (indexes.empty()) {
+        awaitingByText_.erase(awaiting);
+        return false;
     }
-    return false;
+    const std::size_t i = indexes.front();
+    indexes.pop_front();
+    completionQueued_[i] = true;
+    queueTask("completeQuery", text, [this, i, ok, error] { finishQuery(i, ok, error); });
+    return true;
 }
 
 void Database::Impl::finishQuery(std::size_t index, bool ok, const std::string& error) {
