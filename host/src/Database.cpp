@@ -89,7 +89,10 @@ Database::Impl::Impl(Database& db, Options opts) : owner(db), options(opts), shu
     for (const auto& [path, which] : kStartTables) createTable(slotFor(path), builtinRowType(which), "", 0);
 }
 
-Database::Impl::~Impl() { queue.clear(); }
+Database::Impl::~Impl() {
+    queue.clear();
+    seededQueue.clear();
+}
 
 Slot& Database::Impl::slotFor(const std::string& path) {
     auto it = slots.find(path);
@@ -296,7 +299,11 @@ void Database::Impl::detach(Attachment& att) {
     std::erase(slot.attachments, &att);
     std::erase(slot.observers, &att);
     if (att.queued != 0) {
-        queue.removeIf([&att](const QueuedEvent& e) { return e.att == &att; });
+        const auto isAtt = [&att](const QueuedEvent& e) { return e.att == &att; };
+        if (options.shuffleSeed != 0)
+            seededQueue.removeIf(isAtt);
+        else
+            queue.removeIf(isAtt);
         att.queued = 0;
     }
     att.iface = nullptr;
@@ -312,6 +319,13 @@ void Database::Impl::considerReady(Attachment& att) {
 }
 
 void Database::Impl::notify(Slot& slot, QueuedEvent::Kind kind, const BaseRow& row) {
+    if (options.shuffleSeed != 0) {
+        for (Attachment* att : slot.observers) {
+            ++att->queued;
+            seededQueue.pushRow(att, kind, row);
+        }
+        return;
+    }
     for (Attachment* att : slot.observers) {
         ++att->queued;
         queue.pushRow(att, kind, row);
@@ -320,7 +334,10 @@ void Database::Impl::notify(Slot& slot, QueuedEvent::Kind kind, const BaseRow& r
 
 void Database::Impl::push(QueuedEvent&& e) {
     if (e.att != nullptr) ++e.att->queued;
-    queue.push(std::move(e));
+    if (options.shuffleSeed != 0)
+        seededQueue.push(std::move(e));
+    else
+        queue.push(std::move(e));
 }
 
 void Database::Impl::queueTask(const char* kind, std::string subject, std::function<void()> run) {
@@ -332,18 +349,8 @@ void Database::Impl::queueTask(const char* kind, std::string subject, std::funct
 }
 
 bool Database::Impl::runOne() {
-    if (queue.empty() || delivering) return false;
-    std::size_t index = 0;
-    if (options.shuffleSeed != 0 && queue.size() > 1) {
-        // Pick a random entry, then deliver the oldest entry of the same receiver, which keeps
-        // each interface's callbacks (and the host tasks) in their own order.
-        const std::size_t pick = std::uniform_int_distribution<std::size_t>(0, queue.size() - 1)(shuffle_);
-        const Attachment* receiver = queue.at(pick).att;
-        while (queue.at(index).att != receiver) ++index;
-    } else {
-        lookAhead();
-    }
-    QueuedEvent e = queue.take(index);
+    if ((queue.empty() && seededQueue.empty()) || delivering) return false;
+    QueuedEvent e = options.shuffleSeed != 0 ? takeSeeded() : takeNext();
     if (e.att != nullptr) --e.att->queued;
     delivering = true;
     try {
@@ -354,6 +361,20 @@ bool Database::Impl::runOne() {
     }
     delivering = false;
     return true;
+}
+
+QueuedEvent Database::Impl::takeNext() {
+    lookAhead();
+    return queue.takeFront();
+}
+
+QueuedEvent Database::Impl::takeSeeded() {
+    // Draw a waiting event, then deliver the oldest event of the same receiver, which keeps each
+    // interface's callbacks (and the host tasks) in their own order.
+    std::size_t pick = 0;
+    if (seededQueue.size() > 1)
+        pick = std::uniform_int_distribution<std::size_t>(0, seededQueue.size() - 1)(shuffle_);
+    return seededQueue.takeOldestOfReceiverAt(pick);
 }
 
 void Database::Impl::lookAhead() noexcept {
@@ -681,7 +702,7 @@ std::size_t Database::runUntilIdle() {
     std::size_t n = 0;
     const std::size_t bound = impl_->options.deliveryBound;
     while (n < bound && impl_->runOne()) ++n;
-    impl_->settled = impl_->queue.empty();
+    impl_->settled = impl_->queue.empty() && impl_->seededQueue.empty();
     return n;
 }
 
@@ -689,7 +710,7 @@ bool Database::settled() const noexcept { return impl_->settled; }
 
 bool Database::runOne() { return impl_->runOne(); }
 
-std::size_t Database::pending() const noexcept { return impl_->queue.size(); }
+std::size_t Database::pending() const noexcept { return impl_->queue.size() + impl_->seededQueue.size(); }
 
 void Database::createTable(const std::string& path, const std::string& typeName, const std::string& owner,
                            unsigned oid) {

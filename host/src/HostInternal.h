@@ -502,8 +502,13 @@ public:
         e.row = row;
     }
     QueuedEvent& at(std::size_t i) noexcept { return buf_[(head_ + i) & mask_]; }
-    // Removes and returns the entry at position i (0 = oldest), keeping the order of the rest.
-    QueuedEvent take(std::size_t i);
+    // Removes and returns the oldest entry; the queue must not be empty.
+    QueuedEvent takeFront() noexcept {
+        QueuedEvent e = std::move(at(0));
+        head_ = (head_ + 1) & mask_;
+        --size_;
+        return e;
+    }
     // Removes every entry for which `pred` is true, keeping the order of the rest.
     template <class Pred>
     void removeIf(Pred pred);
@@ -534,6 +539,89 @@ void EventQueue::removeIf(Pred pred) {
     }
     for (std::size_t i = out; i < size_; ++i) at(i) = QueuedEvent{};
     size_ = out;
+}
+
+// The queue under a delivery seed, where each delivery takes the oldest event of the receiver of an
+// event drawn at random (a receiver is an attachment; host tasks are one receiver, null). Events sit
+// in slots in the order they were queued; one taken leaves a hole there until the slots are
+// compacted (when they run out with half of them holes, or when events are removed). A count tree
+// over the slots finds the n-th waiting event, and each receiver's events are chained from its
+// oldest, so a delivery costs O(log n) however long the queue.
+//
+// Invariants: size_ is the number of live slots and tree_ counts exactly those; chains_ holds a
+// chain for exactly the receivers with live slots, linking them in queue order; a hole is on no
+// chain and holds an empty event; entries_ never holds more than capacity_ slots (its storage is
+// reserved), so queueing allocates only when the slots grow or a receiver's chain starts.
+class SeededEventQueue {
+public:
+    bool empty() const noexcept { return size_ == 0; }
+    std::size_t size() const noexcept { return size_; }
+    void push(QueuedEvent&& e) { append(e.att).event = std::move(e); }
+    // Appends a row delivery in place (no temporary event to move).
+    void pushRow(Velta::detail::Attachment* att, QueuedEvent::Kind kind, const BaseRow& row) {
+        QueuedEvent& e = append(att).event;
+        e.att = att;
+        e.kind = kind;
+        e.row = row;
+    }
+    // Removes and returns the oldest event of the receiver of the pick-th event (0 = oldest);
+    // pick must be below size().
+    QueuedEvent takeOldestOfReceiverAt(std::size_t pick);
+    // Removes every event for which `pred` is true, keeping the order of the rest.
+    template <class Pred>
+    void removeIf(Pred pred);
+    void clear();
+
+private:
+    static constexpr std::size_t kEnd = ~std::size_t{0};  // a chain's end
+    static constexpr std::size_t kHole = kEnd - 1;        // the link of a hole
+    struct Entry {
+        QueuedEvent event;
+        std::size_t next = kEnd;  // the receiver's next live slot, or kEnd, or kHole
+    };
+    // A receiver's live slots: its oldest and its newest.
+    struct Chain {
+        std::size_t first = kEnd;
+        std::size_t last = kEnd;
+    };
+
+    // A new live slot at the end for `att`, chained and counted, with an empty event.
+    Entry& append(Velta::detail::Attachment* att);
+    // Keeps the live slots for whose event `drop` is false, moved to the front in order, and chains
+    // and counts them again.
+    template <class Pred>
+    void compact(Pred drop);
+    // Chains and counts every slot from scratch, once there are no holes.
+    void relink();
+    // The count tree from the live slots, in time linear in capacity_.
+    void recount();
+    // The slot of the pick-th live event (0 = oldest).
+    std::size_t slotOf(std::size_t pick) const noexcept;
+
+    std::vector<Entry> entries_;
+    std::vector<std::size_t> tree_;  // Fenwick tree, 1-based: tree_[i] counts (i - lowbit(i), i]
+    absl::flat_hash_map<const Velta::detail::Attachment*, Chain> chains_;
+    std::size_t capacity_ = 0;  // a power of two once slots exist
+    std::size_t size_ = 0;
+};
+
+template <class Pred>
+void SeededEventQueue::removeIf(Pred pred) {
+    compact(pred);
+}
+
+template <class Pred>
+void SeededEventQueue::compact(Pred drop) {
+    std::size_t out = 0;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        Entry& e = entries_[i];
+        if (e.next == kHole || drop(e.event)) continue;
+        if (out != i) entries_[out].event = std::move(e.event);
+        entries_[out++].next = kEnd;
+    }
+    entries_.resize(out);
+    size_ = out;
+    relink();
 }
 
 class AgentHandle;
@@ -605,7 +693,10 @@ public:
     // State shared with the Database facade. Slots stay where they are while they exist
     // (attachments point to them).
     absl::node_hash_map<std::string, Velta::detail::Slot> slots;
+    // Events waiting for delivery: in `queue` without a delivery seed, in `seededQueue` with one;
+    // the other stays empty.
     EventQueue queue;
+    SeededEventQueue seededQueue;
     std::vector<HostCall> calls;
     std::vector<QueryInfo> queries;
     EventListener* listener = nullptr;
@@ -619,6 +710,10 @@ private:
     // and calls the lookahead hook for the row event kHookAhead places on, whose data was fetched
     // kRowAhead - kHookAhead deliveries ago.
     void lookAhead() noexcept;
+    // The next event to deliver without a seed: the oldest, after the look ahead.
+    QueuedEvent takeNext();
+    // The next event to deliver under the seed, drawn by the seeded generator.
+    QueuedEvent takeSeeded();
     void push(QueuedEvent&& e);
     void deliver(QueuedEvent& e);
     void controlSubscriptionAdded(const BaseRow& row);

@@ -419,21 +419,93 @@ void EventQueue::grow() {
 
 void EventQueue::push(QueuedEvent&& e) { append() = std::move(e); }
 
-QueuedEvent EventQueue::take(std::size_t i) {
-    QueuedEvent e = std::move(at(i));
-    if (i == 0) {
-        head_ = (head_ + 1) & mask_;
-    } else {
-        for (std::size_t j = i; j + 1 < size_; ++j) at(j) = std::move(at(j + 1));
-        at(size_ - 1) = QueuedEvent{};
-    }
-    --size_;
-    return e;
-}
-
 void EventQueue::clear() {
     for (std::size_t i = 0; i < size_; ++i) at(i) = QueuedEvent{};
     head_ = 0;
+    size_ = 0;
+}
+
+SeededEventQueue::Entry& SeededEventQueue::append(Velta::detail::Attachment* att) {
+    if (entries_.size() == capacity_) {
+        if (capacity_ != 0 && size_ <= capacity_ / 2) {
+            compact([](const QueuedEvent&) { return false; });
+        } else {
+            capacity_ = capacity_ == 0 ? 64 : capacity_ * 2;
+            entries_.reserve(capacity_);
+            recount();
+        }
+    }
+    Chain& chain = chains_[att];  // before the slot, which then cannot fail to be chained
+    const std::size_t slot = entries_.size();
+    Entry& e = entries_.emplace_back();
+    if (chain.last == kEnd)
+        chain.first = slot;
+    else
+        entries_[chain.last].next = slot;
+    chain.last = slot;
+    for (std::size_t i = slot + 1; i <= capacity_; i += i & (~i + 1)) ++tree_[i];
+    ++size_;
+    return e;
+}
+
+std::size_t SeededEventQueue::slotOf(std::size_t pick) const noexcept {
+    // Descends the tree to the last position whose prefix holds at most `pick` live slots; the
+    // slot after it is the pick-th.
+    std::size_t pos = 0;
+    std::size_t rest = pick;
+    for (std::size_t step = capacity_; step != 0; step >>= 1) {
+        if (pos + step <= capacity_ && tree_[pos + step] <= rest) {
+            pos += step;
+            rest -= tree_[pos];
+        }
+    }
+    return pos;
+}
+
+QueuedEvent SeededEventQueue::takeOldestOfReceiverAt(std::size_t pick) {
+    const auto chain = chains_.find(entries_[slotOf(pick)].event.att);
+    const std::size_t slot = chain->second.first;
+    Entry& e = entries_[slot];
+    if (e.next == kEnd)
+        chains_.erase(chain);
+    else
+        chain->second.first = e.next;
+    e.next = kHole;
+    for (std::size_t i = slot + 1; i <= capacity_; i += i & (~i + 1)) --tree_[i];
+    QueuedEvent taken = std::move(e.event);
+    e.event.att = nullptr;
+    e.event.kind = QueuedEvent::Kind::task;
+    if (--size_ == 0) entries_.clear();  // all holes: the slots start again from the first
+    return taken;
+}
+
+void SeededEventQueue::relink() {
+    chains_.clear();
+    for (std::size_t slot = 0; slot < entries_.size(); ++slot) {
+        Chain& chain = chains_[entries_[slot].event.att];
+        if (chain.last == kEnd)
+            chain.first = slot;
+        else
+            entries_[chain.last].next = slot;
+        chain.last = slot;
+    }
+    recount();
+}
+
+void SeededEventQueue::recount() {
+    tree_.assign(capacity_ + 1, 0);
+    for (std::size_t slot = 0; slot < entries_.size(); ++slot)
+        if (entries_[slot].next != kHole) tree_[slot + 1] = 1;
+    for (std::size_t i = 1; i <= capacity_; ++i) {
+        const std::size_t parent = i + (i & (~i + 1));
+        if (parent <= capacity_) tree_[parent] += tree_[i];
+    }
+}
+
+void SeededEventQueue::clear() {
+    entries_.clear();
+    chains_.clear();
+    tree_.assign(tree_.size(), 0);
     size_ = 0;
 }
 
