@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -50,48 +49,33 @@ struct ExtraColumn {
 std::vector<std::string> formatTable(const Velta::RowType& type, const std::vector<Velta::BaseRow>& rows,
                                      const ExtraColumn& extra = {});
 
-// Keeps kDiffContext matched ("  ") lines on each side of a change and counts the others in one
-// "  ... N more as expected" line, so that one wrong row among thousands reads as a few lines.
-inline constexpr std::size_t kDiffContext = 3;
-inline std::vector<std::string> collapseMatched(std::vector<std::string> lines) {
-    std::vector<std::string> kept;
-    for (std::size_t i = 0; i < lines.size();) {
-        std::size_t end = i;
-        while (end < lines.size() && lines[end].starts_with("  ")) ++end;
-        // Matched lines [i, end): context for the change before them and for the change after them.
-        const std::size_t head = i == 0 ? 0 : std::min(kDiffContext, end - i);
-        const std::size_t tail = end == lines.size() ? 0 : std::min(kDiffContext, end - i - head);
-        if (end - i > head + tail + 1) {
-            std::move(lines.begin() + i, lines.begin() + i + head, std::back_inserter(kept));
-            kept.push_back("  ... " + std::to_string(end - i - head - tail) + " more as expected");
-            std::move(lines.begin() + (end - tail), lines.begin() + end, std::back_inserter(kept));
-        } else {
-            std::move(lines.begin() + i, lines.begin() + end, std::back_inserter(kept));
-        }
-        for (i = end; i < lines.size() && !lines[i].starts_with("  "); ++i)
-            kept.push_back(std::move(lines[i]));
-    }
-    return kept;
-}
-
 // The lines of a diff between `expected` items and `found` items under `same`: a longest common
-// subsequence is shown as "  " lines (collapsed by collapseMatched), the rest as "- " (expected,
-// missing) and "+ " (found, extra).
-// The common ends are matched as they stand (part of some longest common subsequence whatever
-// `same` is), so one wrong row among many costs time in proportion to the rows; a differing middle
-// too large to align (more than kMaxDiffCells pairs) is shown whole, expected then found.
+// subsequence is shown as "  " lines, the rest as "- " (expected, missing) and "+ " (found, extra).
+// Of a run of matched items, kDiffContext are shown on each side of a change and the others counted
+// in one "  ... N more as expected" line (and never formatted), so that one wrong row among
+// thousands reads as a few lines. The common ends are matched as they stand (part of some longest
+// common subsequence whatever `same` is), so such a diff costs time in proportion to the items; a
+// differing middle too large to align (more than kMaxDiffCells pairs) is shown whole, expected then
+// found.
+inline constexpr std::size_t kDiffContext = 3;
 inline constexpr std::size_t kMaxDiffCells = std::size_t{1} << 22;
 template <class Expected, class Found, class Same, class ShowExpected, class ShowFound>
 std::vector<std::string> diffLines(const std::vector<Expected>& expected, const std::vector<Found>& found,
                                    Same same, ShowExpected showExpected, ShowFound showFound) {
+    // The diff as steps: ' ' an expected item matched by a found one, '-' an expected one missing,
+    // '+' a found one extra; `found` indexes the found item of a ' ' or '+' step.
+    struct Step {
+        char mark;
+        std::size_t expected, found;
+    };
+    std::vector<Step> steps;
     std::size_t begin = 0, n = expected.size(), m = found.size();
     while (begin < n && begin < m && same(expected[begin], found[begin])) ++begin;
     while (n > begin && m > begin && same(expected[n - 1], found[m - 1])) {
         --n;
         --m;
     }
-    std::vector<std::string> lines;
-    for (std::size_t k = 0; k < begin; ++k) lines.push_back("  " + showFound(found[k]));
+    for (std::size_t k = 0; k < begin; ++k) steps.push_back({' ', k, k});
     const std::size_t rows = n - begin + 1, columns = m - begin + 1;
     if (rows * columns <= kMaxDiffCells) {
         // lcs(i, j): the longest common subsequence of expected[i..n) and found[j..m).
@@ -105,24 +89,38 @@ std::vector<std::string> diffLines(const std::vector<Expected>& expected, const 
                                                         : std::max(lcs(i + 1, j), lcs(i, j + 1));
         std::size_t i = begin, j = begin;
         while (i < n || j < m) {
-            if (i < n && j < m && same(expected[i], found[j]) && lcs(i, j) == lcs(i + 1, j + 1) + 1) {
-                lines.push_back("  " + showFound(found[j]));
-                ++i;
-                ++j;
-            } else if (i < n && (j == m || lcs(i + 1, j) >= lcs(i, j + 1))) {
-                lines.push_back("- " + showExpected(expected[i]));
-                ++i;
-            } else {
-                lines.push_back("+ " + showFound(found[j]));
-                ++j;
-            }
+            if (i < n && j < m && same(expected[i], found[j]) && lcs(i, j) == lcs(i + 1, j + 1) + 1)
+                steps.push_back({' ', i++, j++});
+            else if (i < n && (j == m || lcs(i + 1, j) >= lcs(i, j + 1)))
+                steps.push_back({'-', i++, j});
+            else
+                steps.push_back({'+', i, j++});
         }
     } else {
-        for (std::size_t i = begin; i < n; ++i) lines.push_back("- " + showExpected(expected[i]));
-        for (std::size_t j = begin; j < m; ++j) lines.push_back("+ " + showFound(found[j]));
+        for (std::size_t i = begin; i < n; ++i) steps.push_back({'-', i, m});
+        for (std::size_t j = begin; j < m; ++j) steps.push_back({'+', n, j});
     }
-    for (std::size_t k = 0; k < expected.size() - n; ++k) lines.push_back("  " + showFound(found[m + k]));
-    return collapseMatched(std::move(lines));
+    for (std::size_t k = 0; k < expected.size() - n; ++k) steps.push_back({' ', n + k, m + k});
+
+    std::vector<std::string> lines;
+    for (std::size_t i = 0; i < steps.size();) {
+        std::size_t end = i;
+        while (end < steps.size() && steps[end].mark == ' ') ++end;
+        // Matched steps [i, end): context for the change before them and for the change after them.
+        const std::size_t head = i == 0 ? 0 : std::min(kDiffContext, end - i);
+        const std::size_t tail = end == steps.size() ? 0 : std::min(kDiffContext, end - i - head);
+        const bool collapse = end - i > head + tail + 1;
+        for (std::size_t k = i; k < end; ++k) {
+            if (collapse && k == i + head)
+                lines.push_back("  ... " + std::to_string(end - i - head - tail) + " more as expected");
+            if (!collapse || k < i + head || k >= end - tail)
+                lines.push_back("  " + showFound(found[steps[k].found]));
+        }
+        for (i = end; i < steps.size() && steps[i].mark != ' '; ++i)
+            lines.push_back(steps[i].mark == '-' ? "- " + showExpected(expected[steps[i].expected])
+                                                 : "+ " + showFound(found[steps[i].found]));
+    }
+    return lines;
 }
 
 }  // namespace VeltaSim
