@@ -496,7 +496,6 @@ void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& t
     q.name = name;
     const std::size_t index = queries.size();
     queries.push_back(std::move(q));
-    completionQueued_.push_back(!options.manualQueries);
     completions_[index] = PendingCompletion{handle.id(), std::move(done)};
     if (options.manualQueries) {
         awaitingByText_[text].push_back(index);
@@ -531,7 +530,6 @@ bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::
     }
     const std::size_t i = indexes.front();
     indexes.pop_front();
-    completionQueued_[i] = true;
     queueTask("completeQuery", text, [this, i, ok, error] { finishQuery(i, ok, error); });
     return true;
 }

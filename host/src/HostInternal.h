@@ -738,7 +738,6 @@ private:
     unsigned queryIds_ = 0;
     std::set<std::string, std::less<>> inFlight_;           // registrations on their way
     std::map<std::size_t, PendingCompletion> completions_;  // by index in queries
-    std::vector<bool> completionQueued_;                    // by index in queries
     // Under manual queries, the queries of each text not yet handed to completeQuery, oldest first
     // (those whose definer has gone are dropped when met).
     absl::flat_hash_map<std::string, std::deque<std::size_t>> awaitingByText_;
