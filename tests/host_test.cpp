@@ -600,6 +600,7 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     gone->defineQuery("SHOW tables", 9, {}, done("g"), false, "");
     gone.reset();  // its completion goes with it
     agent->removeQuery("q1");
+    db_->queriesClear();  // all three wait for their turn: none is forgotten
     EXPECT_EQ(run(), 3u);
     EXPECT_EQ(outcomes, (std::vector<std::string>{"a 1 1 ", "b 0 0 No such table: data/missing"}));
     EXPECT_EQ(db_->queries()[1].state, Host::QueryInfo::State::failed);
@@ -628,9 +629,12 @@ TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {
     run();
     EXPECT_EQ(db_->queries()[1].state, Host::QueryInfo::State::completed);  // each call took its own
     EXPECT_EQ(db_->queries()[2].state, Host::QueryInfo::State::pending);
+    db_->queriesClear();  // k1 and l1 are answered and go; k2 still waits
+    ASSERT_EQ(db_->queries().size(), 1u);
     EXPECT_TRUE(db_->completeQuery("SELECT 1 FROM nowhere", true));
     run();
     EXPECT_EQ(outcomes, (std::vector<std::string>{"k1 0 0 refused", "k2 1 2 "}));
+    EXPECT_EQ(db_->queries()[0].state, Host::QueryInfo::State::completed);
 }
 
 // A value that counts how often it is formatted.

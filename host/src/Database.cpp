@@ -425,7 +425,7 @@ void Database::Impl::deliver(QueuedEvent& e) {
 void Database::Impl::handleGone(std::uint64_t handle) {
     std::erase_if(completions_, [this, handle](const auto& entry) {
         if (entry.second.handle != handle) return false;
-        queries[entry.first].definerGone = true;
+        query(entry.first).definerGone = true;
         return true;
     });
 }
@@ -494,7 +494,7 @@ void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& t
     q.typeId = typeId;
     q.standing = standing;
     q.name = name;
-    const std::size_t index = queries.size();
+    const std::size_t index = queryBase_ + queries.size();
     queries.push_back(std::move(q));
     completions_[index] = PendingCompletion{handle.id(), std::move(done)};
     if (options.manualQueries) {
@@ -502,7 +502,7 @@ void Database::Impl::defineQuery(const AgentHandle& handle, const std::string& t
         return;
     }
     queueTask("query", text, [this, index] {
-        const std::string table = fromTable(queries[index].text);
+        const std::string table = fromTable(query(index).text);
         const Slot* slot = table.empty() ? nullptr : findSlot(table);
         if (!table.empty() && (slot == nullptr || !slot->table))
             finishQuery(index, false, "No such table: " + table);
@@ -523,7 +523,7 @@ bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::
     const auto awaiting = awaitingByText_.find(text);
     if (awaiting == awaitingByText_.end()) return false;
     std::deque<std::size_t>& indexes = awaiting->second;
-    while (!indexes.empty() && queries[indexes.front()].definerGone) indexes.pop_front();
+    while (!indexes.empty() && query(indexes.front()).definerGone) indexes.pop_front();
     if (indexes.empty()) {
         awaitingByText_.erase(awaiting);
         return false;
@@ -534,8 +534,16 @@ bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::
     return true;
 }
 
+void Database::Impl::queriesClear() {
+    const auto firstPending = std::find_if(queries.begin(), queries.end(), [](const QueryInfo& q) {
+        return q.state == QueryInfo::State::pending;
+    });
+    queryBase_ += static_cast<std::size_t>(firstPending - queries.begin());
+    queries.erase(queries.begin(), firstPending);
+}
+
 void Database::Impl::finishQuery(std::size_t index, bool ok, const std::string& error) {
-    QueryInfo& q = queries[index];
+    QueryInfo& q = query(index);
     q.state = ok ? QueryInfo::State::completed : QueryInfo::State::failed;
     q.id = ok ? ++queryIds_ : 0;
     q.error = ok ? std::string() : error;
@@ -777,6 +785,8 @@ void Database::clockAdvance(std::uint64_t amount) noexcept { impl_->clock += amo
 const std::vector<HostCall>& Database::calls() const noexcept { return impl_->calls; }
 
 void Database::callsClear() { impl_->calls.clear(); }
+
+void Database::queriesClear() { impl_->queriesClear(); }
 
 const std::vector<QueryInfo>& Database::queries() const noexcept { return impl_->queries; }
 

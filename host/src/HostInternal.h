@@ -676,6 +676,7 @@ public:
                      const std::string& name);
     void removeQuery(const AgentHandle& handle, const std::string& name);
     bool completeQuery(const std::string& text, bool ok, const std::string& error);
+    void queriesClear();
     veMetadata::veTable tableInfo(const std::string& path) const;
     veMetadata::veTable tableInfo(unsigned oid) const;
     // The row with `key`'s key in `index` of the table at `path`, or an empty row.
@@ -737,7 +738,10 @@ private:
     std::uint64_t handleIds_ = 0;
     unsigned queryIds_ = 0;
     std::set<std::string, std::less<>> inFlight_;           // registrations on their way
-    std::map<std::size_t, PendingCompletion> completions_;  // by index in queries
+    std::map<std::size_t, PendingCompletion> completions_;  // by query number
+    // The number of the first query in `queries`: the ones before it were forgotten, none pending.
+    std::size_t queryBase_ = 0;
+    QueryInfo& query(std::size_t number) { return queries[number - queryBase_]; }
     // Under manual queries, the queries of each text not yet handed to completeQuery, oldest first
     // (those whose definer has gone are dropped when met).
     absl::flat_hash_map<std::string, std::deque<std::size_t>> awaitingByText_;

@@ -227,7 +227,11 @@ public:
     // Host calls with lasting effect, in order.
     const std::vector<HostCall>& calls() const noexcept;
     void callsClear();
+    // The queries defined, oldest first, from the first one queriesClear() kept.
     const std::vector<QueryInfo>& queries() const noexcept;
+    // Forgets the queries that completed or failed, up to the first still pending (which its
+    // completion needs), so that a long run's history stays bounded.
+    void queriesClear();
     // Completes the oldest pending query with `text` whose definer is still there; false if none.
     // The completion is queued behind what is already queued and runs when delivery reaches it.
     bool completeQuery(const std::string& text, bool ok, const std::string& error = "");
