@@ -585,6 +585,10 @@ private:
         std::size_t last = kEnd;
     };
 
+    // Appends `slot` (after every slot already on it) to a receiver's chain.
+    void link(Chain& chain, std::size_t slot) noexcept;
+    // Adds `delta` (+1 or -1) to the count tree for `slot`.
+    void count(std::size_t slot, int delta) noexcept;
     // A new live slot at the end for `att`, chained and counted, with an empty event.
     Entry& append(Velta::detail::Attachment* att);
     // Keeps the live slots for whose event `drop` is false, moved to the front in order, and chains

@@ -425,6 +425,19 @@ void EventQueue::clear() {
     size_ = 0;
 }
 
+void SeededEventQueue::link(Chain& chain, std::size_t slot) noexcept {
+    if (chain.last == kEnd)
+        chain.first = slot;
+    else
+        entries_[chain.last].next = slot;
+    chain.last = slot;
+}
+
+void SeededEventQueue::count(std::size_t slot, int delta) noexcept {
+    for (std::size_t i = slot + 1; i <= capacity_; i += i & (~i + 1))
+        tree_[i] += static_cast<std::size_t>(delta);
+}
+
 SeededEventQueue::Entry& SeededEventQueue::append(Velta::detail::Attachment* att) {
     if (entries_.size() == capacity_) {
         if (capacity_ != 0 && size_ <= capacity_ / 2) {
@@ -438,12 +451,8 @@ SeededEventQueue::Entry& SeededEventQueue::append(Velta::detail::Attachment* att
     Chain& chain = chains_[att];  // before the slot, which then cannot fail to be chained
     const std::size_t slot = entries_.size();
     Entry& e = entries_.emplace_back();
-    if (chain.last == kEnd)
-        chain.first = slot;
-    else
-        entries_[chain.last].next = slot;
-    chain.last = slot;
-    for (std::size_t i = slot + 1; i <= capacity_; i += i & (~i + 1)) ++tree_[i];
+    link(chain, slot);
+    count(slot, +1);
     ++size_;
     return e;
 }
@@ -471,7 +480,7 @@ QueuedEvent SeededEventQueue::takeOldestOfReceiverAt(std::size_t pick) {
     else
         chain->second.first = e.next;
     e.next = kHole;
-    for (std::size_t i = slot + 1; i <= capacity_; i += i & (~i + 1)) --tree_[i];
+    count(slot, -1);
     QueuedEvent taken = std::move(e.event);
     e.event.att = nullptr;
     e.event.kind = QueuedEvent::Kind::task;
@@ -482,12 +491,7 @@ QueuedEvent SeededEventQueue::takeOldestOfReceiverAt(std::size_t pick) {
 void SeededEventQueue::relink() {
     chains_.clear();
     for (std::size_t slot = 0; slot < entries_.size(); ++slot) {
-        Chain& chain = chains_[entries_[slot].event.att];
-        if (chain.last == kEnd)
-            chain.first = slot;
-        else
-            entries_[chain.last].next = slot;
-        chain.last = slot;
+        link(chains_[entries_[slot].event.att], slot);
     }
     recount();
 }
