@@ -34,6 +34,10 @@ namespace VeltaSim {
 
 namespace {
 
+// How a child that ran to its end says that its leak check found memory nothing refers to.
+constexpr int kLeakStatus = 3;
+constexpr const char* kLeakMessage = "memory leaked in the run";
+
 // The child's records: a kind byte, a 4-byte length, the payload.
 enum : char { kSeed = 'R', kStep = 'S', kFailure = 'F', kView = 'V', kEnd = 'E' };
 
@@ -110,7 +114,7 @@ struct Child {
 };
 
 // Runs `body(fd)` in a child process and collects what it streams and writes to standard error.
-// The child ends with status 0, or 3 when a requested leak check found leaks.
+// The child ends with status 0, or kLeakStatus when a requested leak check found leaks.
 Child spawn(const std::function<void(int)>& body, bool leakCheck) {
     Child child;
     int resultPipe[2];
@@ -140,7 +144,7 @@ Child spawn(const std::function<void(int)>& body, bool leakCheck) {
         body(resultPipe[1]);
         int status = 0;
 #ifdef VELTA_SIM_LEAK_CHECK
-        if (leakCheck && __lsan_do_recoverable_leak_check() != 0) status = 3;
+        if (leakCheck && __lsan_do_recoverable_leak_check() != 0) status = kLeakStatus;
 #else
         (void)leakCheck;
 #endif
@@ -241,6 +245,8 @@ void judgeEnd(const Scenario& scenario, Outcome& outcome, const Child& child, st
     } else if (WIFSIGNALED(status)) {
         addFailure(scenario, outcome, lastStep, "the run ended with " + signalName(WTERMSIG(status)),
                    lines(child.errors, 40));
+    } else if (ended && WEXITSTATUS(status) == kLeakStatus) {
+        addFailure(scenario, outcome, lastStep, kLeakMessage, lines(child.errors, 40));
     } else if (!ended || WEXITSTATUS(status) != 0) {
         addFailure(scenario, outcome, lastStep,
                    "the run ended unexpectedly with exit status " + std::to_string(WEXITSTATUS(status)),
@@ -330,7 +336,7 @@ std::vector<SeedOutcome> runSeeds(const Scenario& scenario, const RunOptions& op
                     runStreamed(scenario, seeded, fd);
                 }
             },
-            false);
+            options.leakCheck);
         if (!child.started) {
             SeedOutcome failed{from, {}};
             addFailure(scenario, failed.outcome, 0,
@@ -379,6 +385,18 @@ std::vector<SeedOutcome> runSeeds(const Scenario& scenario, const RunOptions& op
             outcomes.push_back(std::move(failed));
         } else {
             next = 0;
+        }
+        if (!open && WIFEXITED(child.status) && WEXITSTATUS(child.status) == kLeakStatus) {
+            // One check at the end of a child serves all its seeds while none leaks; when one did,
+            // each of them runs again alone with its own check, to say which.
+            for (SeedOutcome& run : outcomes) {
+                if (run.seed < from) continue;
+                seeded.shuffleSeed = run.seed;
+                Outcome alone = runIsolated(scenario, seeded, true);
+                for (Failure& f : alone.failures)
+                    if (f.message == kLeakMessage) run.outcome.failures.push_back(std::move(f));
+                run.outcome.passed = run.outcome.failures.empty();
+            }
         }
     }
     return outcomes;

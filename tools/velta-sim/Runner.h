@@ -33,7 +33,8 @@ struct RunOptions {
     bool timeline = false;          // view: every delivery with the changes it made
     bool dump = false;              // view: every non-empty table at the end
     // In a child run of a sanitizer build: look for leaks before the child ends (a leak fails
-    // the run). Costly; reruns of a scenario in other delivery orders leave it off.
+    // the run). Reruns in other delivery orders check once per child and, only when that finds
+    // a leak, each seed again on its own.
     bool leakCheck = true;
     // Called with each failure as soon as it is found, and with each piece of view text.
     std::function<void(const Failure&)> onFailure;

@@ -59,7 +59,6 @@ int runCommand(const Settings& settings) {
         report.outcome = VeltaSim::runIsolated(scenario, options, !settings.noFork);
 
         VeltaSim::RunOptions quiet;
-        quiet.leakCheck = false;
         if (settings.shuffle > 0) {
             for (const VeltaSim::SeedOutcome& run :
                  VeltaSim::runSeeds(scenario, quiet, 1, settings.shuffle, !settings.noFork)) {
