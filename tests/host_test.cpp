@@ -63,6 +63,34 @@ TEST_F(HostRows, CopyOnWriteConversionPrintingAndEquality) {
     EXPECT_FALSE(a.equals(makeRow(pairType(), {{"group", "g"}, {"tags", {"x"}}})));
     EXPECT_FALSE(a.equals(BaseRow()));
     EXPECT_FALSE(makeRow(wide, {}).equals(makeRow(pairType(), {})));
+
+    // A generic read of a field of another kind, or past the fields, reads zero or empty: each kind
+    // has its own array, and slot 0 of another holds some other field.
+    const BaseRow full = makeRow(pairType(), {{"oid", 5}, {"group", "g"}, {"tags", {"x"}}});
+    EXPECT_EQ(full.number(1), 0u);
+    EXPECT_EQ(full.string(3), "");
+    EXPECT_TRUE(full.strings(1).empty());
+    EXPECT_EQ(full.number(6) + full.string(6).size() + full.strings(6).size(), 0u);
+}
+
+TEST(HostRowsDeathTest, SettersOfAnotherKindAndThrowingListenersEndTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    BaseRow row = makeRow(pairType(), {});
+    EXPECT_DEATH(row.stringIs(3, "x"), "stringIs");  // tags is a list: strings[3] does not exist
+    EXPECT_DEATH(row.numberIs(1, 7), "numberIs");    // group is a string
+    // A listener's hook runs in the middle of the host's bookkeeping: a throw must not leave a
+    // control row without its publication behind.
+    struct Throwing : Host::EventListener {
+        void onWrite(const std::string&, const BaseRow&) override { throw std::runtime_error("listener"); }
+    };
+    EXPECT_DEATH(
+        {
+            const auto db = Host::Database::create();
+            Throwing listener;
+            db->listenerIs(&listener);
+            db->write("test/rows", row);
+        },
+        "listener");
 }
 
 TEST_F(HostRows, TypeRegistryClassesAndRowOps) {
@@ -366,11 +394,25 @@ TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
                                               line("o", "row", "b"), line("o", "delete", "a"), "late ready",
                                               line("o", "row", "nested"), line("late", "row", "nested")}));
 
-    // A callback that throws stops the loop with its exception; the loop goes on delivering afterwards.
+    // A callback that throws stops the loop with its exception, its delivery still ends for the
+    // listener and the run is judged unsettled; the loop goes on delivering afterwards.
+    Host::EventLog thrown;
+    db_->listenerIs(&thrown);
     onEvent_["o"] = [](const std::string&, const BaseRow&) { throw std::runtime_error("callback failed"); };
     db_->write(kEvents, ev("c"));
     EXPECT_THROW(db_->runUntilIdle(), std::runtime_error);
-    EXPECT_EQ(run(), 1u);
+    EXPECT_FALSE(db_->settled());
+    db_->write(kEvents, ev("c2"));
+    std::vector<std::pair<Host::EventLog::Entry::Kind, std::size_t>> depths;
+    for (const Host::EventLog::Entry& e : thrown.entries()) depths.emplace_back(e.kind, e.depth);
+    using Kind = Host::EventLog::Entry::Kind;
+    EXPECT_EQ(depths,
+              (decltype(depths){
+                  {Kind::write, 0}, {Kind::deliveryBegin, 0}, {Kind::deliveryEnd, 0}, {Kind::write, 0}}));
+    db_->listenerIs(nullptr);
+    onEvent_["o"] = {};
+    EXPECT_EQ(run(), 3u);
+    EXPECT_TRUE(db_->settled());
 
     // An interface bound again leaves its first table at once, with all it had queued from there.
     onEvent_["o"] = {};

@@ -130,7 +130,7 @@ bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::str
                                  unsigned oid) {
     if (slot.table) return false;
     slot.table = std::make_shared<TableState>(type, slot.path);
-    if (listener != nullptr) listener->onTableCreated(slot.path);
+    tell([&](EventListener& l) { l.onTableCreated(slot.path); });
     if (Slot* meta = findSlot(kVeTablePath); meta != nullptr && meta->table) {
         veMetadata::veTable row;
         row.oidIs(oid);
@@ -164,7 +164,7 @@ bool Database::Impl::dropTable(const std::string& path) {
         for (const Velta::detail::OrderKey& key : table->primary())
             controlSubscriptionRemoved(table->oidOf(*table->rowAt(key)));
     table->clear();  // positions still holding the table now see it empty
-    if (listener != nullptr) listener->onTableDropped(path);
+    tell([&](EventListener& l) { l.onTableDropped(path); });
     if (Slot* meta = findSlot(kVeTablePath); meta != nullptr && meta->table) {
         veMetadata::veTable key;
         key.tablePathIs(path);
@@ -192,7 +192,7 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
         added = !replacedOid;
     }
     notify(slot, QueuedEvent::Kind::row, *target);
-    if (listener != nullptr) listener->onWrite(slot.path, *target);
+    tell([&](EventListener& l) { l.onWrite(slot.path, *target); });
     const bool publishes = slot.controlSubscriptions && options.autoPublish;
     if (publishes && added) controlSubscriptionAdded(*target);
     // A rewrite under another oid: the row the publication answered is gone as far as it goes.
@@ -234,7 +234,7 @@ bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
                                                                      : t.remove(*key.as(t.type()).data()));
     if (removed.empty()) return false;
     notify(slot, QueuedEvent::Kind::rowDelete, removed);
-    if (listener != nullptr) listener->onDelete(slot.path, removed);
+    tell([&](EventListener& l) { l.onDelete(slot.path, removed); });
     if (slot.controlSubscriptions && options.autoPublish) controlSubscriptionRemoved(oidOf(removed));
     return true;
 }
@@ -394,17 +394,26 @@ void Database::Impl::lookAhead() noexcept {
 }
 
 void Database::Impl::deliver(QueuedEvent& e) {
+    // The listener hears of the delivery's end however the callback ends, a throw included, so that
+    // its begins and ends stay paired.
+    struct End {
+        EventListener* l;
+        ~End() {
+            if (l != nullptr) l->onDeliveryEnd();
+        }
+    };
     EventListener* const l = listener;
     if (e.att == nullptr) {
         if (l != nullptr)
             l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what());
+        const End end{l};
         if (e.task->run) e.task->run();
-        if (l != nullptr) l->onDeliveryEnd();
         return;
     }
     VeTableInterface& iface = *e.att->iface;
     static const std::string kNoWhat;
     if (l != nullptr) l->onDeliveryBegin(deliveryOf(e.kind), &iface, e.row, kNoWhat);
+    const End end{l};
     switch (e.kind) {
         case QueuedEvent::Kind::ready:
             HostAccess::readyIs(iface);
@@ -419,7 +428,6 @@ void Database::Impl::deliver(QueuedEvent& e) {
         case QueuedEvent::Kind::task:
             break;
     }
-    if (l != nullptr) l->onDeliveryEnd();
 }
 
 void Database::Impl::handleGone(std::uint64_t handle) {
@@ -435,7 +443,7 @@ void Database::Impl::handleGone(std::uint64_t handle) {
 
 void Database::Impl::logCall(HostCall call) {
     calls.push_back(std::move(call));
-    if (listener != nullptr) listener->onHostCall(calls.back());
+    tell([&](EventListener& l) { l.onHostCall(calls.back()); });
 }
 
 void Database::Impl::registerTable(const AgentHandle& handle, const std::string& path,
@@ -705,10 +713,14 @@ VeltaDB::p_t Database::connect(const AgentOptions& options) {
 
 std::size_t Database::runUntilIdle() {
     if (impl_->delivering) return 0;  // never deliver from inside a callback
+    // Judged however the run ends, a callback's throw included.
+    struct Settle {
+        Impl& impl;
+        ~Settle() { impl.settled = impl.queue.empty() && impl.seededQueue.empty(); }
+    } const settle{*impl_};
     std::size_t n = 0;
     const std::size_t bound = impl_->options.deliveryBound;
     while (n < bound && impl_->runOne()) ++n;
-    impl_->settled = impl_->queue.empty() && impl_->seededQueue.empty();
     return n;
 }
 

@@ -339,9 +339,9 @@ public:
     // Stores `row` (of the table's type, final oid) at a located spot: in place when the key
     // exists (the replaced row is retired), inserted otherwise. Touches index 1 only when the row
     // is new or its oid changed.
-    void put(const Spot& spot, const BaseRow& row) { store(spot, retainRow(row.data())); }
+    void put(const Spot& spot, const BaseRow& row) noexcept { store(spot, retainRow(row.data())); }
     // Removes the row with `key`'s primary key and returns it with the table's reference, or null.
-    RowData* remove(const RowData& key);
+    RowData* remove(const RowData& key) noexcept;
     // Removes everything (the table is being dropped).
     void clear();
 
@@ -360,7 +360,7 @@ public:
     // Takes `row` (of the table's type) to be stored when anything next reads or changes the
     // table, or when kPending writes wait, and fetches its hash-index entry meanwhile: a producer's
     // writes then wait for memory together instead of one after another.
-    void defer(const RowData& row);
+    void defer(const RowData& row) noexcept;
 
 private:
     // hashKey of a key, inline for a key of one number field (the prefix is that number).
@@ -373,15 +373,16 @@ private:
 
     // Stores the waiting writes, oldest first; every accessor calls it before it reads.
     // (Tables are never const objects: the const accessors may store them.)
-    void settle() const {
+    void settle() const noexcept {
         if (pendingCount_ != 0) const_cast<TableState*>(this)->storePending();
     }
-    void storePending();
-    void storeOldest();
+    void storePending() noexcept;
+    void storeOldest() noexcept;
     // locate() for a key whose hash is known, without storing the pending writes.
     Spot spotOf(std::uint64_t hash, const RowData& key);
-    // put() for a row whose reference passes to the table.
-    void store(const Spot& spot, RowData* row);
+    // put() for a row whose reference passes to the table. Its hash entry and its index entries go
+    // in together or the process ends: a table whose indexes disagree is never left to be read.
+    void store(const Spot& spot, RowData* row) noexcept;
 
     static constexpr unsigned kPending = 8;
     struct PendingWrite {
@@ -705,6 +706,12 @@ public:
     std::vector<HostCall> calls;
     std::vector<QueryInfo> queries;
     EventListener* listener = nullptr;
+    // Tells the listener, if any, what `hook` reports. The host is in the middle of its own
+    // bookkeeping then, so a hook that throws ends the process here instead of leaving it half done.
+    template <class Hook>
+    void tell(const Hook& hook) const noexcept {
+        if (listener != nullptr) hook(*listener);
+    }
     std::uint64_t clock = 0;
     bool settled = true;
     bool delivering = false;  // a callback is running: running the loop from it does nothing

@@ -152,8 +152,19 @@ RowData* RowData::copy(const RowData& other) {
     RowData* d = allocate(type);
     if (type.numberCount() != 0)
         std::memcpy(d->numbers, other.numbers, type.numberCount() * sizeof(std::uint64_t));
-    std::uninitialized_copy_n(other.strings, type.stringCount(), d->strings);
-    std::uninitialized_copy_n(other.lists, type.listCount(), d->lists);
+    // A string that cannot be copied leaves nothing behind: the block and the strings copied so far
+    // go with it.
+    std::size_t strings = 0;
+    try {
+        std::uninitialized_copy_n(other.strings, type.stringCount(), d->strings);
+        strings = type.stringCount();
+        std::uninitialized_copy_n(other.lists, type.listCount(), d->lists);
+    } catch (...) {
+        std::destroy_n(d->strings, strings);
+        d->~RowData();
+        ::operator delete(static_cast<void*>(d));
+        throw;
+    }
     return d;
 }
 
@@ -236,31 +247,40 @@ bool BaseRow::equals(const BaseRow& other) const noexcept {
 }
 
 const std::string& BaseRow::string(std::size_t field) const noexcept {
-    return data_ ? data_->string(field) : kEmptyString;
+    return data_ != nullptr && field < data_->type->fields().size() &&
+                   data_->type->fields()[field].kind == FieldKind::string
+               ? data_->string(field)
+               : kEmptyString;
 }
 
 const std::vector<std::string>& BaseRow::strings(std::size_t field) const noexcept {
-    return data_ ? data_->list(field) : kEmptyList;
+    return data_ != nullptr && field < data_->type->fields().size() &&
+                   data_->type->fields()[field].kind == FieldKind::strings
+               ? data_->list(field)
+               : kEmptyList;
 }
 
 void BaseRow::numberIs(std::size_t field, std::uint64_t value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
-                 __PRETTY_FUNCTION__);
+    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size() &&
+                     isNumberKind(data_->type->fields()[field].kind),
+                 __FILE__, __LINE__, __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     const RowType::Field& f = d.type->fields()[field];
     d.numbers[f.slot] = truncateTo(f.kind, value);  // as stored, so every reader sees one value
 }
 
 void BaseRow::stringIs(std::size_t field, std::string value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
-                 __PRETTY_FUNCTION__);
+    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size() &&
+                     data_->type->fields()[field].kind == FieldKind::string,
+                 __FILE__, __LINE__, __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.strings[d.type->fields()[field].slot] = std::move(value);
 }
 
 void BaseRow::stringsIs(std::size_t field, std::vector<std::string> value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size(), __FILE__, __LINE__,
-                 __PRETTY_FUNCTION__);
+    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size() &&
+                     data_->type->fields()[field].kind == FieldKind::strings,
+                 __FILE__, __LINE__, __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.lists[d.type->fields()[field].slot] = std::move(value);
 }

@@ -146,25 +146,25 @@ TableState::Spot TableState::spotOf(std::uint64_t hash, const RowData& key) {
     return {it, hash, it == rows_.end() ? nullptr : it->row};
 }
 
-void TableState::defer(const RowData& row) {
+void TableState::defer(const RowData& row) noexcept {
     if (pendingCount_ == kPending) storeOldest();  // its entry was fetched kPending writes ago
     const std::uint64_t hash = hashOf(row);
     rows_.prefetch(SlotProbe{hash, &row});
     pending_[(pendingFirst_ + pendingCount_++) % kPending] = PendingWrite{hash, retainRow(&row)};
 }
 
-void TableState::storePending() {
+void TableState::storePending() noexcept {
     while (pendingCount_ != 0) storeOldest();
 }
 
-void TableState::storeOldest() {
+void TableState::storeOldest() noexcept {
     const PendingWrite w = pending_[pendingFirst_];
     pendingFirst_ = (pendingFirst_ + 1) % kPending;
     --pendingCount_;
     store(spotOf(w.hash, *w.row), w.row);
 }
 
-void TableState::store(const Spot& spot, RowData* row) {
+void TableState::store(const Spot& spot, RowData* row) noexcept {
     const RowData& data = *row;
     if (spot.stored != nullptr) {
         RowData* old = spot.slot->row;
@@ -189,7 +189,7 @@ void TableState::store(const Spot& spot, RowData* row) {
     if (hasOid_) byOid_.insert(byOid_.end(), OidKey{oidOf(data), key});
 }
 
-RowData* TableState::remove(const RowData& key) {
+RowData* TableState::remove(const RowData& key) noexcept {
     settle();
     const auto it = rows_.find(SlotProbe{hashOf(key), &key});
     if (it == rows_.end()) return nullptr;

@@ -81,6 +81,8 @@ struct RowData {
     static RowData* copy(const RowData& other);
     static void destroy(RowData* data) noexcept;
 
+    // Unchecked reads for the host and the records: `field` is one of the type's fields, of the
+    // accessor's kind (BaseRow's readers check).
     std::uint64_t number(std::size_t field) const noexcept { return numbers[type->fields()[field].slot]; }
     const std::string& string(std::size_t field) const noexcept {
         return strings[type->fields()[field].slot];
@@ -132,11 +134,17 @@ public:
     // Field-by-field equality of type and values (empty equals empty).
     bool equals(const BaseRow& other) const noexcept;
 
-    // Generic access by field index of rowType(); an empty row reads zero, false or empty.
-    std::uint64_t number(std::size_t field) const noexcept { return data_ ? data_->number(field) : 0; }
+    // Generic access by field index of rowType(). An empty row, an index past the type's fields
+    // and a field of another kind read zero, false or empty.
+    std::uint64_t number(std::size_t field) const noexcept {
+        if (data_ == nullptr || field >= data_->type->fields().size()) return 0;
+        const RowType::Field& f = data_->type->fields()[field];
+        return isNumberKind(f.kind) ? data_->numbers[f.slot] : 0;
+    }
     const std::string& string(std::size_t field) const noexcept;
     const std::vector<std::string>& strings(std::size_t field) const noexcept;
-    // Setters copy shared data first. The row must not be empty.
+    // Setters copy shared data first. The row must not be empty, and the field must be one of its
+    // type's fields of the setter's kind (asserted: another kind lives in another array).
     void numberIs(std::size_t field, std::uint64_t value);
     void stringIs(std::size_t field, std::string value);
     void stringsIs(std::size_t field, std::vector<std::string> value);
