@@ -78,6 +78,16 @@ TEST(HostRowsDeathTest, SettersOfAnotherKindAndThrowingListenersEndTheProcess) {
     BaseRow row = makeRow(pairType(), {});
     EXPECT_DEATH(row.stringIs(3, "x"), "stringIs");  // tags is a list: strings[3] does not exist
     EXPECT_DEATH(row.numberIs(1, 7), "numberIs");    // group is a string
+    // Past what a type's oid field holds, a new row could only get an oid another row has had.
+    EXPECT_DEATH(
+        {
+            const RowType& narrow =
+                Host::defineRowType("RowsTest::Narrow", {{"oid", u16}, {"k", u32}}, {"k"});
+            const auto db = Host::Database::create();
+            db->write("test/narrow", makeRow(narrow, {{"oid", 65535}, {"k", 1}}));
+            db->write("test/narrow", makeRow(narrow, {{"k", 2}}));
+        },
+        "newOidIs");
     // A listener's hook runs in the middle of the host's bookkeeping: a throw must not leave a
     // control row without its publication behind.
     struct Throwing : Host::EventListener {
@@ -109,10 +119,14 @@ TEST_F(HostRows, TypeRegistryClassesAndRowOps) {
     EXPECT_EQ(handle->tableTypeId("RowsTest::Late", false), VeltaDB::kUnknownTypeId);
     EXPECT_EQ(handle->tableTypeId("RowsTest::Late", false),
               Host::defineRowType("RowsTest::Late", {{"k", u32}}, {"k"}).id());
-    // Anything else under a known name, duplicate or empty field names, or an unknown key: refused.
+    // Anything else under a known name, duplicate or empty field names, an unknown key, or more
+    // fields than a 16-bit place can tell apart: refused.
+    std::vector<Host::FieldSpec> wide;
+    for (std::size_t i = 0; i <= Host::kMaxRowTypeFields; ++i) wide.push_back({"f" + std::to_string(i), u32});
     for (const auto& [name, fields, key] :
          std::vector<std::tuple<std::string, std::vector<Host::FieldSpec>, std::vector<std::string>>>{
              {"RowsTest::Pair", {{"group", string}}, {"group"}},
+             {"RowsTest::Bad", wide, {"f65535"}},
              {"RowsTest::Bad", {{"a", u32}, {"a", u16}}, {"a"}},
              {"RowsTest::Bad", {{"", u32}}, {}},
              {"RowsTest::Bad", {{"a", u32}}, {"b"}}})
@@ -251,7 +265,8 @@ TEST_F(HostTables, OidsComeFromOneCounterAndAreKeptOnReplace) {
     EXPECT_TRUE(iface_.row(oidKey(static_cast<unsigned>(oid)), 1).empty());
 
     // A row of another type is converted by field name; its oid is still reported back.
-    EXPECT_EQ(oidOf(writeVia(iface_, makeRecord<veMetadata::veTable>({{"tablePath", "ignored"}}))), oid + 2);
+    // A new row's oid comes after every oid the database has seen, a client's own included.
+    EXPECT_EQ(oidOf(writeVia(iface_, makeRecord<veMetadata::veTable>({{"tablePath", "ignored"}}))), 901u);
     EXPECT_EQ(iface_.row(key(""), 0).rowType(), &itemType());
     // Into a table keyed by oid a converted row is always new; the caller learns that oid too.
     const RowType& byOid =
@@ -277,8 +292,8 @@ TEST_F(HostTables, OidsComeFromOneCounterAndAreKeptOnReplace) {
     EXPECT_EQ(alongOne, "qax");  // by (n, name)
     EXPECT_EQ(p.row(makeRow(plain, {{"name", "x"}, {"n", 2}}), 1).string(0), "x");
     EXPECT_TRUE(p.row(makeRow(plain, {{"name", "x"}, {"n", 1}}), 1).empty());
-    writeVia(iface_, makeRow(plain, {{"name", "w"}}));   // converted into a table with oids: nothing to tell
-    EXPECT_EQ(oidOf(iface_.row(key("w"), 0)), oid + 7);  // oid + 3 and + 6: the new tables' metadata rows
+    writeVia(iface_, makeRow(plain, {{"name", "w"}}));  // converted into a table with oids: nothing to tell
+    EXPECT_EQ(oidOf(iface_.row(key("w"), 0)), 906u);    // 902 and 905: the new tables' metadata rows
     // Such writes may wait in the table; counts, positions and drops see them at once all the same.
     writeVia(p, makeRow(plain, {{"name", "v"}, {"value", 1}}));
     EXPECT_EQ(db_->rowCount("test/plain"), 4u);
@@ -553,10 +568,11 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
         "ct/four wvelta/metadata/veTable wt/four br e bs e bregisterTable t/race e bregisterTable t/y ct/y "
         "wvelta/metadata/veTable e ");
     EXPECT_EQ(agent->tableInfo("t/race").owner(), "ownerS");
-    EXPECT_EQ(brief(agent->tableInfo("t/four")), "oid=11 tablePath=t/four typeName=MetadataTest::Result");
+    // Oids the host gives come after every oid it has seen: t/three's follows the 77 chosen for t/two.
+    EXPECT_EQ(brief(agent->tableInfo("t/four")), "oid=81 tablePath=t/four typeName=MetadataTest::Result");
     EXPECT_EQ(brief(agent->tableInfo("t/two")), "oid=77 tablePath=t/two typeName=MetadataTest::Result");
-    EXPECT_EQ(brief(agent->tableInfo(8u)), "oid=8 tablePath=t/three typeName=MetadataTest::Result owner=A");
-    EXPECT_EQ(brief(agent->tableInfo(13u)), "oid=13 tablePath=t/y typeName=MetadataTest::Result owner=A");
+    EXPECT_EQ(brief(agent->tableInfo(78u)), "oid=78 tablePath=t/three typeName=MetadataTest::Result owner=A");
+    EXPECT_EQ(brief(agent->tableInfo(83u)), "oid=83 tablePath=t/y typeName=MetadataTest::Result owner=A");
     EXPECT_TRUE(agent->tableInfo("t/one").empty() && agent->tableInfo(7u).empty());
     db_->write(kVeTable, makeRecord<veMetadata::veTable>({{"oid", 500}, {"tablePath", "t/virtual"}}));
     EXPECT_EQ(agent->tableInfo(500u).tablePath(), "t/virtual");  // also rows a client wrote
@@ -575,7 +591,7 @@ TEST_F(HostMetadata, VeTableRowsFollowTablesAndRegistrations) {
     EXPECT_TRUE(server->tableInfo("t/y").empty());
     server->registerTable("t/y", resultType().name(), TableType::standing, 0, 0, "again");
     EXPECT_EQ(brief(server->tableInfo("t/y")),
-              "oid=14 tablePath=t/y typeName=MetadataTest::Result owner=again");
+              "oid=501 tablePath=t/y typeName=MetadataTest::Result owner=again");  // after the client's 500
     // The whole metadata table was dropped: it comes back with the registered table's row.
     ASSERT_TRUE(db_->dropTable(kVeTable));
     server->registerTable("t/fresh", resultType().name(), TableType::standing, 0, 0, "o");

@@ -157,6 +157,12 @@ TEST(VeltaSimParse, FollowsTheRunToRefuseStepsThatCannotWork) {
               "2:1: invalid YAML: expected ']' to close the list (end of sequence flow not found)"},
              {"", "1:1: expected a scenario (a map with at least 'steps'), the file is empty"}})
         EXPECT_EQ(parseError(text), std::string("s.yaml:") + error) << text;
+    // A row type wider than a field's 16-bit place is refused, not counted round for ever.
+    std::string wide = "row_types:\n  - name: Sim::Wide\n    key: [f0]\n    fields: {f0: u32";
+    for (std::size_t i = 1; i <= Velta::Host::kMaxRowTypeFields; ++i)
+        wide += ", f" + std::to_string(i) + ": u32";
+    EXPECT_EQ(parseError(wide + "}\nsteps:\n  - run\n"),
+              "s.yaml:4:13: a row type holds at most 65535 fields, found 65536");
     const std::string directory = ::testing::TempDir();
     EXPECT_EQ(VeltaSim::loadScenario(directory).error, directory + ": cannot read: Is a directory");
 }

@@ -7,6 +7,8 @@
 
 #include <Velta/Host/Database.h>
 
+#include <Kesto/DebugSupport.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -203,16 +205,21 @@ const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
 std::optional<std::uint64_t> Database::Impl::storeNow(TableState& t, BaseRow& row, BaseRow& target) {
     const int oidField = t.type().oidField();
     bool oidAssigned = false;
-    if (oidField >= 0 && t.oidInKey() && target.number(static_cast<std::size_t>(oidField)) == 0) {
+    const auto oidAt = static_cast<std::size_t>(oidField);
+    if (oidField >= 0 && t.oidInKey() && target.number(oidAt) == 0) {
         // The oid is the key: a row without one is always new.
-        target.numberIs(static_cast<std::size_t>(oidField), ++nextOid_);
+        newOidIs(target, oidAt);
         oidAssigned = true;
     }
     const TableState::Spot spot = t.locate(*target.data());
-    if (oidField >= 0 && target.number(static_cast<std::size_t>(oidField)) == 0) {
-        const std::uint64_t oid = spot.stored != nullptr ? t.oidOf(*spot.stored) : ++nextOid_;
-        target.numberIs(static_cast<std::size_t>(oidField), oid);
+    if (oidField >= 0 && target.number(oidAt) == 0) {
+        if (spot.stored != nullptr)
+            target.numberIs(oidAt, t.oidOf(*spot.stored));
+        else
+            newOidIs(target, oidAt);
         oidAssigned = true;
+    } else if (oidField >= 0 && !oidAssigned) {
+        nextOid_ = std::max(nextOid_, target.number(oidAt));  // a client's own oid is taken from now on
     }
     if (oidAssigned && &target != &row) {
         // Tell the caller the oid as well, when its own row has one.
@@ -225,6 +232,11 @@ std::optional<std::uint64_t> Database::Impl::storeNow(TableState& t, BaseRow& ro
     if (spot.stored != nullptr) replacedOid = t.oidOf(*spot.stored);
     t.put(spot, target);
     return replacedOid;
+}
+
+void Database::Impl::newOidIs(BaseRow& target, std::size_t oidField) {
+    target.numberIs(oidField, ++nextOid_);
+    KESTO_ASSERT(target.number(oidField) == nextOid_, __FILE__, __LINE__, __PRETTY_FUNCTION__);
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {

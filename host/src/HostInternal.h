@@ -658,6 +658,9 @@ public:
     // its type has one and it has none, and telling `row` that oid. Returns the oid of the row it
     // replaced, or nothing when the key was new.
     std::optional<std::uint64_t> storeNow(Velta::detail::TableState& t, BaseRow& row, BaseRow& target);
+    // Gives `target` the next oid of the counter in its field `oidField`; asserts that the field
+    // holds it, since past that a new row could only get an oid another row has had.
+    void newOidIs(BaseRow& target, std::size_t oidField);
     // Deletes by primary key; false when there was no such row (or no table).
     bool eraseRow(Velta::detail::Slot& slot, const BaseRow& key);
 
@@ -744,6 +747,8 @@ private:
     // erased; an agent asks for a table's metadata row on every subscription.
     const Velta::detail::Slot* veTableSlot() const noexcept;
     mutable const Velta::detail::Slot* veTableSlot_ = nullptr;
+    // The greatest oid given out or stored: a new row's oid is past every oid the database has seen,
+    // its clients' own included.
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;

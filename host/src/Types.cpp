@@ -159,6 +159,9 @@ namespace Velta::Host {
 const RowType& defineRowType(const std::string& name, const std::vector<FieldSpec>& fields,
                              const std::vector<std::string>& keyFields) {
     if (name.empty()) throw std::invalid_argument("row type name is empty");
+    if (fields.size() > kMaxRowTypeFields)
+        throw std::invalid_argument("row type " + name + ": more than " + std::to_string(kMaxRowTypeFields) +
+                                    " fields");
     std::set<std::string, std::less<>> names;
     for (const FieldSpec& f : fields) {
         if (f.name.empty()) throw std::invalid_argument("row type " + name + ": empty field name");

@@ -141,6 +141,9 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
         const YAML::Node& fields = def.need("fields");
         if (!fields.IsMap() || fields.size() == 0)
             fail(fields, "expected a map of field: kind (u16 u32 u64 bool string strings) for 'fields'");
+        if (fields.size() > Velta::Host::kMaxRowTypeFields)
+            fail(fields, "a row type holds at most " + std::to_string(Velta::Host::kMaxRowTypeFields) +
+                             " fields, found " + std::to_string(fields.size()));
         std::set<std::string> names;
         for (auto it = fields.begin(); it != fields.end(); ++it) {
             const std::string fieldName = nonEmptyText(it->first, "a field name");
@@ -173,8 +176,8 @@ void ScenarioParser::parseRowTypes(const YAML::Node& node) {
         for (const auto& f : rowType.fields) fieldList.push_back({f.name, f.kind, 0});
         std::vector<std::uint16_t> keyIndexes;
         for (const std::string& k : rowType.key) {
-            for (std::uint16_t i = 0; i < fieldList.size(); ++i)
-                if (fieldList[i].name == k) keyIndexes.push_back(i);
+            for (std::size_t i = 0; i < fieldList.size(); ++i)
+                if (fieldList[i].name == k) keyIndexes.push_back(static_cast<std::uint16_t>(i));
         }
         rowType.local = std::make_shared<const Velta::RowType>(rowType.name, 0, std::move(fieldList),
                                                                std::move(keyIndexes));

@@ -38,9 +38,12 @@ struct FieldSpec {
     FieldKind kind;
 };
 
+// The most fields a row type holds: a field's place in its kind's array is 16 bits wide.
+inline constexpr std::size_t kMaxRowTypeFields = 65535;
+
 // Defines a user row type (process-wide). Defining the same name again with the same fields and
-// key returns the existing type; a different definition, an empty or duplicate field name, or a
-// key naming no field throws std::invalid_argument.
+// key returns the existing type; a different definition, an empty or duplicate field name, a key
+// naming no field or more than kMaxRowTypeFields fields throws std::invalid_argument.
 const RowType& defineRowType(const std::string& name, const std::vector<FieldSpec>& fields,
                              const std::vector<std::string>& keyFields);
 // The registered type of that name (built-in or user), or nullptr.
