@@ -21,6 +21,7 @@
 #include <initializer_list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -117,6 +118,56 @@ inline std::size_t envCount(const char* name, std::size_t fallback) {
     const char* text = std::getenv(name);
     return text == nullptr || *text == '\0' ? fallback
                                             : static_cast<std::size_t>(std::strtoull(text, nullptr, 10));
+}
+
+// A seeded history that failed: its steps and the report's head (the seed, the step, what went wrong).
+template <class Step>
+struct FailedHistory {
+    std::vector<Step> steps;
+    std::string report;
+};
+
+// Runs seeded histories: the one seed in `seedVariable`, else as many as `countVariable` says (`count`
+// when unset), the i-th with seed `seedOf(i)`, until `reports` failed (shrinking each takes time).
+// `history(seed)` runs one and returns it if it fails; `replay(steps)` runs steps afresh and says what
+// fails, if anything; `describe(step)` is a step's line. A failure is reported with a shrunk history
+// that still fails and the variable that replays it. Returns how many histories ran.
+template <class Step, class SeedOf, class History, class Replay, class Describe>
+std::size_t runSeededHistories(const char* seedVariable, const char* countVariable, std::size_t count,
+                               std::size_t reports, SeedOf seedOf, History history, Replay replay,
+                               Describe describe) {
+    const std::size_t one = envCount(seedVariable, 0), total = one ? 1 : envCount(countVariable, count);
+    std::size_t ran = 0;
+    for (std::size_t failures = 0; ran < total && failures < reports; ++ran) {
+        const std::uint64_t seed = one ? one : seedOf(ran);
+        const std::optional<FailedHistory<Step>> failed = history(seed);
+        if (!failed) continue;
+        const std::vector<Step> small =
+            shrinkHistory(failed->steps, [&](const std::vector<Step>& c) { return replay(c).has_value(); });
+        std::ostringstream os;
+        os << failed->report << "shrunk history (" << small.size() << " of " << failed->steps.size()
+           << " steps) that still fails:\n";
+        for (std::size_t i = 0; i < small.size(); ++i)
+            os << "  " << i + 1 << ". " << describe(small[i]) << "\n";
+        if (const std::optional<std::string> again = replay(small)) os << "which reports:\n" << *again;
+        ADD_FAILURE() << os.str() << "replay with " << seedVariable << "=" << seed << "\n";
+        ++failures;
+    }
+    return ran;
+}
+
+// The tables the translator reads and writes, and the metadata tables.
+inline const std::string kExtSubs = "velta/External/Subscription";
+inline const std::string kExtPub = "velta/External/Publication";
+inline const std::string kCtrlSubs = "velta/veCtrl/subscription";
+inline const std::string kCtrlPub = "velta/veCtrl/publication";
+inline const std::string kSysDesc = "velta/metadata/SystemDescription";
+inline const std::string kVeTable = "velta/metadata/veTable";
+
+// A number-keyed row type, or its twin: the same key layout under another type, whose rows hash alike.
+inline const RowType& numType(bool twin = false) {
+    return Host::defineRowType(twin ? "Test::Twin" : "Test::Num",
+                               {{"k", FieldKind::u64}, {"v", FieldKind::u32}}, {"k"});
 }
 
 // A fixture with one database (options_ and reset() for others) and helpers to connect agents.
@@ -241,7 +292,7 @@ protected:
     void writeSystem(unsigned oid, const std::string& sysName, const std::string& agentName,
                      unsigned properties = 1) {
         db_->write(
-            "velta/metadata/SystemDescription",
+            kSysDesc,
             makeRecord<veMetadata::SystemDescription>(
                 {{"oid", oid}, {"sysName", sysName}, {"agentName", agentName}, {"properties", properties}}));
     }
@@ -310,11 +361,6 @@ protected:
                        "(const Velta::BaseRow&)");
         return out;
     }();
-
-    inline static const std::string kExtSubs = "velta/External/Subscription";
-    inline static const std::string kExtPub = "velta/External/Publication";
-    inline static const std::string kCtrlSubs = "velta/veCtrl/subscription";
-    inline static const std::string kCtrlPub = "velta/veCtrl/publication";
 
     std::unique_ptr<Agent::SubscriptionTranslator> translator_;
 

@@ -1,9 +1,10 @@
 // The in-memory host's own choices (the contracts every host keeps are the conformance kit's): rows,
-// tables and positions, callbacks, metadata, queries, traces and the query runtime's operation catalogue.
+// tables and positions, callbacks, lookahead, metadata, queries, traces, the query runtime's opcodes.
 #include "TestSupport.h"
 
 #include <Kesto/DebugSupport.h>
 #include <Kesto/Platform.h>
+#include <Velta/HostCapability/Lookahead.h>
 #include <Velta/VeRT.h>
 #include <Velta/Scheduler>
 #include <algorithm>
@@ -514,7 +515,61 @@ TEST_F(HostCallbacks, ShuffledOrderFollowsTheSeededDraws) {
     EXPECT_EQ(log_, expected);
 }
 
-constexpr const char* kVeTable = "velta/metadata/veTable";
+// A hook sees queued rows in order before their delivery and changes nothing; another handle's
+// interface is not hooked; prefetching a key is harmless whatever the interface.
+TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
+    auto db = Host::Database::create();
+    auto reader = db->connect({"reader", "sys"});
+    auto writer = db->connect({"writer", "sys"});
+    auto* lookahead = HostCapability::Lookahead::of(*reader);
+    ASSERT_NE(lookahead, nullptr);
+    std::vector<std::string> log;  // "hook k", "row k" and "delete k", as they happened
+    const auto logs = [&log](std::string what) {
+        return [&log, what](const BaseRow& r) { log.push_back(what + std::to_string(r.number(0))); };
+    };
+    VeTableInterface observer("observer", numType().name(), kModeObserve | kModeRead, {}, logs("row "),
+                              logs("delete "), {});
+    VeTableInterface modifier("modifier", numType().name(), kModeRead | kModeWrite, {}, {}, {}, {});
+    reader->bindInterface(observer, "test/ahead", false);
+    writer->bindInterface(modifier, "test/ahead", false);
+    observer.clientReadyIs(true);
+    db->runUntilIdle();
+    auto hook = [](void* context, const BaseRow& r) {
+        static_cast<std::vector<std::string>*>(context)->push_back("hook " + std::to_string(r.number(0)));
+    };
+    lookahead->lookaheadIs(observer, hook, &log);
+    lookahead->lookaheadIs(modifier, hook, &log);  // bound through another handle: ignored
+    VeTableInterface unbound("unbound", numType().name(), kModeObserve, {}, {}, {}, {});
+    lookahead->lookaheadIs(unbound, hook, &log);  // not bound at all: ignored
+
+    std::vector<std::string> expected;  // the deliveries: more than the queue first holds, so it grows
+    for (int k = 0; k < 60; ++k) {
+        BaseRow row = makeRow(numType(), {{"k", k}, {"v", k}});
+        modifier.rowIs(row);
+        expected.push_back("row " + std::to_string(k));
+        if (k % 3 == 0) modifier.rowDel(row), expected.push_back("delete " + std::to_string(k));
+    }
+    HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
+    HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(true), {{"k", 5}}));
+    HostCapability::Lookahead::prefetchKey(unbound, BaseRow());
+    db->runUntilIdle();
+    // All events but the first few (queued too close to the front) are hooked, in order, each
+    // before its delivery.
+    std::vector<std::pair<std::string, std::size_t>> hooked;  // the row's key, the deliveries before it
+    std::size_t delivered = 0;
+    for (const std::string& line : log) {
+        if (line.rfind("hook ", 0) == 0)
+            hooked.emplace_back(line.substr(5), delivered);
+        else
+            EXPECT_EQ(line, expected.at(delivered++));
+    }
+    EXPECT_EQ(delivered, expected.size());
+    ASSERT_TRUE(!hooked.empty() && hooked.size() + 8 >= expected.size()) << hooked.size() << " hooks";
+    for (std::size_t i = 0, j = expected.size() - hooked.size(); i < hooked.size(); ++i, ++j) {
+        EXPECT_EQ(hooked[i].first, expected[j].substr(expected[j].find(' ') + 1)) << i;
+        EXPECT_LE(hooked[i].second, j) << "hooked after its delivery: " << hooked[i].first;
+    }
+}
 
 const RowType& resultType() {
     return Host::defineRowType("MetadataTest::Result", {{"oid", u32}, {"k", string}}, {"k"});
@@ -613,34 +668,33 @@ TEST_F(HostMetadata, ControlPublicationsAnswerControlRowsStillThereAtTheirTurn) 
     auto ctrl = [&](unsigned sys) {
         return makeRecord<veCtrl::subscription>({{"system_description", sys}, {"connection_id", 1}});
     };
-    const BaseRow stored = db_->write("velta/veCtrl/subscription", ctrl(3));
-    db_->write("velta/veCtrl/subscription", ctrl(3));  // a rewrite is no new row
-    db_->write("velta/veCtrl/subscription", ctrl(4));
-    db_->erase("velta/veCtrl/subscription", ctrl(4));  // gone before the turn: nothing for it
-    const BaseRow back = db_->write("velta/veCtrl/subscription", ctrl(4));  // its key back: a new row
-    EXPECT_EQ(db_->rowCount("velta/veCtrl/publication"), 0u);
+    const BaseRow stored = db_->write(kCtrlSubs, ctrl(3));
+    db_->write(kCtrlSubs, ctrl(3));  // a rewrite is no new row
+    db_->write(kCtrlSubs, ctrl(4));
+    db_->erase(kCtrlSubs, ctrl(4));                       // gone before the turn: nothing for it
+    const BaseRow back = db_->write(kCtrlSubs, ctrl(4));  // its key back: a new row
+    EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
     Host::EventLog events;
     db_->listenerIs(&events);
     run();
     db_->listenerIs(nullptr);
     std::vector<std::uint64_t> answered;  // each publication written, once
     for (const Host::EventLog::Entry& e : events.entries())
-        if (e.kind == Host::EventLog::Entry::Kind::write && e.path == "velta/veCtrl/publication")
+        if (e.kind == Host::EventLog::Entry::Kind::write && e.path == kCtrlPub)
             answered.push_back(veCtrl::publication(e.row).subscription_id());
     EXPECT_EQ(answered, (std::vector<std::uint64_t>{stored.number(0), back.number(0)}));
     veCtrl::subscription moved = ctrl(3);
     moved.oidIs(900);  // the row its publication answered is gone, though its key stays
-    db_->write("velta/veCtrl/subscription", moved);
+    db_->write(kCtrlSubs, moved);
     run();
-    EXPECT_EQ(veCtrl::publication(db_->rows("velta/veCtrl/publication").at(0)).subscription_id(),
-              back.number(0));
-    db_->dropTable("velta/veCtrl/subscription");  // every control row goes, and so does its answer
+    EXPECT_EQ(veCtrl::publication(db_->rows(kCtrlPub).at(0)).subscription_id(), back.number(0));
+    db_->dropTable(kCtrlSubs);  // every control row goes, and so does its answer
     run();
-    EXPECT_EQ(db_->rowCount("velta/veCtrl/publication"), 0u);
+    EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
     reset({});  // off by default
-    db_->write("velta/veCtrl/subscription", ctrl(3));
+    db_->write(kCtrlSubs, ctrl(3));
     run();
-    EXPECT_EQ(db_->rowCount("velta/veCtrl/publication"), 0u);
+    EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
 }
 
 TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {

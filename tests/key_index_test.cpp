@@ -1,10 +1,9 @@
 // Hash indexes beside ordered containers (the aggregator's owner map, the host tables) under seeded
-// histories checked step by step against an ordered model; the host's delivery lookahead.
+// histories checked step by step against an ordered model.
 #include "TestSupport.h"
 
 #include <Velta/Agent/internal/RowKeyMap.h>
 #include <Velta/HostCapability/KeyHash.h>
-#include <Velta/HostCapability/Lookahead.h>
 
 #include <functional>
 #include <iterator>
@@ -17,11 +16,6 @@ namespace {
 
 using enum FieldKind;
 
-// The twin has the same key layout under another type: its rows hash exactly like the others.
-const RowType& numType(bool twin = false) {
-    return Host::defineRowType(twin ? "KeyIndexTest::Twin" : "KeyIndexTest::Num", {{"k", u64}, {"v", u32}},
-                               {"k"});
-}
 const RowType& namedType() {
     return Host::defineRowType("KeyIndexTest::Named", {{"oid", u32}, {"name", string}, {"value", u32}},
                                {"name"});
@@ -270,62 +264,6 @@ TEST(KeyIndexes, HistoriesMatchTheModel) {
                                               },
                                               [](const BaseRow& r) { return r.strings(0); }};
     runHistory(less(taggedType()), tagged, &taggedType(), 23, 12000);
-}
-
-// A hook sees queued rows in order before their delivery and changes nothing; another handle's
-// interface is not hooked; prefetching a key is harmless whatever the interface.
-TEST(Lookahead, HooksSeeQueuedRowsBeforeTheirDeliveryAndChangeNothing) {
-    auto db = Host::Database::create();
-    auto reader = db->connect({"reader", "sys"});
-    auto writer = db->connect({"writer", "sys"});
-    auto* lookahead = HostCapability::Lookahead::of(*reader);
-    ASSERT_NE(lookahead, nullptr);
-    std::vector<std::string> log;  // "hook k", "row k" and "delete k", as they happened
-    const auto logs = [&log](std::string what) {
-        return [&log, what](const BaseRow& r) { log.push_back(what + std::to_string(r.number(0))); };
-    };
-    VeTableInterface observer("observer", numType().name(), kModeObserve | kModeRead, {}, logs("row "),
-                              logs("delete "), {});
-    VeTableInterface modifier("modifier", numType().name(), kModeRead | kModeWrite, {}, {}, {}, {});
-    reader->bindInterface(observer, "test/ahead", false);
-    writer->bindInterface(modifier, "test/ahead", false);
-    observer.clientReadyIs(true);
-    db->runUntilIdle();
-    auto hook = [](void* context, const BaseRow& r) {
-        static_cast<std::vector<std::string>*>(context)->push_back("hook " + std::to_string(r.number(0)));
-    };
-    lookahead->lookaheadIs(observer, hook, &log);
-    lookahead->lookaheadIs(modifier, hook, &log);  // bound through another handle: ignored
-    VeTableInterface unbound("unbound", numType().name(), kModeObserve, {}, {}, {}, {});
-    lookahead->lookaheadIs(unbound, hook, &log);  // not bound at all: ignored
-
-    std::vector<std::string> expected;  // the deliveries: more than the queue first holds, so it grows
-    for (int k = 0; k < 60; ++k) {
-        BaseRow row = makeRow(numType(), {{"k", k}, {"v", k}});
-        modifier.rowIs(row);
-        expected.push_back("row " + std::to_string(k));
-        if (k % 3 == 0) modifier.rowDel(row), expected.push_back("delete " + std::to_string(k));
-    }
-    HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(), {{"k", 5}}));
-    HostCapability::Lookahead::prefetchKey(observer, makeRow(numType(true), {{"k", 5}}));
-    HostCapability::Lookahead::prefetchKey(unbound, BaseRow());
-    db->runUntilIdle();
-    // All events but the first few (queued too close to the front) are hooked, in order, each
-    // before its delivery.
-    std::vector<std::pair<std::string, std::size_t>> hooked;  // the row's key, the deliveries before it
-    std::size_t delivered = 0;
-    for (const std::string& line : log) {
-        if (line.rfind("hook ", 0) == 0)
-            hooked.emplace_back(line.substr(5), delivered);
-        else
-            EXPECT_EQ(line, expected.at(delivered++));
-    }
-    EXPECT_EQ(delivered, expected.size());
-    ASSERT_TRUE(!hooked.empty() && hooked.size() + 8 >= expected.size()) << hooked.size() << " hooks";
-    for (std::size_t i = 0, j = expected.size() - hooked.size(); i < hooked.size(); ++i, ++j) {
-        EXPECT_EQ(hooked[i].first, expected[j].substr(expected[j].find(' ') + 1)) << i;
-        EXPECT_LE(hooked[i].second, j) << "hooked after its delivery: " << hooked[i].first;
-    }
 }
 
 }  // namespace
