@@ -61,7 +61,8 @@ const std::vector<Check>& checks() {
          "and the adapter's own row type)",
          primaryKeyAddressesRows},
         {"OidIndexFindsRows",
-         "rows written with oid 0 get distinct non-zero oids, a row written with an oid keeps it, and row "
+         "rows written with oid 0 get non-zero oids no other row has (one a writer gave included), a row "
+         "written with an oid keeps it, and row "
          "and find through index 1 reach a row by its oid alone; a missing oid gives an empty row and end()",
          oidIndexFindsRows},
         {"WalksSurviveChanges",

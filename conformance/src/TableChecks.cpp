@@ -225,11 +225,18 @@ void oidIndexFindsRows(HostAdapter& host) {
         const unsigned oid = veCtrl::subscription(i.row(control(1, connection, 5), 0)).oid();
         oidToConnection.emplace_back(oid, connection);
         if (oid == 0) problems.push_back("a row written with oid 0 was stored with oid 0");
+        if (connection == 1) {
+            // A client takes the number after it, which a plain counter would hand out next.
+            modifier.write(control(1, 4, 5, oid + 1));
+            oidToConnection.emplace_back(oid + 1, 4);
+        }
     }
     std::set<unsigned> distinct;
     for (const auto& [oid, connection] : oidToConnection) distinct.insert(oid);
     if (distinct.size() != oidToConnection.size())
-        problems.push_back("two rows written with oid 0 share an oid");
+        problems.push_back(
+            "a row written with oid 0 got an oid another row has (given by the host or the "
+            "writer)");
     for (const auto& [oid, connection] : oidToConnection) {
         veCtrl::subscription key;
         key.oidIs(oid);
