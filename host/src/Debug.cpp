@@ -8,6 +8,9 @@
 
 #include <Kesto/DebugSupport.h>
 
+#include <absl/strings/ascii.h>
+#include <absl/strings/str_split.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,33 +47,21 @@ struct ChannelRegistry {
     }
 };
 
-std::string trim(const std::string& s) {
-    const auto b = s.find_first_not_of(" \t");
-    if (b == std::string::npos) return {};
-    const auto e = s.find_last_not_of(" \t");
-    return s.substr(b, e - b + 1);
-}
-
-// "A=0x31f,B=7" -> pairs; nullopt when any part is malformed.
+// "A=0x31f,B=7" -> pairs; nullopt when any part is malformed. Blanks around names, values and
+// commas are allowed, and so are empty items.
 std::optional<std::vector<std::pair<std::string, std::uint32_t>>> parseMasks(const std::string& text) {
     std::vector<std::pair<std::string, std::uint32_t>> out;
-    std::size_t pos = 0;
-    while (pos <= text.size()) {
-        const std::size_t comma = std::min(text.find(',', pos), text.size());
-        const std::string item = trim(text.substr(pos, comma - pos));
-        pos = comma + 1;
-        if (item.empty()) {
-            if (comma == text.size()) break;
-            continue;
-        }
-        const auto eq = item.find('=');
-        if (eq == std::string::npos) return std::nullopt;
-        const std::string name = trim(item.substr(0, eq));
-        const std::string value = trim(item.substr(eq + 1));
+    for (absl::string_view item : absl::StrSplit(text, ',')) {
+        item = absl::StripAsciiWhitespace(item);
+        if (item.empty()) continue;
+        const std::vector<absl::string_view> parts = absl::StrSplit(item, absl::MaxSplits('=', 1));
+        if (parts.size() != 2) return std::nullopt;
+        const std::string name(absl::StripAsciiWhitespace(parts[0]));
+        const std::string value(absl::StripAsciiWhitespace(parts[1]));
         if (name.empty() || value.empty() || value[0] == '-' || value[0] == '+') return std::nullopt;
         errno = 0;
         char* end = nullptr;
-        const unsigned long long v = std::strtoull(value.c_str(), &end, 0);
+        const unsigned long long v = std::strtoull(value.c_str(), &end, 0);  // decimal or 0x hex
         if (errno != 0 || end == nullptr || *end != '\0' || v > 0xffffffffull) return std::nullopt;
         out.emplace_back(name, static_cast<std::uint32_t>(v));
     }

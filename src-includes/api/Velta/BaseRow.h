@@ -28,7 +28,7 @@ inline bool isNumberKind(FieldKind kind) noexcept { return kind < FieldKind::str
 struct RowData;
 
 // A row type: name, ordered fields and primary-key fields. Created only through the host's
-// registry (Velta::Host::defineRowType and the built-in records).
+// row-type registry (user types and the built-in records alike).
 class RowType {
 public:
     struct Field {
