@@ -695,6 +695,10 @@ TEST_F(HostMetadata, ControlPublicationsAnswerControlRowsStillThereAtTheirTurn) 
     db_->write(kCtrlSubs, ctrl(3));
     run();
     EXPECT_EQ(db_->rowCount(kCtrlPub), 0u);
+    // The clock those publications carry never wraps back to the past.
+    db_->clockAdvance(std::numeric_limits<std::uint64_t>::max() - 1);
+    db_->clockAdvance(5);
+    EXPECT_EQ(db_->clock(), std::numeric_limits<std::uint64_t>::max());
 }
 
 TEST_F(HostMetadata, QueriesCompleteOneTurnLaterOrByHandAndDieWithTheirHandle) {

@@ -5,6 +5,7 @@
 #include "Runner.h"
 #include "Scenario.h"
 #include "TestSupport.h"
+#include "Text.h"
 
 #include <string>
 #include <vector>
@@ -184,6 +185,20 @@ TEST(VeltaSimFormat, FoundRowsReadBackAsTheSameRow) {
     EXPECT_TRUE(VeltaSim::matches(row, listed));
     row.standingIs(false);
     EXPECT_FALSE(VeltaSim::matches(row, listed));
+
+    // Controls beyond ASCII are shown escaped and read back as themselves. JSON text is Unicode: a
+    // byte that starts no character shows there as U+FFFD.
+    row.queryTextIs(
+        "a\xc2\x85"
+        "b\xe2\x80\xa8"
+        "c\xff");
+    const std::string escaped = VeltaSim::formatFields(row, VeltaSim::keyAndSetFields(row));
+    EXPECT_NE(escaped.find("queryText: \"a\\x85b\\u2028c\xff\""), std::string::npos) << escaped;
+    const Scenario again =
+        parsed("steps:\n  - expect_rows: {table: velta/External/Subscription, rows: [" + escaped + "]}\n");
+    EXPECT_TRUE(VeltaSim::matches(row, std::get<VeltaSim::ExpectRows>(again.steps[0].action).rows.at(0)));
+    EXPECT_EQ(VeltaSim::doubleQuoted(row.queryText(), VeltaSim::Quoting::json),
+              "\"a\\u0085b\\u2028c\\ufffd\"");
 }
 
 TEST(VeltaSimFormat, DiffsAlignTheMiddleOnlyAndShowContext) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 
@@ -804,7 +805,12 @@ std::vector<std::string> Database::tablePaths() const {
 
 std::uint64_t Database::clock() const noexcept { return impl_->clock; }
 
-void Database::clockAdvance(std::uint64_t amount) noexcept { impl_->clock += amount; }
+void Database::clockAdvance(std::uint64_t amount) noexcept {
+    std::uint64_t& clock = impl_->clock;
+    clock = amount > std::numeric_limits<std::uint64_t>::max() - clock
+                ? std::numeric_limits<std::uint64_t>::max()
+                : clock + amount;
+}
 
 const std::vector<HostCall>& Database::calls() const noexcept { return impl_->calls; }
 

@@ -84,7 +84,7 @@ std::string yamlText(const std::string& text) {
         else if (c == '#' && i > 0 && text[i - 1] == ' ')
             plain = false;
     }
-    return plain ? text : doubleQuoted(text, Quoting::yaml);
+    return plain && !hasControl(text) ? text : doubleQuoted(text, Quoting::yaml);
 }
 
 std::string formatValue(const BaseRow& row, std::size_t field) {

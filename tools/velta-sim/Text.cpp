@@ -26,13 +26,46 @@ std::size_t distance(std::string_view a, std::string_view b) {
     return row[b.size()];
 }
 
+// The character that starts at text[i]: its code and its length in bytes, or, when the bytes
+// there start no UTF-8 character, length 1 and valid false.
+struct Decoded {
+    char32_t code;
+    std::size_t length;
+    bool valid;
+};
+
+Decoded decodeAt(std::string_view text, std::size_t i) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    const std::size_t length = lead < 0x80             ? 1
+                               : (lead & 0xe0) == 0xc0 ? 2
+                               : (lead & 0xf0) == 0xe0 ? 3
+                               : (lead & 0xf8) == 0xf0 ? 4
+                                                       : 0;
+    char32_t code = length == 1 ? lead : lead & (0x7f >> length);
+    bool valid = length != 0 && i + length <= text.size();
+    for (std::size_t k = 1; valid && k < length; ++k) {
+        const auto next = static_cast<unsigned char>(text[i + k]);
+        valid = (next & 0xc0) == 0x80;
+        code = (code << 6) | (next & 0x3f);
+    }
+    return valid ? Decoded{code, length, true} : Decoded{lead, 1, false};
+}
+
+// The C0 and C1 controls, DEL, and the line and paragraph separators: what starts a new line or
+// moves the cursor somewhere in some terminal or reader.
+bool isControl(char32_t code) {
+    return code < 0x20 || (code >= 0x7f && code <= 0x9f) || code == 0x2028 || code == 0x2029;
+}
+
 }  // namespace
 
 bool hasControl(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char ch) {
-        const auto c = static_cast<unsigned char>(ch);
-        return c < 0x20 || c == 0x7f;
-    });
+    for (std::size_t i = 0; i < text.size();) {
+        const Decoded d = decodeAt(text, i);
+        if (d.valid && isControl(d.code)) return true;
+        i += d.length;
+    }
+    return false;
 }
 
 std::string quoted(std::string_view text) {
@@ -72,7 +105,26 @@ std::string suggestion(std::string_view word, const std::vector<std::string>& ca
 std::string doubleQuoted(std::string_view text, Quoting quoting) {
     const bool json = quoting == Quoting::json;
     std::string out = "\"";
-    for (const char ch : text) {
+    for (std::size_t i = 0; i < text.size();) {
+        const Decoded d = decodeAt(text, i);
+        const char ch = text[i];
+        i += d.length;
+        if (d.length > 1) {
+            // A control beyond ASCII is escaped by its code; any other character is kept as it is.
+            if (isControl(d.code)) {
+                char buffer[8];
+                std::snprintf(buffer, sizeof buffer, json || d.code > 0xff ? "\\u%04x" : "\\x%02x",
+                              static_cast<unsigned>(d.code));
+                out += buffer;
+            } else {
+                out.append(text.substr(i - d.length, d.length));
+            }
+            continue;
+        }
+        if (!d.valid && json) {
+            out += "\\ufffd";  // JSON text is Unicode: a byte that starts no character cannot be told
+            continue;
+        }
         const auto c = static_cast<unsigned char>(ch);
         switch (c) {
             case '"':
@@ -115,31 +167,18 @@ std::size_t displayWidth(std::string_view text) {
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
     std::size_t width = 0;
     for (std::size_t i = 0; i < text.size();) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        const std::size_t length = lead < 0x80             ? 1
-                                   : (lead & 0xe0) == 0xc0 ? 2
-                                   : (lead & 0xf0) == 0xe0 ? 3
-                                   : (lead & 0xf8) == 0xf0 ? 4
-                                                           : 0;
-        char32_t code = length == 1 ? lead : lead & (0x7f >> length);
-        bool valid = length != 0 && i + length <= text.size();
-        for (std::size_t k = 1; valid && k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            valid = (next & 0xc0) == 0x80;
-            code = (code << 6) | (next & 0x3f);
-        }
-        if (!valid || length == 1 || utf8 == nullptr) {
+        const Decoded d = decodeAt(text, i);
+        i += d.length;
+        if (!d.valid || d.length == 1 || utf8 == nullptr) {
             // ASCII, a byte that starts no character (one column, as a terminal shows it), or no
             // character widths to ask.
             width += 1;
-            i += valid ? length : 1;
             continue;
         }
         const locale_t previous = uselocale(utf8);
-        const int columns = wcwidth(static_cast<wchar_t>(code));
+        const int columns = wcwidth(static_cast<wchar_t>(d.code));
         uselocale(previous);
         width += columns < 0 ? 1 : static_cast<std::size_t>(columns);
-        i += length;
     }
     return width;
 }

@@ -227,6 +227,7 @@ public:
 
     // The host clock for the ptime values the host writes; starts at 0.
     std::uint64_t clock() const noexcept;
+    // Moves the clock on by `amount`; it stops at its greatest value rather than wrap to the past.
     void clockAdvance(std::uint64_t amount) noexcept;
 
     // Host calls with lasting effect, in order.
