@@ -135,6 +135,7 @@ double measureBytesPerRow(std::size_t rows);
 // ---------------------------------------------------------------------------------------------
 // Statistics.
 
+// The middle value, or the mean of the two middle values of an even count; 0 for no values.
 double median(std::vector<double> values);
 
 // Medians over `reps` interleaved repetitions of a.nsPerUnit(aUnits) and b.nsPerUnit(bUnits) and of
