@@ -19,6 +19,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Velta::Bench {
@@ -79,6 +80,34 @@ struct MergeEvent {
 // again a few events later, and the stream ends with every row present again.
 std::vector<MergeEvent> makeMergeEvents(const MergeShape& shape);
 
+// The events of a stream in order, round and round: after the last comes the first again, which
+// finds the tables as the stream found them the first time. The stream must not be empty.
+class MergeEventCursor {
+public:
+    MergeEventCursor() = default;
+    explicit MergeEventCursor(std::vector<MergeEvent> events) : events_(std::move(events)) {}
+
+    MergeEvent& next() {
+        MergeEvent& event = events_[next_];
+        if (++next_ == events_.size()) next_ = 0;
+        return event;
+    }
+    // The next event, done by a merge that works on keys: `merge.write(input, row)` for a row
+    // written, `merge.erase(input, key)` for a row deleted.
+    template <class Merge>
+    void playNext(Merge& merge) {
+        const MergeEvent& event = next();
+        if (event.erase)
+            merge.erase(event.input, event.row.number(kIdField));
+        else
+            merge.write(event.input, event.row);
+    }
+
+private:
+    std::vector<MergeEvent> events_;
+    std::size_t next_ = 0;
+};
+
 // The input table paths (in path order, input 0 first) and the output path of a merge world.
 std::string mergeInputPath(unsigned input);
 std::string mergeOutputPath();
@@ -135,6 +164,7 @@ double measureBytesPerRow(std::size_t rows);
 // ---------------------------------------------------------------------------------------------
 // Statistics.
 
+// The middle value, or the mean of the two middle values of an even count; 0 for no values.
 double median(std::vector<double> values);
 
 // Medians over `reps` interleaved repetitions of a.nsPerUnit(aUnits) and b.nsPerUnit(bUnits) and of

@@ -94,14 +94,13 @@ public:
         if (db_->rowCount(mergeOutputPath()) != shape_.keys)
             worldBroken("merge world: output holds " + std::to_string(db_->rowCount(mergeOutputPath())) +
                         " rows after loading " + std::to_string(shape_.keys) + " keys");
-        events_ = makeMergeEvents(shape_);
+        events_ = MergeEventCursor(makeMergeEvents(shape_));
     }
 
     double nsPerUnit(std::size_t units) override {
         const double start = nowNs();
         for (std::size_t i = 0; i < units; ++i) {
-            producer_->apply(events_[next_]);
-            if (++next_ == events_.size()) next_ = 0;
+            producer_->apply(events_.next());
             if ((i + 1) % kLoopBatch == 0) db_->runUntilIdle();
         }
         db_->runUntilIdle();
@@ -113,8 +112,7 @@ private:
     std::shared_ptr<Host::Database> db_;
     std::unique_ptr<Agent> agent_;
     std::unique_ptr<Producer> producer_;
-    std::vector<MergeEvent> events_;
-    std::size_t next_ = 0;
+    MergeEventCursor events_;
 };
 
 std::unique_ptr<Agent::Aggregator> makeAggregator(VeltaDB::p_t handle) {
@@ -179,7 +177,7 @@ public:
             }
         }
         step(commit_->get());
-        events_ = makeMergeEvents(shape_);
+        events_ = MergeEventCursor(makeMergeEvents(shape_));
     }
     ~SqliteWorld() override {
         upsertInput_.reset();
@@ -197,12 +195,7 @@ public:
         const double start = nowNs();
         step(begin_->get());
         for (std::size_t i = 0; i < units; ++i) {
-            const MergeEvent& event = events_[next_];
-            if (event.erase)
-                erase(event.input, event.row.number(kIdField));
-            else
-                write(event.input, event.row);
-            if (++next_ == events_.size()) next_ = 0;
+            events_.playNext(*this);
             if ((i + 1) % kLoopBatch == 0) {
                 step(commit_->get());
                 step(begin_->get());
@@ -213,6 +206,9 @@ public:
     }
 
 private:
+    // The cursor does each event through write() and erase().
+    friend MergeEventCursor;
+
     static sqlite3* open() {
         sqlite3* db = nullptr;
         if (sqlite3_open(":memory:", &db) != SQLITE_OK) worldBroken("sqlite open failed");
@@ -281,8 +277,7 @@ private:
     sqlite3* db_;
     std::unique_ptr<Statement> upsertInput_, deleteInput_, upsertOutput_, ownerOf_, firstHolder_,
         deleteOutput_, begin_, commit_;
-    std::vector<MergeEvent> events_;
-    std::size_t next_ = 0;
+    MergeEventCursor events_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -299,18 +294,13 @@ public:
             for (unsigned h = 0; h < shape_.holders; ++h)
                 write(holderInput(shape_, key, h), benchRow(key, key));
         }
-        events_ = makeMergeEvents(shape_);
+        events_ = MergeEventCursor(makeMergeEvents(shape_));
     }
 
     double nsPerUnit(std::size_t units) override {
         const double start = nowNs();
         for (std::size_t i = 0; i < units; ++i) {
-            const MergeEvent& event = events_[next_];
-            if (event.erase)
-                erase(event.input, event.row.number(kIdField));
-            else
-                write(event.input, event.row);
-            if (++next_ == events_.size()) next_ = 0;
+            events_.playNext(*this);
         }
         const double elapsed = nowNs() - start;
         if (output_.empty()) worldBroken("floor world: output empty");
@@ -318,6 +308,9 @@ public:
     }
 
 private:
+    // The cursor does each event through write() and erase().
+    friend MergeEventCursor;
+
     struct Owned {
         BaseRow row;
         unsigned owner = 0;
@@ -344,8 +337,7 @@ private:
     MergeShape shape_;
     std::vector<std::unordered_map<std::uint64_t, BaseRow>> inputs_;
     std::unordered_map<std::uint64_t, Owned> output_;
-    std::vector<MergeEvent> events_;
-    std::size_t next_ = 0;
+    MergeEventCursor events_;
 };
 
 std::size_t heapInUse() {

@@ -20,12 +20,15 @@
 #include "BenchSupport.h"
 
 #include <benchmark/benchmark.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iostream>
 #include <limits>
 #include <map>
 #include <random>
@@ -320,14 +323,8 @@ bool warmHeap(std::size_t mib) {
 }
 
 // Builds one workload and runs it, for a profiler: --profile=NAME [--keys=N] [--units=N]
-// [--warm-heap=MiB].
+// [--warm-heap=MiB], within the bounds the command line checks.
 int runProfile(const std::string& name, std::size_t keys, std::size_t units, std::size_t warmMib) {
-    constexpr std::size_t kMostWarmMib = 1 << 14;
-    if (units == 0 || warmMib > kMostWarmMib) {
-        std::fprintf(stderr, "velta-bench: --units must be at least 1 and --warm-heap at most %zu MiB\n",
-                     kMostWarmMib);
-        return 2;
-    }
     if (warmMib != 0 && !warmHeap(warmMib)) {
         std::fprintf(stderr, "velta-bench: could not warm %zu MiB of heap\n", warmMib);
         return 2;
@@ -374,10 +371,43 @@ int runProfile(const std::string& name, std::size_t keys, std::size_t units, std
     return 0;
 }
 
+// The most --reps takes: each repetition adds seconds to --ratios and --curve.
+constexpr std::size_t kMostReps = 1000;
+// The most --keys takes: each key costs hundreds of bytes in every world.
+constexpr std::size_t kMostKeys = 100'000'000;
+// The most --warm-heap takes, in MiB.
+constexpr std::size_t kMostWarmMib = 1 << 14;
+
+// A whole number from `least` to `most`, written in decimal digits, which the validator rewrites
+// in plain form: CLI11 converts with strtoull in base 0, which takes "-1" for the largest value and
+// "010" for eight.
+CLI::Validator wholeNumber(std::size_t least, std::size_t most) {
+    const bool unbounded = most == std::numeric_limits<std::size_t>::max();
+    const std::string bounds = unbounded ? "of " + std::to_string(least) + " or more"
+                                         : "from " + std::to_string(least) + " to " + std::to_string(most);
+    return CLI::Validator(
+        [least, most, bounds](std::string& text) {
+            std::size_t value = 0;
+            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+            if (error != std::errc() || end != text.data() + text.size() || value < least || value > most)
+                return "'" + text + "' is not a whole number " + bounds;
+            text = std::to_string(value);
+            return std::string();
+        },
+        unbounded ? "N >= " + std::to_string(least)
+                  : "N in " + std::to_string(least) + ".." + std::to_string(most));
+}
+
 }  // namespace
 }  // namespace Velta::Bench
 
 int main(int argc, char** argv) {
+    using Velta::Bench::wholeNumber;
+    CLI::App app{"velta-bench: the benchmarks of the agents on the in-memory host"};
+    app.footer(
+        "Any other option is Google Benchmark's (--benchmark_filter=REGEX and the like); they follow.");
+    // Google Benchmark reads its own options from what is left over.
+    app.allow_extras();
     bool ratios = false;
     bool curve = false;
     int reps = 5;
@@ -385,32 +415,48 @@ int main(int argc, char** argv) {
     std::size_t keys = 100'000;
     std::size_t units = 100'000;
     std::size_t warmMib = 0;
-    int kept = 1;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--ratios") == 0) {
-            ratios = true;
-        } else if (std::strcmp(argv[i], "--curve") == 0) {
-            curve = true;
-        } else if (std::strncmp(argv[i], "--profile=", 10) == 0) {
-            profile = argv[i] + 10;
-        } else if (std::strncmp(argv[i], "--keys=", 7) == 0) {
-            keys = std::strtoull(argv[i] + 7, nullptr, 10);
-        } else if (std::strncmp(argv[i], "--units=", 8) == 0) {
-            units = std::strtoull(argv[i] + 8, nullptr, 10);
-        } else if (std::strncmp(argv[i], "--warm-heap=", 12) == 0) {
-            warmMib = std::strtoull(argv[i] + 12, nullptr, 10);
-        } else if (std::strncmp(argv[i], "--reps=", 7) == 0) {
-            reps = std::max(1, std::atoi(argv[i] + 7));
-        } else {
-            argv[kept++] = argv[i];
-        }
+    app.add_flag("--ratios", ratios, "each comparison in one process, interleaved repetitions, medians");
+    app.add_flag("--curve", curve, "ns per event of aggregator, forwarder and floor for 1k to 1M keys");
+    app.add_option("--reps", reps, "repetitions of --ratios and --curve")
+        ->transform(wholeNumber(1, Velta::Bench::kMostReps))
+        ->capture_default_str();
+    app.add_option(
+        "--profile", profile,
+        "run one workload once, for a profiler: aggregator, forwarder, sqlite, floor, hostwrite, map, "
+        "intake, intakehost, resync, lookups or memory");
+    app.add_option("--keys", keys, "keys of the --profile workload")
+        ->transform(wholeNumber(1, Velta::Bench::kMostKeys))
+        ->capture_default_str();
+    app.add_option("--units", units, "units of work the --profile workload runs")
+        ->transform(wholeNumber(1, std::numeric_limits<std::size_t>::max()))
+        ->capture_default_str();
+    app.add_option("--warm-heap", warmMib, "MiB of heap to touch, free and keep before --profile runs")
+        ->transform(wholeNumber(0, Velta::Bench::kMostWarmMib))
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        std::cout << app.help() << std::endl;
+        // Google Benchmark prints its own options and ends the process.
+        char help[] = "--help";
+        char* helpArgs[] = {argv[0], help, nullptr};
+        int helpCount = 2;
+        benchmark::Initialize(&helpCount, helpArgs);
+        return 0;
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "velta-bench: %s\n", e.what());
+        return 2;
     }
     if (ratios) return Velta::Bench::runRatios(reps);
     if (curve) return Velta::Bench::runCurve(reps);
-    if (!profile.empty()) return Velta::Bench::runProfile(profile, keys, units, warmMib);
-    argc = kept;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (app.count("--profile") != 0) return Velta::Bench::runProfile(profile, keys, units, warmMib);
+    std::vector<std::string> rest = app.remaining();
+    std::vector<char*> benchmarkArgs{argv[0]};
+    for (std::string& arg : rest) benchmarkArgs.push_back(arg.data());
+    benchmarkArgs.push_back(nullptr);
+    int benchmarkCount = static_cast<int>(benchmarkArgs.size()) - 1;
+    benchmark::Initialize(&benchmarkCount, benchmarkArgs.data());
+    if (benchmark::ReportUnrecognizedArguments(benchmarkCount, benchmarkArgs.data())) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

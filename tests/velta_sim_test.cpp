@@ -484,7 +484,8 @@ TEST(VeltaSimReport, TextAndJsonCarryTheSameFacts) {
               "\"order_independent\":true,\"failures\":[],\"shuffle\":{\"runs\":4,\"failing_seeds\":[2,3],"
               "\"first_failure\":{\"step\":3,\"line\":9,\"keyword\":\"expect_rows\",\"message\":\"t: 1 row "
               "expected, 0 found\",\"diff\":[\"- {a: 1}\"]}}}");
-    EXPECT_EQ(VeltaSim::jsonString(std::string("a\tb\x01", 4)), "\"a\\tb\\u0001\"");
+    EXPECT_EQ(VeltaSim::doubleQuoted(std::string("a\tb\x01", 4), VeltaSim::Quoting::json),
+              "\"a\\tb\\u0001\"");
     EXPECT_EQ(VeltaSim::summaryLine(3, 1), "3 passed, 1 failed");
 }
 

@@ -38,6 +38,8 @@ bool matches(const Velta::BaseRow& row, const RowSpec& listed);
 std::string formatCall(const Velta::Host::HostCall& call);
 // The same for an expected call, with only the arguments it names.
 std::string formatExpectedCall(const ExpectedCall& call);
+// True when `call` is of the expected kind and has each argument `expected` names; arguments it
+// leaves out match anything.
 bool matches(const Velta::Host::HostCall& call, const ExpectedCall& expected);
 
 // An aligned text table with a header line and a rule. Columns whose cells are all empty, zero or

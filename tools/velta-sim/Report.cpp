@@ -8,6 +8,8 @@ namespace VeltaSim {
 
 namespace {
 
+std::string jsonString(const std::string& text) { return doubleQuoted(text, Quoting::json); }
+
 std::string seedList(const std::vector<std::uint64_t>& seeds) {
     std::string out;
     const std::size_t shown = std::min<std::size_t>(seeds.size(), 20);
@@ -64,8 +66,6 @@ std::string textReport(const ScenarioReport& report) {
     }
     return out;
 }
-
-std::string jsonString(const std::string& text) { return doubleQuoted(text, Quoting::json); }
 
 std::string jsonReport(const ScenarioReport& report) {
     std::string out = "{\"file\":" + jsonString(report.file) + ",\"name\":" + jsonString(report.name) +

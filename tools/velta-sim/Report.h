@@ -32,7 +32,6 @@ std::string textReport(const ScenarioReport& report);
 std::string jsonReport(const ScenarioReport& report);
 // A file that could not be used, as a JSON object on one line.
 std::string jsonFileError(const std::string& file, const std::string& message);
-std::string jsonString(const std::string& text);
 // "N passed, N failed".
 std::string summaryLine(std::size_t passed, std::size_t failed);
 

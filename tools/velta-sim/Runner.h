@@ -53,7 +53,10 @@ struct RunResult {
 // for anything that may abort.
 RunResult runScenario(const Scenario& scenario, const RunOptions& options);
 
+// One run of a scenario in one delivery order.
 struct Outcome {
+    // No failure: every expectation held and the run ended as the scenario says (normally, or in
+    // the assertion its expect_abort names). False whenever `failures` is not empty.
     bool passed = false;
     std::vector<Failure> failures;
     std::string views;

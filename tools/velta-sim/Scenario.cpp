@@ -1,9 +1,9 @@
 // Parsing and validation of scenario files: the file's sections, rows and references, and the step
-// registry (see ScenarioParser.h and, for the step types, Scenario.h).
+// registry (see internal/ScenarioParser.h and, for the step types, Scenario.h).
 #include "Scenario.h"
 
-#include "ScenarioParser.h"
 #include "Text.h"
+#include "internal/ScenarioParser.h"
 
 #include <Velta/Records.h>
 

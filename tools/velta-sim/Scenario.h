@@ -233,6 +233,7 @@ struct Scenario {
     std::optional<std::string> expectAbort;
     bool orderIndependent = false;
 
+    // The declared agent called `name`, or null when no agent has that name.
     const AgentDecl* agent(const std::string& name) const;
 };
 

@@ -1,6 +1,6 @@
 // Reading each step type's fields: one read() overload per type, beside the checks the steps share.
-#include "ScenarioParser.h"
 #include "Text.h"
+#include "internal/ScenarioParser.h"
 
 #include <optional>
 #include <string>

@@ -1,4 +1,4 @@
-#include "Yaml.h"
+#include "internal/Yaml.h"
 
 #include "Text.h"
 

@@ -100,7 +100,7 @@ int checkCommand(const std::vector<std::string>& files) {
     return unusable ? 2 : 0;
 }
 
-int velta_sim(int argc, char** argv) {
+int runVeltaSim(int argc, char** argv) {
     CLI::App app{"velta-sim: runs scenario files of the subscription agents on the in-memory host"};
     app.require_subcommand(1);
     Settings settings;
@@ -153,7 +153,7 @@ int velta_sim(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return velta_sim(argc, argv);
+        return runVeltaSim(argc, argv);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "velta-sim: %s\n", e.what());
     } catch (...) {

@@ -10,7 +10,7 @@
 #pragma once
 
 #include "Scenario.h"
-#include "Yaml.h"
+#include "internal/Yaml.h"
 
 #include <cstddef>
 #include <map>
