@@ -27,18 +27,20 @@
 #define VELTA_RECORD_FIELD_TABLE_ROW(field, kind) {#field, FieldKind::kind},
 #define VELTA_RECORD_FIELD_INDEX(field, kind) field,
 #define VELTA_RECORD_ACCESSORS(field, kind) VELTA_RECORD_ACCESSORS_##kind(field)
-#define VELTA_RECORD_NUMBER_ACCESSORS(field, T)                               \
-    T field() const noexcept { return static_cast<T>(number(Field::field)); } \
+#define VELTA_RECORD_NUMBER_ACCESSORS(field, T)                                  \
+    T field() const noexcept { return static_cast<T>(ownNumber(Field::field)); } \
     void field##Is(const T& value) { numberSlot(Field::field) = static_cast<std::uint64_t>(value); }
 #define VELTA_RECORD_ACCESSORS_u16(field) VELTA_RECORD_NUMBER_ACCESSORS(field, std::uint16_t)
 #define VELTA_RECORD_ACCESSORS_u32(field) VELTA_RECORD_NUMBER_ACCESSORS(field, std::uint32_t)
 #define VELTA_RECORD_ACCESSORS_u64(field) VELTA_RECORD_NUMBER_ACCESSORS(field, unsigned long long)
 #define VELTA_RECORD_ACCESSORS_boolean(field) VELTA_RECORD_NUMBER_ACCESSORS(field, bool)
-#define VELTA_RECORD_ACCESSORS_string(field)                   \
-    std::string field() const { return string(Field::field); } \
+#define VELTA_RECORD_ACCESSORS_string(field)                                                  \
+    std::string field() const { return data_ ? data_->string(Field::field) : std::string(); } \
     void field##Is(const std::string& value) { stringSlot(Field::field) = value; }
-#define VELTA_RECORD_ACCESSORS_strings(field)                                \
-    std::vector<std::string> field() const { return strings(Field::field); } \
+#define VELTA_RECORD_ACCESSORS_strings(field)                                  \
+    std::vector<std::string> field() const {                                   \
+        return data_ ? data_->list(Field::field) : std::vector<std::string>(); \
+    }                                                                          \
     void field##Is(const std::vector<std::string>& value) { listSlot(Field::field) = value; }
 // What one X(field) key entry becomes: a row of the key table, one step of operator<.
 #define VELTA_RECORD_KEY_TABLE_ROW(field) #field,
@@ -89,6 +91,9 @@ public:
     static std::string rowTypeName() { return type().name(); }
 
 protected:
+    // A number field of the record's own type, read without BaseRow's check of kind and range: the
+    // data is always of that type.
+    std::uint64_t ownNumber(std::size_t field) const noexcept { return data_ ? data_->number(field) : 0; }
     std::uint64_t& numberSlot(std::size_t field) {
         return mutableData(type()).numbers[type().fields()[field].slot];
     }
@@ -117,8 +122,9 @@ int compareKeyField(const BaseRow& a, const BaseRow& b, std::size_t field) noexc
         return c == 0 ? 0 : (c < 0 ? -1 : 1);
     } else {
         static_assert(std::is_arithmetic_v<T>, "key fields are numbers or strings");
-        const std::uint64_t x = a.number(field);
-        const std::uint64_t y = b.number(field);
+        // Both rows are of the record's type (or empty), so the field is read without a check.
+        const std::uint64_t x = a.data() != nullptr ? a.data()->number(field) : 0;
+        const std::uint64_t y = b.data() != nullptr ? b.data()->number(field) : 0;
         return x == y ? 0 : (x < y ? -1 : 1);
     }
 }
