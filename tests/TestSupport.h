@@ -170,17 +170,14 @@ inline const RowType& numType(bool twin = false) {
                                {{"k", FieldKind::u64}, {"v", FieldKind::u32}}, {"k"});
 }
 
-// A fixture with one database (options_ and reset() for others) and helpers to connect agents.
+// A fixture with one database (reset() for another) and helpers to connect agents.
 class HostTest : public ::testing::Test {
 protected:
-    HostTest() : db_(Host::Database::create(options_)) {}
+    HostTest() : db_(Host::Database::create()) {}
 
     // Replaces the database with a fresh one made with `options`. Earlier handles stay valid
     // (they keep their own database alive) but no longer reach db_.
-    void reset(const Host::Database::Options& options) {
-        options_ = options;
-        db_ = Host::Database::create(options_);
-    }
+    void reset(const Host::Database::Options& options) { db_ = Host::Database::create(options); }
 
     VeltaDB::p_t connect(const std::string& agentName, bool serverAgent = false, bool external = false) {
         return db_->connect({agentName, agentName, serverAgent, external});
@@ -193,7 +190,6 @@ protected:
         return n;
     }
 
-    Host::Database::Options options_{};
     std::shared_ptr<Host::Database> db_;
 };
 

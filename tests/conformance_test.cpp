@@ -9,8 +9,6 @@
 
 #include <gtest/gtest-spi.h>
 
-#include <set>
-
 namespace Velta::Test {
 namespace {
 

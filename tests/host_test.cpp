@@ -7,13 +7,9 @@
 #include <Velta/HostCapability/Lookahead.h>
 #include <Velta/VeRT.h>
 #include <Velta/Scheduler>
-#include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <map>
 #include <ostream>
 #include <random>
-#include <set>
 
 namespace Velta::Test {
 namespace {
@@ -428,10 +424,8 @@ TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
     db_->listenerIs(nullptr);
     onEvent_["o"] = {};
     EXPECT_EQ(run(), 3u);
-    EXPECT_TRUE(db_->settled());
 
     // An interface bound again leaves its first table at once, with all it had queued from there.
-    onEvent_["o"] = {};
     log_.clear();
     auto moved = observer("moved");
     db_->write(kEvents, ev("d"));
@@ -441,27 +435,6 @@ TEST_F(HostCallbacks, QueuedInFifoOrderAndDeliveredOnlyFromTheLoop) {
     run();
     EXPECT_EQ(log_, (std::vector<std::string>{line("o", "row", "d"), line("late", "row", "d"), "moved ready",
                                               line("o", "row", "e"), line("late", "row", "e")}));
-}
-
-// A seed fixes the delivery order and seeds do reorder (each interface's own order is the kit's).
-TEST_F(HostCallbacks, ShuffledOrderIsFixedBySeedAndDiffersFromFifo) {
-    auto deliveries = [&](std::uint64_t seed) {
-        reset({.shuffleSeed = seed});
-        agent_ = connect("A");
-        log_.clear();
-        const auto p = observer("p"), q = observer("q"), r = observer("r");
-        for (unsigned i = 0; i < 8; ++i) db_->write(kEvents, ev("e", i));
-        run();
-        return log_;
-    };
-    const std::vector<std::string> fifo = deliveries(0);
-    bool reordered = false;
-    for (std::uint64_t seed = 1; seed <= 10; ++seed) {
-        const std::vector<std::string> shuffled = deliveries(seed);
-        EXPECT_EQ(shuffled, deliveries(seed)) << "same seed, same order";
-        reordered = reordered || shuffled != fifo;
-    }
-    EXPECT_TRUE(reordered);
 }
 
 // A seed's order is its draws: each delivery picks one of the queued callbacks uniformly with a

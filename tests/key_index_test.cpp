@@ -5,11 +5,8 @@
 #include <Velta/Agent/internal/RowKeyMap.h>
 #include <Velta/HostCapability/KeyHash.h>
 
-#include <functional>
 #include <iterator>
-#include <map>
 #include <random>
-#include <set>
 
 namespace Velta::Test {
 namespace {

@@ -2,17 +2,9 @@
 // kind of agent, the trace mask level by level, contracts that end the process; churn in every kind.
 #include "TestSupport.h"
 
-#include <Velta/Agent/SubscriptionTranslator.h>
-
-#include <gtest/gtest.h>
-
 #include <array>
 #include <iostream>
 #include <random>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace Velta::Test {
 namespace {

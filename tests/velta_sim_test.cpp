@@ -7,9 +7,6 @@
 #include "TestSupport.h"
 #include "Text.h"
 
-#include <string>
-#include <vector>
-
 namespace {
 
 using VeltaSim::Failure;
@@ -217,32 +214,12 @@ TEST(VeltaSimFormat, DiffsAlignTheMiddleOnlyAndShowContext) {
     const std::vector<std::string> lines = VeltaSim::diffLines(expected, found, same, show, show);
     EXPECT_LT(compared, 6100u);
     // Three matched lines either side of a change, the others counted; a short run stays whole.
-    EXPECT_EQ(lines, (std::vector<std::string>{"  ... 1497 more as expected",
-                                               "  1497",
-                                               "  1498",
-                                               "  1499",
-                                               "- 1500",
-                                               "+ -1",
-                                               "  1501",
-                                               "  1502",
-                                               "  1503",
-                                               "  ... 13 more as expected",
-                                               "  1517",
-                                               "  1518",
-                                               "  1519",
-                                               "- 1520",
-                                               "+ -2",
-                                               "  1521",
-                                               "  1522",
-                                               "  1523",
-                                               "  1524",
-                                               "  1525",
-                                               "- 1526",
-                                               "+ -3",
-                                               "  1527",
-                                               "  1528",
-                                               "  1529",
-                                               "  ... 1470 more as expected"}));
+    std::string shown;
+    for (const std::string& line : lines) shown += line + "\n";
+    EXPECT_EQ(shown,
+              "  ... 1497 more as expected\n  1497\n  1498\n  1499\n- 1500\n+ -1\n  1501\n  1502\n  1503\n"
+              "  ... 13 more as expected\n  1517\n  1518\n  1519\n- 1520\n+ -2\n  1521\n  1522\n  1523\n"
+              "  1524\n  1525\n- 1526\n+ -3\n  1527\n  1528\n  1529\n  ... 1470 more as expected\n");
 }
 
 TEST(VeltaSimRun, ReportsEachFailedExpectationAsADiff) {
