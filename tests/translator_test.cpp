@@ -198,118 +198,118 @@ public:
 TEST_F(TranslatorFlowTest, ServerAgent) {
     EXPECT_EQ(collapsed(serverFlow()), R"(== ready
 L0:326 SubscriptionTranslator starting for server:serverSys
-+ctrlPub subscription_id=14 system_id=10 typeId=65535 status=1
-+ctrlPub subscription_id=15 system_id=99 typeId=65535 status=1
-+ctrlPub subscription_id=16 system_id=11 typeId=65535 status=1
++ctrlPub subscription_id=9 system_id=10 typeId=65535 status=1
++ctrlPub subscription_id=10 system_id=99 typeId=65535 status=1
++ctrlPub subscription_id=11 system_id=11 typeId=65535 status=1
 L9:394 extSubsObserver_ not ready (x4)
 L9:394 pubObserver_ not ready
 call registerTable path=velta/out/act typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=18 connection_id=5 system_description=10 typeName=Test::Item tableId=17 @extSubsObserver_
-L9:728 Updating sid for velta/out/act, 0=>18
--ctrlSub oid=14 connection_id=4 system_description=10 @extSubsObserver_
--ctrlSub oid=16 connection_id=5 system_description=11 @extSubsObserver_
--ctrlSub oid=15 connection_id=5 system_description=99 @extSubsObserver_
++ctrlSub oid=13 connection_id=5 system_description=10 typeName=Test::Item tableId=12 @extSubsObserver_
+L9:728 Updating sid for velta/out/act, 0=>13
+-ctrlSub oid=9 connection_id=4 system_description=10 @extSubsObserver_
+-ctrlSub oid=11 connection_id=5 system_description=11 @extSubsObserver_
+-ctrlSub oid=10 connection_id=5 system_description=99 @extSubsObserver_
 -extPub subscription_id=4242 status=1 @extSubsObserver_
 +extPub subscription_id=5 publication_id=777 error=no corresponding internal publication row @pubObserver_
-+ctrlPub subscription_id=18 system_id=10 tableId=17 typeId=8 status=1
--ctrlPub subscription_id=14 system_id=10 typeId=65535 status=1
--ctrlPub subscription_id=16 system_id=11 typeId=65535 status=1
--ctrlPub subscription_id=15 system_id=99 typeId=65535 status=1
-+extPub subscription_id=5 publication_id=18 tableId=17 typeId=8 status=1
++ctrlPub subscription_id=13 system_id=10 tableId=12 typeId=8 status=1
+-ctrlPub subscription_id=9 system_id=10 typeId=65535 status=1
+-ctrlPub subscription_id=11 system_id=11 typeId=65535 status=1
+-ctrlPub subscription_id=10 system_id=99 typeId=65535 status=1
++extPub subscription_id=5 publication_id=13 tableId=12 typeId=8 status=1
 L4:822 [serverSys:10] defineQuery (velta/out/act) 
 call defineQuery text="" typeId=8 params={} standing=1 name="" agent=server
 == intake
 call registerTable path=velta/out/q1 typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=28 connection_id=19 system_description=10 typeName=Test::Item type_signature=sig tableId=27 features=6 ptime=42
-L9:728 Updating sid for velta/out/q1, 0=>28
-+extPub subscription_id=19 tableId=27 typeId=8 status=1
++ctrlSub oid=23 connection_id=14 system_description=10 typeName=Test::Item type_signature=sig tableId=22 features=6 ptime=42
+L9:728 Updating sid for velta/out/q1, 0=>23
++extPub subscription_id=14 tableId=22 typeId=8 status=1
 call registerTable path=velta/out/bad typeName=Test::Item tableType=0 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=30 connection_id=20 system_description=10 typeName=Test::Item tableId=29
-L9:728 Updating sid for velta/out/bad, 0=>30
-+extPub subscription_id=20 tableId=29 typeId=8 status=1
-+extPub subscription_id=21 connection_id=21 typeId=8 error=SystemDescription no longer valid.
++ctrlSub oid=25 connection_id=15 system_description=10 typeName=Test::Item tableId=24
+L9:728 Updating sid for velta/out/bad, 0=>25
++extPub subscription_id=15 tableId=24 typeId=8 status=1
++extPub subscription_id=16 connection_id=16 typeId=8 error=SystemDescription no longer valid.
 call registerTable path=velta/out/la1 typeName=Test::Item tableType=1 desiredFlags=64 flags=1 owner= agent=server
 L4:593 [serverSys:10] subscribe r velta/out/la1
-+ctrlSub oid=32 connection_id=22 system_description=10 typeName=Test::Item tableId=31
-L9:728 Updating sid for velta/out/la1, 0=>32
-+extPub subscription_id=22 tableId=31 typeId=8 status=1
++ctrlSub oid=27 connection_id=17 system_description=10 typeName=Test::Item tableId=26
+L9:728 Updating sid for velta/out/la1, 0=>27
++extPub subscription_id=17 tableId=26 typeId=8 status=1
 call registerTable path=velta/out/la2 typeName=Test::Item tableType=1 desiredFlags=1 flags=64 owner= agent=server
 L4:593 [serverSys:10] subscribe r velta/out/la2
-+ctrlSub oid=34 connection_id=23 system_description=10 typeName=Test::Item tableId=33
-L9:728 Updating sid for velta/out/la2, 0=>34
-+extPub subscription_id=23 tableId=33 typeId=8 status=1
++ctrlSub oid=29 connection_id=18 system_description=10 typeName=Test::Item tableId=28
+L9:728 Updating sid for velta/out/la2, 0=>29
++extPub subscription_id=18 tableId=28 typeId=8 status=1
 L4:593 [serverSys:10] subscribe w velta/out/owned2
-+ctrlSub oid=35 connection_id=24 system_description=10 typeName=Test::Item tableId=13 writer=1
-L9:728 Updating sid for velta/out/owned2, 0=>35
-+extPub subscription_id=24 tableId=13 typeId=8 status=1
++ctrlSub oid=30 connection_id=19 system_description=10 typeName=Test::Item tableId=8 writer=1
+L9:728 Updating sid for velta/out/owned2, 0=>30
++extPub subscription_id=19 tableId=8 typeId=8 status=1
 call registerTable path=velta/out/la3 typeName=Test::Item tableType=1 desiredFlags=64 flags=64 owner= agent=server
-+ctrlSub oid=37 connection_id=25 system_description=10 typeName=Test::Item tableId=36
-L9:728 Updating sid for velta/out/la3, 0=>37
-+extPub subscription_id=25 tableId=36 typeId=8 status=1
++ctrlSub oid=32 connection_id=20 system_description=10 typeName=Test::Item tableId=31
+L9:728 Updating sid for velta/out/la3, 0=>32
++extPub subscription_id=20 tableId=31 typeId=8 status=1
 call registerTable path=velta/out/m typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=server
-+ctrlSub oid=39 connection_id=26 system_description=11 typeName=Test::Item tableId=38
-L9:728 Updating sid for velta/out/m, 0=>39
-+extPub subscription_id=26 tableId=38 typeId=8 status=1
-+ctrlPub subscription_id=28 system_id=10 tableId=27 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=30 system_id=10 tableId=29 typeId=8 status=1 ptime=500
++ctrlSub oid=34 connection_id=21 system_description=11 typeName=Test::Item tableId=33
+L9:728 Updating sid for velta/out/m, 0=>34
++extPub subscription_id=21 tableId=33 typeId=8 status=1
++ctrlPub subscription_id=23 system_id=10 tableId=22 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=25 system_id=10 tableId=24 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=27 system_id=10 tableId=26 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=29 system_id=10 tableId=28 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=30 system_id=10 tableId=8 typeId=8 status=1 ptime=500
 +ctrlPub subscription_id=32 system_id=10 tableId=31 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=34 system_id=10 tableId=33 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=35 system_id=10 tableId=13 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=37 system_id=10 tableId=36 typeId=8 status=1 ptime=500
-+ctrlPub subscription_id=39 system_id=11 tableId=38 typeId=8 status=1 ptime=500
-+extPub subscription_id=19 publication_id=28 tableId=27 typeId=8 status=1 ptime=500
++ctrlPub subscription_id=34 system_id=11 tableId=33 typeId=8 status=1 ptime=500
++extPub subscription_id=14 publication_id=23 tableId=22 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
 call defineQuery text="SELECT key FROM velta/in/items" typeId=8 params={a=3,b=2,c=0} standing=1 name="" agent=server
-+extPub subscription_id=20 publication_id=30 tableId=29 typeId=8 status=1 ptime=500
++extPub subscription_id=15 publication_id=25 tableId=24 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/bad) SELECT key FROM velta/in/missing
 call defineQuery text="SELECT key FROM velta/in/missing" typeId=8 params={} standing=1 name="" agent=server
-+extPub subscription_id=22 publication_id=32 tableId=31 typeId=8 status=1 ptime=500
-+extPub subscription_id=23 publication_id=34 tableId=33 typeId=8 status=1 ptime=500
-+extPub subscription_id=24 publication_id=35 tableId=13 typeId=8 status=1 ptime=500
-+extPub subscription_id=25 publication_id=37 tableId=36 typeId=8 status=1 ptime=500
++extPub subscription_id=17 publication_id=27 tableId=26 typeId=8 status=1 ptime=500
++extPub subscription_id=18 publication_id=29 tableId=28 typeId=8 status=1 ptime=500
++extPub subscription_id=19 publication_id=30 tableId=8 typeId=8 status=1 ptime=500
++extPub subscription_id=20 publication_id=32 tableId=31 typeId=8 status=1 ptime=500
 L4:822 [serverSys:10] defineQuery (velta/out/la3) SELECT * FROM 
 call defineQuery text="SELECT * FROM " typeId=8 params={} standing=0 name="" agent=server
-L2:775   PublicationTranslator Skipping internal publication: veCtrl::subscription{oid=39 connection_id=26 system_description=11 typeName="Test::Item" type_signature="" tableId=38 features=0 writer=0 ptime=0} for internal member veMetadata::SystemDescription{oid=11 sysName="internalSys" agentName="member" properties=0}
--ctrlSub oid=30 connection_id=20 system_description=10 typeName=Test::Item tableId=29
--ctrlPub subscription_id=30 system_id=10 tableId=29 typeId=8 status=1 ptime=500
-+extPub subscription_id=20 publication_id=30 tableId=29 typeId=8 error=no corresponding publication row ptime=500
-velta/out/q1 - 19 27 8 28
-velta/out/bad - 20 29 8 0
-velta/out/s - 21 0 8 0
-velta/out/la1 r 22 31 8 32
-velta/out/la2 r 23 33 8 34
-velta/out/owned2 w 24 13 8 35
-velta/out/la3 - 25 36 8 37
-velta/out/m - 26 38 8 39
+L2:775   PublicationTranslator Skipping internal publication: veCtrl::subscription{oid=34 connection_id=21 system_description=11 typeName="Test::Item" type_signature="" tableId=33 features=0 writer=0 ptime=0} for internal member veMetadata::SystemDescription{oid=11 sysName="internalSys" agentName="member" properties=0}
+-ctrlSub oid=25 connection_id=15 system_description=10 typeName=Test::Item tableId=24
+-ctrlPub subscription_id=25 system_id=10 tableId=24 typeId=8 status=1 ptime=500
++extPub subscription_id=15 publication_id=25 tableId=24 typeId=8 error=no corresponding publication row ptime=500
+velta/out/q1 - 14 22 8 23
+velta/out/bad - 15 24 8 0
+velta/out/s - 16 0 8 0
+velta/out/la1 r 17 26 8 27
+velta/out/la2 r 18 28 8 29
+velta/out/owned2 w 19 8 8 30
+velta/out/la3 - 20 31 8 32
+velta/out/m - 21 33 8 34
 == publications
-+ctrlPub subscription_id=28 system_id=10 tableId=27 status=1 ptime=549
++ctrlPub subscription_id=23 system_id=10 tableId=22 status=1 ptime=549
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
 call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2,c=0} standing=1 name="" agent=server
-+ctrlPub subscription_id=28 system_id=10 tableId=27 status=1 ptime=550
-+extPub subscription_id=19 publication_id=28 tableId=27 status=1 ptime=550
++ctrlPub subscription_id=23 system_id=10 tableId=22 status=1 ptime=550
++extPub subscription_id=14 publication_id=23 tableId=22 status=1 ptime=550
 L4:822 [serverSys:10] defineQuery (velta/out/q1) SELECT key FROM velta/in/items
 call defineQuery text="SELECT key FROM velta/in/items" typeId=0 params={a=3,b=2,c=0} standing=1 name="" agent=server
-+ctrlPub subscription_id=28 system_id=10 tableId=27 error=broken ptime=549
-+extPub subscription_id=19 publication_id=28 tableId=27 error=broken ptime=549
--ctrlPub subscription_id=28 system_id=10 tableId=27 error=broken ptime=549
--ctrlPub subscription_id=34 system_id=10 tableId=33 typeId=8 status=1 ptime=500
-+extPub subscription_id=23 publication_id=34 tableId=33 typeId=8 error=no corresponding publication row ptime=500
-+ctrlPub subscription_id=34 tableId=33 status=1 ptime=600
++ctrlPub subscription_id=23 system_id=10 tableId=22 error=broken ptime=549
++extPub subscription_id=14 publication_id=23 tableId=22 error=broken ptime=549
+-ctrlPub subscription_id=23 system_id=10 tableId=22 error=broken ptime=549
+-ctrlPub subscription_id=29 system_id=10 tableId=28 typeId=8 status=1 ptime=500
++extPub subscription_id=18 publication_id=29 tableId=28 typeId=8 error=no corresponding publication row ptime=500
++ctrlPub subscription_id=29 tableId=28 status=1 ptime=600
 +ctrlPub subscription_id=5555 status=1
-+extPub subscription_id=23 publication_id=34 tableId=33 status=1 ptime=600
-+extPub subscription_id=23 status=1
++extPub subscription_id=18 publication_id=29 tableId=28 status=1 ptime=600
++extPub subscription_id=18 status=1
 L4:593 [serverSys:10] subscribe r velta/out/la2
-+ctrlSub oid=34 connection_id=23 system_description=10 typeName=Test::Item tableId=33
-+extPub subscription_id=23 publication_id=34 tableId=33 status=1 ptime=600
++ctrlSub oid=29 connection_id=18 system_description=10 typeName=Test::Item tableId=28
++extPub subscription_id=18 publication_id=29 tableId=28 status=1 ptime=600
 == withdrawals
-L4:662  deleting subscription [19] velta/out/q1
--extPub subscription_id=19 publication_id=28 tableId=27 error=broken ptime=549
-L9:672   Lookup sid: 28
--ctrlSub oid=28 connection_id=19 system_description=10 typeName=Test::Item type_signature=sig tableId=27 features=6 ptime=42
+L4:662  deleting subscription [14] velta/out/q1
+-extPub subscription_id=14 publication_id=23 tableId=22 error=broken ptime=549
+L9:672   Lookup sid: 23
+-ctrlSub oid=23 connection_id=14 system_description=10 typeName=Test::Item type_signature=sig tableId=22 features=6 ptime=42
 L4:683 [serverSys] removeQuery velta/out/q1
 call removeQuery name="velta/out/q1" agent=server
-L4:662  deleting subscription [20] velta/out/bad
--extPub subscription_id=20 publication_id=30 tableId=29 typeId=8 error=no corresponding publication row ptime=500
+L4:662  deleting subscription [15] velta/out/bad
+-extPub subscription_id=15 publication_id=25 tableId=24 typeId=8 error=no corresponding publication row ptime=500
 L9:672   Lookup sid: 0
 L9:679   Not found
 L4:683 [serverSys] removeQuery velta/out/bad
@@ -317,12 +317,12 @@ call removeQuery name="velta/out/bad" agent=server
 L9:728 Updating sid for velta/out/reg, 0=>5
 L9:728 Updating sid for velta/out/reg, 5=>9
 - 31 0 8 9 ids 0 31
--ctrlSub oid=37 connection_id=25 system_description=10 typeName=Test::Item tableId=36
-- 25 36 8 0 old sid maps 1
+-ctrlSub oid=32 connection_id=20 system_description=10 typeName=Test::Item tableId=31
+- 20 31 8 0 old sid maps 1
 == registry
--extPub subscription_id=24 publication_id=35 tableId=13 typeId=8 status=1 ptime=500
--ctrlSub oid=35 connection_id=24 system_description=10 typeName=Test::Item tableId=13 writer=1
-+extPub subscription_id=24 connection_id=24 tableId=13 typeId=8 error=lost
+-extPub subscription_id=19 publication_id=30 tableId=8 typeId=8 status=1 ptime=500
+-ctrlSub oid=30 connection_id=19 system_description=10 typeName=Test::Item tableId=8 writer=1
++extPub subscription_id=19 connection_id=19 tableId=8 typeId=8 error=lost
 == teardown
 L8: 347x1 417x1 477 (perClient:0)x10 652x2 695( ok:0, sid:#,tr?1)x1 695( ok:0, sid:0,tr?0)x2 695( ok:0, sid:0,tr?1)x2 695( ok:1, sid:#,tr?1)x14 695( ok:1, sid:0,tr?0)x1 695( ok:1, sid:5,tr?0)x1 695( ok:1, sid:9,tr?0)x1 760x20 846x6
 )");
@@ -339,30 +339,30 @@ L4:556 Table row not ready for velta/out/pr
 parked 2
 == intake
 L4:593 [sysA:20] subscribe w velta/out/late
-+ctrlSub oid=40 connection_id=33 system_description=20 typeName=Test::Item tableId=38 writer=1
-L9:728 Updating sid for velta/out/late, 0=>40
++ctrlSub oid=16 connection_id=33 system_description=20 typeName=Test::Item tableId=14 writer=1
+L9:728 Updating sid for velta/out/late, 0=>16
 L4:593 [sysA:20] subscribe r velta/out/e
-+ctrlSub oid=41 connection_id=34 system_description=20 typeName=Test::Item tableId=23
-L9:728 Updating sid for velta/out/e, 0=>41
++ctrlSub oid=17 connection_id=10 system_description=20 typeName=Test::Item tableId=7
+L9:728 Updating sid for velta/out/e, 0=>17
 L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
 L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
 parked 0
 == client publications
-+ctrlPub subscription_id=41 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L4:903 No internal entry for Subscription External::Subscription{oid=35 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
-L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=37 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-L2:916 No matching system description for subscription: External::Subscription{oid=34 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0}
-L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=34 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="sysA" agentName="B" properties=1})
-L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=34 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="other" agentName="A" properties=1})
++ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L4:903 No internal entry for Subscription External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+L2:916 No matching system description for subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0}
+L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="sysA" agentName="B" properties=1})
+L2:923   PublicationTranslator Skipping unrelated subscription: External::Subscription{oid=10 typeName="Test::Item" type_signature="" queryText="SELECT * FROM velta/out/e" outputPath="velta/out/e" system_description=20 flags=0 desiredFlags=0 standing=1 features=0 paramName=[] paramValue=[] ptime=0} (for system: veMetadata::SystemDescription{oid=20 sysName="other" agentName="A" properties=1})
 == client publication deleted
 +ctrlPub status=1
--extPub subscription_id=34 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 (x2)
-+ctrlPub subscription_id=41 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
-L9:961  deleting internal publication [0]  for external subscription: External::Subscription{oid=42 typeName="Test::Item" type_signature="" queryText="" outputPath="" system_description=0 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+-extPub subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 (x2)
++ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7
+L9:961  deleting internal publication [0]  for external subscription: External::Subscription{oid=18 typeName="Test::Item" type_signature="" queryText="" outputPath="" system_description=0 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
 -ctrlPub status=1
-L4:662  deleting subscription [34] velta/out/e
-L9:672   Lookup sid: 41
--ctrlSub oid=41 connection_id=34 system_description=20 typeName=Test::Item tableId=23
+L4:662  deleting subscription [10] velta/out/e
+L9:672   Lookup sid: 17
+-ctrlSub oid=17 connection_id=10 system_description=20 typeName=Test::Item tableId=7
 call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
 L4:556 Table row not ready for velta/out/c
 +ctrlPub subscription_id=8888 status=1
@@ -371,18 +371,18 @@ after clean: required 0, entries 0, parked 1
 call registerTable path=velta/out/c typeName=Test::Item tableType=1 desiredFlags=0 flags=0 owner= agent=A
 L4:556 Table row not ready for velta/out/c
 L4:593 [sysA:20] subscribe w velta/out/late
-+ctrlSub oid=40 connection_id=33 system_description=20 typeName=Test::Item tableId=38 writer=1 @extSubsObserver_
-L9:728 Updating sid for velta/out/late, 0=>40
++ctrlSub oid=16 connection_id=33 system_description=20 typeName=Test::Item tableId=14 writer=1 @extSubsObserver_
+L9:728 Updating sid for velta/out/late, 0=>16
 L9:520 Unrelated SystemDescription sysA::B [ours: sysA::A]
 L9:520 Unrelated SystemDescription other::A [ours: sysA::A]
-L4:897 No corresponding external Subscription for External::Publication{subscription_id=34 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-L4:903 No internal entry for Subscription External::Subscription{oid=35 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
-L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=37 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
--ctrlPub subscription_id=41 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 @extPubObserver_
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+L4:903 No internal entry for Subscription External::Subscription{oid=11 typeName="Test::Item" type_signature="" queryText="" outputPath="velta/out/u1" system_description=21 flags=0 desiredFlags=0 standing=0 features=0 paramName=[] paramValue=[] ptime=0}
+L4:909 No corresponding ctrl subscription for External::Publication{subscription_id=13 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
+-ctrlPub subscription_id=17 connection_id=4 system_id=20 tableId=5 typeId=6 view_id=3 error=client says no ptime=7 @extPubObserver_
 -ctrlPub subscription_id=8888 status=1 @extPubObserver_
-L4:897 No corresponding external Subscription for External::Publication{subscription_id=34 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
-+ctrlSub oid=45 connection_id=43 system_description=20 typeName=Test::Item tableId=44
-L9:728 Updating sid for velta/out/c, 0=>45
+L4:897 No corresponding external Subscription for External::Publication{subscription_id=10 publication_id=1 connection_id=4 tableId=5 typeId=6 view_id=3 status=0 error="client says no" ptime=7}
++ctrlSub oid=21 connection_id=19 system_description=20 typeName=Test::Item tableId=20
+L9:728 Updating sid for velta/out/c, 0=>21
 L8: 347x1 417x2 477 (perClient:0)x18 641x3 652x1 695( ok:0, sid:0,tr?0)x6 695( ok:0, sid:0,tr?1)x4 695( ok:1, sid:#,tr?1)x4 889x11 950x2
 )");
 }

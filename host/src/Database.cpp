@@ -7,8 +7,6 @@
 
 #include <Velta/Host/Database.h>
 
-#include <Kesto/DebugSupport.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -209,7 +207,7 @@ std::optional<std::uint64_t> Database::Impl::storeNow(TableState& t, BaseRow& ro
     const auto oidAt = static_cast<std::size_t>(oidField);
     if (oidField >= 0 && t.oidInKey() && target.number(oidAt) == 0) {
         // The oid is the key: a row without one is always new.
-        newOidIs(target, oidAt);
+        newOidIs(t, target, oidAt);
         oidAssigned = true;
     }
     const TableState::Spot spot = t.locate(*target.data());
@@ -217,10 +215,8 @@ std::optional<std::uint64_t> Database::Impl::storeNow(TableState& t, BaseRow& ro
         if (spot.stored != nullptr)
             target.numberIs(oidAt, t.oidOf(*spot.stored));
         else
-            newOidIs(target, oidAt);
+            newOidIs(t, target, oidAt);
         oidAssigned = true;
-    } else if (oidField >= 0 && !oidAssigned) {
-        nextOid_ = std::max(nextOid_, target.number(oidAt));  // a client's own oid is taken from now on
     }
     if (oidAssigned && &target != &row) {
         // Tell the caller the oid as well, when its own row has one.
@@ -235,9 +231,11 @@ std::optional<std::uint64_t> Database::Impl::storeNow(TableState& t, BaseRow& ro
     return replacedOid;
 }
 
-void Database::Impl::newOidIs(BaseRow& target, std::size_t oidField) {
-    target.numberIs(oidField, ++nextOid_);
-    KESTO_ASSERT(target.number(oidField) == nextOid_, __FILE__, __LINE__, __PRETTY_FUNCTION__);
+void Database::Impl::newOidIs(const TableState& t, BaseRow& target, std::size_t oidField) {
+    // The field holds what it can of the counter: past its width the numbers come round again, and
+    // those still taken are passed over like any other.
+    do target.numberIs(oidField, ++nextOid_);
+    while (target.number(oidField) == 0 || t.hasOid(target.number(oidField)));
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {

@@ -327,6 +327,8 @@ public:
     bool exactKeys() const noexcept { return prefixIsKey_; }
     // Index 1's first entry with `key`'s oid, or its end (tables with an oid only).
     OidIndex::const_iterator findOid(const RowData& key) const;
+    // True when a row of the table has `oid`.
+    bool hasOid(std::uint64_t oid) const;
 
     // Where `key` (data of the table's type) is or would go in the hash index. Valid until the
     // table next changes.
@@ -658,9 +660,9 @@ public:
     // its type has one and it has none, and telling `row` that oid. Returns the oid of the row it
     // replaced, or nothing when the key was new.
     std::optional<std::uint64_t> storeNow(Velta::detail::TableState& t, BaseRow& row, BaseRow& target);
-    // Gives `target` the next oid of the counter in its field `oidField`; asserts that the field
-    // holds it, since past that a new row could only get an oid another row has had.
-    void newOidIs(BaseRow& target, std::size_t oidField);
+    // Gives `target`, a new row for `t`, the counter's next oid that is not 0 and that no row of `t`
+    // has (a writer may have given a number the counter had not reached yet) in its field `oidField`.
+    void newOidIs(const Velta::detail::TableState& t, BaseRow& target, std::size_t oidField);
     // Deletes by primary key; false when there was no such row (or no table).
     bool eraseRow(Velta::detail::Slot& slot, const BaseRow& key);
 
@@ -747,8 +749,6 @@ private:
     // erased; an agent asks for a table's metadata row on every subscription.
     const Velta::detail::Slot* veTableSlot() const noexcept;
     mutable const Velta::detail::Slot* veTableSlot_ = nullptr;
-    // The greatest oid given out or stored: a new row's oid is past every oid the database has seen,
-    // its clients' own included.
     std::uint64_t nextOid_ = 0;
     std::uint64_t attachIds_ = 0;
     std::uint64_t handleIds_ = 0;

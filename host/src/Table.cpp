@@ -136,6 +136,12 @@ OidIndex::const_iterator TableState::findOid(const RowData& key) const {
     return it == byOid_.end() || it->oid != oid ? byOid_.end() : it;
 }
 
+bool TableState::hasOid(std::uint64_t oid) const {
+    settle();
+    const auto it = byOid_.lower_bound(OidProbe{oid});
+    return it != byOid_.end() && it->oid == oid;
+}
+
 TableState::Spot TableState::locate(const RowData& key) {
     settle();
     return spotOf(hashOf(key), key);
