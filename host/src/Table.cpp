@@ -9,6 +9,7 @@
 #include "HostInternal.h"
 
 #include <cstring>
+#include <iterator>
 
 namespace Velta::detail {
 
@@ -138,6 +139,8 @@ OidIndex::const_iterator TableState::findOid(const RowData& key) const {
 
 bool TableState::hasOid(std::uint64_t oid) const {
     settle();
+    // A new oid is nearly always past the table's greatest: that answer needs no walk.
+    if (byOid_.empty() || std::prev(byOid_.end())->oid < oid) return false;
     const auto it = byOid_.lower_bound(OidProbe{oid});
     return it != byOid_.end() && it->oid == oid;
 }
