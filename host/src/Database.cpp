@@ -7,6 +7,8 @@
 
 #include <Velta/Host/Database.h>
 
+#include <absl/cleanup/cleanup.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -364,13 +366,8 @@ bool Database::Impl::runOne() {
     QueuedEvent e = options.shuffleSeed != 0 ? takeSeeded() : takeNext();
     if (e.att != nullptr) --e.att->queued;
     delivering = true;
-    try {
-        deliver(e);
-    } catch (...) {
-        delivering = false;
-        throw;
-    }
-    delivering = false;
+    const absl::Cleanup delivered = [this] { delivering = false; };  // a callback's throw included
+    deliver(e);
     return true;
 }
 
@@ -407,24 +404,21 @@ void Database::Impl::lookAhead() noexcept {
 void Database::Impl::deliver(QueuedEvent& e) {
     // The listener hears of the delivery's end however the callback ends, a throw included, so that
     // its begins and ends stay paired.
-    struct End {
-        EventListener* l;
-        ~End() {
-            if (l != nullptr) l->onDeliveryEnd();
-        }
-    };
     EventListener* const l = listener;
+    const auto ended = [l] {
+        if (l != nullptr) l->onDeliveryEnd();
+    };
     if (e.att == nullptr) {
         if (l != nullptr)
             l->onDeliveryBegin(EventListener::Delivery::hostTask, nullptr, kNoRow, e.task->what());
-        const End end{l};
+        const absl::Cleanup end = ended;
         if (e.task->run) e.task->run();
         return;
     }
     VeTableInterface& iface = *e.att->iface;
     static const std::string kNoWhat;
     if (l != nullptr) l->onDeliveryBegin(deliveryOf(e.kind), &iface, e.row, kNoWhat);
-    const End end{l};
+    const absl::Cleanup end = ended;
     switch (e.kind) {
         case QueuedEvent::Kind::ready:
             HostAccess::readyIs(iface);
@@ -725,10 +719,9 @@ VeltaDB::p_t Database::connect(const AgentOptions& options) {
 std::size_t Database::runUntilIdle() {
     if (impl_->delivering) return 0;  // never deliver from inside a callback
     // Judged however the run ends, a callback's throw included.
-    struct Settle {
-        Impl& impl;
-        ~Settle() { impl.settled = impl.queue.empty() && impl.seededQueue.empty(); }
-    } const settle{*impl_};
+    const absl::Cleanup judged = [this] {
+        impl_->settled = impl_->queue.empty() && impl_->seededQueue.empty();
+    };
     std::size_t n = 0;
     const std::size_t bound = impl_->options.deliveryBound;
     while (n < bound && impl_->runOne()) ++n;

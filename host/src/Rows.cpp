@@ -96,6 +96,15 @@ void appendQuoted(std::string& out, const std::string& s) {
 const std::string kEmptyString;
 const std::vector<std::string> kEmptyList;
 
+// True when `data` holds a field `field` of a kind `isKind` accepts: the generic readers and setters
+// reach a field only through the array of its own kind.
+template <class IsKind>
+bool holds(const RowData* data, std::size_t field, IsKind isKind) noexcept {
+    return data != nullptr && field < data->type->fields().size() && isKind(data->type->fields()[field].kind);
+}
+bool isString(FieldKind kind) noexcept { return kind == FieldKind::string; }
+bool isList(FieldKind kind) noexcept { return kind == FieldKind::strings; }
+
 }  // namespace
 
 const char* fieldKindName(FieldKind kind) noexcept {
@@ -247,40 +256,28 @@ bool BaseRow::equals(const BaseRow& other) const noexcept {
 }
 
 const std::string& BaseRow::string(std::size_t field) const noexcept {
-    return data_ != nullptr && field < data_->type->fields().size() &&
-                   data_->type->fields()[field].kind == FieldKind::string
-               ? data_->string(field)
-               : kEmptyString;
+    return holds(data_, field, isString) ? data_->string(field) : kEmptyString;
 }
 
 const std::vector<std::string>& BaseRow::strings(std::size_t field) const noexcept {
-    return data_ != nullptr && field < data_->type->fields().size() &&
-                   data_->type->fields()[field].kind == FieldKind::strings
-               ? data_->list(field)
-               : kEmptyList;
+    return holds(data_, field, isList) ? data_->list(field) : kEmptyList;
 }
 
 void BaseRow::numberIs(std::size_t field, std::uint64_t value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size() &&
-                     isNumberKind(data_->type->fields()[field].kind),
-                 __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    KESTO_ASSERT(holds(data_, field, isNumberKind), __FILE__, __LINE__, __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     const RowType::Field& f = d.type->fields()[field];
     d.numbers[f.slot] = truncateTo(f.kind, value);  // as stored, so every reader sees one value
 }
 
 void BaseRow::stringIs(std::size_t field, std::string value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size() &&
-                     data_->type->fields()[field].kind == FieldKind::string,
-                 __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    KESTO_ASSERT(holds(data_, field, isString), __FILE__, __LINE__, __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.strings[d.type->fields()[field].slot] = std::move(value);
 }
 
 void BaseRow::stringsIs(std::size_t field, std::vector<std::string> value) {
-    KESTO_ASSERT(data_ != nullptr && field < data_->type->fields().size() &&
-                     data_->type->fields()[field].kind == FieldKind::strings,
-                 __FILE__, __LINE__, __PRETTY_FUNCTION__);
+    KESTO_ASSERT(holds(data_, field, isList), __FILE__, __LINE__, __PRETTY_FUNCTION__);
     RowData& d = mutableData(*data_->type);
     d.lists[d.type->fields()[field].slot] = std::move(value);
 }
