@@ -70,7 +70,7 @@ TEST_F(HostRows, CopyOnWriteConversionPrintingAndEquality) {
     EXPECT_EQ(full.number(6) + full.string(6).size() + full.strings(6).size(), 0u);
 }
 
-TEST(HostRowsDeathTest, SettersOfAnotherKindAndThrowingListenersEndTheProcess) {
+TEST(HostRowsDeathTest, SettersOfAnotherKindAndListenersThatThrowOrChangeTheDatabaseEndTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     BaseRow row = makeRow(pairType(), {});
     EXPECT_DEATH(row.stringIs(3, "x"), "stringIs");  // tags is a list: strings[3] does not exist
@@ -88,6 +88,29 @@ TEST(HostRowsDeathTest, SettersOfAnotherKindAndThrowingListenersEndTheProcess) {
             db->write("test/rows", row);
         },
         "listener");
+    // A hook that changes the database would land between two halves of the host's bookkeeping:
+    // here, a write reported before the event that tells its observers is queued.
+    struct Writing : Host::EventListener {
+        Host::Database* db = nullptr;
+        void onWrite(const std::string& path, const BaseRow& written) override {
+            if (path == "test/rows") db->write("test/echo", written);
+        }
+        void onHostCall(const Host::HostCall&) override { db->callsClear(); }
+    };
+    const auto changedFrom = [](auto change) {
+        const auto db = Host::Database::create();
+        Writing listener;
+        listener.db = db.get();
+        db->listenerIs(&listener);
+        change(*db);
+    };
+    const BaseRow keyed = makeRow(pairType(), {{"oid", 1}});
+    EXPECT_DEATH(changedFrom([&](Host::Database& db) { db.write("test/rows", keyed); }), "must not change");
+    EXPECT_DEATH(changedFrom([](Host::Database& db) {
+                     db.connect({"a", "s"})
+                         ->registerTable("test/t", "External::Subscription", TableType::standing, 0, 0, "");
+                 }),
+                 "must not change");
 }
 
 TEST_F(HostRows, TypeRegistryClassesAndRowOps) {

@@ -131,6 +131,7 @@ void Database::Impl::eraseSlotIfUnused(Slot& slot) {
 
 bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::string& ownerName,
                                  unsigned oid) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     if (slot.table) return false;
     slot.table = std::make_shared<TableState>(type, slot.path);
     tell([&](EventListener& l) { l.onTableCreated(slot.path); });
@@ -160,6 +161,7 @@ void Database::Impl::restoreMetadataRow(Slot& slot, const std::string& ownerName
 }
 
 bool Database::Impl::dropTable(const std::string& path) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     Slot* slot = findSlot(path);
     if (slot == nullptr || !slot->table) return false;
     std::shared_ptr<TableState> table = std::move(slot->table);
@@ -178,6 +180,7 @@ bool Database::Impl::dropTable(const std::string& path) {
 }
 
 const RowData* Database::Impl::writeRow(Slot& slot, BaseRow& row) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     if (row.empty()) return nullptr;
     TableState& t = *slot.table;
     BaseRow converted;
@@ -241,6 +244,7 @@ void Database::Impl::newOidIs(const TableState& t, BaseRow& target, std::size_t 
 }
 
 bool Database::Impl::eraseRow(Slot& slot, const BaseRow& key) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     if (!slot.table || key.empty()) return false;
     TableState& t = *slot.table;
     const BaseRow removed = RowRef::adopt(key.rowType() == &t.type() ? t.remove(*key.data())
@@ -284,6 +288,7 @@ veMetadata::veTable Database::Impl::tableInfo(unsigned oid) const {
 
 void Database::Impl::bind(VeTableInterface& iface, const std::string& path, bool flag,
                           const std::string& agentName) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     // Bound already: the first binding goes with what it queued; bound() below resets the rest.
     if (std::shared_ptr<Attachment>& old = HostAccess::attachment(iface)) {
         std::shared_ptr<Attachment> previous = std::move(old);
@@ -346,6 +351,7 @@ void Database::Impl::notify(Slot& slot, QueuedEvent::Kind kind, const BaseRow& r
 }
 
 void Database::Impl::push(QueuedEvent&& e) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     if (e.att != nullptr) ++e.att->queued;
     if (options.shuffleSeed != 0)
         seededQueue.push(std::move(e));
@@ -362,6 +368,7 @@ void Database::Impl::queueTask(const char* kind, std::string subject, std::funct
 }
 
 bool Database::Impl::runOne() {
+    hookNotRunning(__PRETTY_FUNCTION__);
     if ((queue.empty() && seededQueue.empty()) || delivering) return false;
     QueuedEvent e = options.shuffleSeed != 0 ? takeSeeded() : takeNext();
     if (e.att != nullptr) --e.att->queued;
@@ -447,6 +454,7 @@ void Database::Impl::handleGone(std::uint64_t handle) {
 // Impl: host calls
 
 void Database::Impl::logCall(HostCall call) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     calls.push_back(std::move(call));
     tell([&](EventListener& l) { l.onHostCall(calls.back()); });
 }
@@ -533,6 +541,7 @@ void Database::Impl::removeQuery(const AgentHandle& handle, const std::string& n
 }
 
 bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::string& error) {
+    hookNotRunning(__PRETTY_FUNCTION__);
     const auto awaiting = awaitingByText_.find(text);
     if (awaiting == awaitingByText_.end()) return false;
     std::deque<std::size_t>& indexes = awaiting->second;
@@ -548,6 +557,7 @@ bool Database::Impl::completeQuery(const std::string& text, bool ok, const std::
 }
 
 void Database::Impl::queriesClear() {
+    hookNotRunning(__PRETTY_FUNCTION__);
     const auto firstPending = std::find_if(queries.begin(), queries.end(), [](const QueryInfo& q) {
         return q.state == QueryInfo::State::pending;
     });
@@ -717,6 +727,7 @@ VeltaDB::p_t Database::connect(const AgentOptions& options) {
 }
 
 std::size_t Database::runUntilIdle() {
+    impl_->hookNotRunning(__PRETTY_FUNCTION__);
     if (impl_->delivering) return 0;  // never deliver from inside a callback
     // Judged however the run ends, a callback's throw included.
     const absl::Cleanup judged = [this] {
@@ -797,6 +808,7 @@ std::vector<std::string> Database::tablePaths() const {
 std::uint64_t Database::clock() const noexcept { return impl_->clock; }
 
 void Database::clockAdvance(std::uint64_t amount) noexcept {
+    impl_->hookNotRunning(__PRETTY_FUNCTION__);
     std::uint64_t& clock = impl_->clock;
     clock = amount > std::numeric_limits<std::uint64_t>::max() - clock
                 ? std::numeric_limits<std::uint64_t>::max()
@@ -805,7 +817,10 @@ void Database::clockAdvance(std::uint64_t amount) noexcept {
 
 const std::vector<HostCall>& Database::calls() const noexcept { return impl_->calls; }
 
-void Database::callsClear() { impl_->calls.clear(); }
+void Database::callsClear() {
+    impl_->hookNotRunning(__PRETTY_FUNCTION__);
+    impl_->calls.clear();
+}
 
 void Database::queriesClear() { impl_->queriesClear(); }
 

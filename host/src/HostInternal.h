@@ -35,6 +35,7 @@
 #include <absl/container/flat_hash_set.h>
 #include <absl/container/node_hash_map.h>
 
+#include <Kesto/DebugSupport.h>
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
 #include <Velta/HostCapability/Lookahead.h>
@@ -712,10 +713,21 @@ public:
     std::vector<QueryInfo> queries;
     EventListener* listener = nullptr;
     // Tells the listener, if any, what `hook` reports. The host is in the middle of its own
-    // bookkeeping then, so a hook that throws ends the process here instead of leaving it half done.
+    // bookkeeping then, so a hook that throws ends the process here instead of leaving it half done,
+    // and one that changes the database ends it at the change (see `hookNotRunning`).
     template <class Hook>
     void tell(const Hook& hook) const noexcept {
-        if (listener != nullptr) hook(*listener);
+        if (listener == nullptr) return;
+        hookRunning_ = true;
+        hook(*listener);
+        hookRunning_ = false;
+    }
+    // Every change to the database starts here: a change made from a hook would land between two
+    // halves of a write (a control row without its publication, a host call log that moves under the
+    // entry being reported), so it ends the process instead.
+    void hookNotRunning(const char* function) const noexcept {
+        KESTO_ASSERT(!hookRunning_ && "a listener hook must not change the database", __FILE__, __LINE__,
+                     function);
     }
     std::uint64_t clock = 0;
     bool settled = true;
@@ -762,6 +774,7 @@ private:
     // (those whose definer has gone are dropped when met).
     absl::flat_hash_map<std::string, std::deque<std::size_t>> awaitingByText_;
     std::mt19937_64 shuffle_;
+    mutable bool hookRunning_ = false;  // a listener's hook is running (see `tell`)
 };
 
 // One agent's handle on a database.

@@ -91,9 +91,10 @@ struct QueryInfo {
 };
 
 // What the host did, for timelines: deliveries and the changes made while each ran. Every hook
-// does nothing unless overridden, so a listener overrides only what it watches. Hooks report: they
-// must not change the database, and one that throws ends the process (the host calls them in the
-// middle of its own bookkeeping). A delivery's end is reported even when its callback throws.
+// does nothing unless overridden, so a listener overrides only what it watches. Hooks report and
+// may read: one that throws, or changes the database (writes, deletes, tables, host calls, the
+// queue, the clock, the call log), ends the process, since the host calls them in the middle of its
+// own bookkeeping. A delivery's end is reported even when its callback throws.
 class EventListener {
 public:
     virtual ~EventListener() = default;
