@@ -1,5 +1,5 @@
 # Script mode: install, run the installed runner, configure the consumer against the prefix, build
-# it, run it and the host conformance kit, check pkg-config.
+# it, run it and the host conformance kit, check pkg-config and build the kit's program with it alone.
 function(run)
   execute_process(COMMAND ${ARGV} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT rc EQUAL 0)
@@ -38,3 +38,13 @@ string(FIND "${LAST_OUTPUT}" "-L${PREFIX}/" at_lib)
 if(at_include EQUAL -1 OR at_lib EQUAL -1 OR NOT LAST_OUTPUT MATCHES "-lSubscriptionHandling")
   message(FATAL_ERROR "pkg-config gave: ${LAST_OUTPUT}")
 endif()
+
+# A host author who does not use CMake builds the same kit program from the kit's pkg-config file.
+run(pkg-config --cflags --libs SubscriptionHandlingConformance SubscriptionHandling)
+separate_arguments(kit_flags UNIX_COMMAND "${LAST_OUTPUT}")
+separate_arguments(extra_flags UNIX_COMMAND "${FLAGS}")
+run(pkg-config --variable=libdir SubscriptionHandling)
+string(STRIP "${LAST_OUTPUT}" libdir)
+run(${CXX} ${extra_flags} ${SOURCE}/host_conformance.cpp -o ${BUILD_DIR}/consumer-build/host_conformance_pc
+    ${kit_flags} -Wl,-rpath,${libdir})
+run(${BUILD_DIR}/consumer-build/host_conformance_pc --gtest_brief=1)
