@@ -8,8 +8,37 @@
 #include <Velta/VeRT.h>
 #include <Velta/Scheduler>
 #include <array>
+#include <cstdlib>
+#include <new>
 #include <ostream>
 #include <random>
+
+// Allocations fail on demand, so that the host's answer to a failed allocation can be seen: after
+// `allocationsBeforeFailure` more allocations succeed, every one fails until it is set back to -1.
+namespace {
+long allocationsBeforeFailure = -1;
+long liveAllocations = 0;
+}  // namespace
+
+// Once these are inlined into one another, GCC takes the free() for a release of a block from the
+// standard new.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(std::size_t size) {
+    if (allocationsBeforeFailure == 0) throw std::bad_alloc();
+    if (allocationsBeforeFailure > 0) --allocationsBeforeFailure;
+    void* block = std::malloc(size == 0 ? 1 : size);
+    if (block == nullptr) throw std::bad_alloc();
+    ++liveAllocations;
+    return block;
+}
+void operator delete(void* block) noexcept {
+    if (block == nullptr) return;
+    --liveAllocations;
+    std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+#pragma GCC diagnostic pop
 
 namespace Velta::Test {
 namespace {
@@ -111,6 +140,32 @@ TEST(HostRowsDeathTest, SettersOfAnotherKindAndListenersThatThrowOrChangeTheData
                          ->registerTable("test/t", "External::Subscription", TableType::standing, 0, 0, "");
                  }),
                  "must not change");
+}
+
+TEST(HostRowsDeathTest, AFailedAllocationLeavesNoRowHalfCopiedOrHalfStored) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string longText(40, 'x');  // past what a string holds without an allocation
+    const BaseRow row =
+        makeRow(pairType(),
+                {{"oid", 3}, {"group", longText}, {"tags", std::vector<std::string>{longText, longText}}});
+    // The copy a change makes fails at the tags, after its block and the group's text: both go back.
+    BaseRow shared = row;
+    const long live = liveAllocations;
+    allocationsBeforeFailure = 2;
+    EXPECT_THROW(shared.numberIs(2, 9), std::bad_alloc);
+    allocationsBeforeFailure = -1;
+    EXPECT_EQ(liveAllocations, live);
+    EXPECT_TRUE(shared.sameData(row));
+    // A store that cannot finish would leave the hash entry without its ordered entry, so the
+    // process ends at the failure instead.
+    EXPECT_DEATH(
+        {
+            const auto db = Host::Database::create();
+            db->createTable("test/rows", pairType().name());
+            allocationsBeforeFailure = 0;
+            db->write("test/rows", row);
+        },
+        "bad_alloc");
 }
 
 TEST_F(HostRows, TypeRegistryClassesAndRowOps) {
