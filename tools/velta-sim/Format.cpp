@@ -76,14 +76,14 @@ std::string yamlText(const std::string& text) {
         plain = false;
     for (std::size_t i = 0; plain && i < text.size(); ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c == 0x7f || c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' ||
-            c == '\\')
+        if (c == ',' || c == '[' || c == ']' || c == '{' || c == '}' || c == '"' || c == '\\')
             plain = false;
         else if (c == ':' && (i + 1 == text.size() || text[i + 1] == ' '))
             plain = false;
         else if (c == '#' && i > 0 && text[i - 1] == ' ')
             plain = false;
     }
+    // Control characters (C0, DEL, C1 and the two line separators) quote the text too.
     return plain && !hasControl(text) ? text : doubleQuoted(text, Quoting::yaml);
 }
 
