@@ -9,6 +9,7 @@
 #include <Velta/Scheduler>
 #include <array>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <ostream>
 #include <random>
@@ -117,29 +118,45 @@ TEST(HostRowsDeathTest, SettersOfAnotherKindAndListenersThatThrowOrChangeTheData
             db->write("test/rows", row);
         },
         "listener");
-    // A hook that changes the database would land between two halves of the host's bookkeeping:
-    // here, a write reported before the event that tells its observers is queued.
-    struct Writing : Host::EventListener {
-        Host::Database* db = nullptr;
-        void onWrite(const std::string& path, const BaseRow& written) override {
-            if (path == "test/rows") db->write("test/echo", written);
-        }
-        void onHostCall(const Host::HostCall&) override { db->callsClear(); }
-    };
-    const auto changedFrom = [](auto change) {
-        const auto db = Host::Database::create();
-        Writing listener;
-        listener.db = db.get();
-        db->listenerIs(&listener);
-        change(*db);
-    };
+    // A hook that changes the database would land between two halves of the host's bookkeeping
+    // (here, a write reported before the event that tells its observers is queued), whatever the
+    // change.
+    using Change = std::function<void(Host::Database&, VeltaDB & handle, VeTableInterface & iface)>;
     const BaseRow keyed = makeRow(pairType(), {{"oid", 1}});
-    EXPECT_DEATH(changedFrom([&](Host::Database& db) { db.write("test/rows", keyed); }), "must not change");
-    EXPECT_DEATH(changedFrom([](Host::Database& db) {
-                     db.connect({"a", "s"})
-                         ->registerTable("test/t", "External::Subscription", TableType::standing, 0, 0, "");
-                 }),
-                 "must not change");
+    const std::pair<const char*, Change> changes[] = {
+        {"write", [&](Host::Database& db, VeltaDB&, VeTableInterface&) { db.write("test/echo", keyed); }},
+        {"erase", [&](Host::Database& db, VeltaDB&, VeTableInterface&) { db.erase("test/rows", keyed); }},
+        {"createTable", [](Host::Database& db, VeltaDB&,
+                           VeTableInterface&) { db.createTable("test/new", "RowsTest::Pair"); }},
+        {"dropTable", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.dropTable("test/rows"); }},
+        {"runUntilIdle", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.runUntilIdle(); }},
+        {"clockAdvance", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.clockAdvance(1); }},
+        {"callsClear", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.callsClear(); }},
+        {"queriesClear", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.queriesClear(); }},
+        {"registerTable",
+         [](Host::Database&, VeltaDB& handle, VeTableInterface&) {
+             handle.registerTable("test/t", "RowsTest::Pair", TableType::standing, 0, 0, "");
+         }},
+        {"bindInterface", [](Host::Database&, VeltaDB& handle,
+                             VeTableInterface& iface) { handle.bindInterface(iface, "test/other", false); }},
+    };
+    struct Changing : Host::EventListener {
+        std::function<void()> change;
+        void onWrite(const std::string& path, const BaseRow&) override {
+            if (path == "test/rows") change();
+        }
+    };
+    const auto changeFromAHook = [&](const Change& change) {
+        const auto db = Host::Database::create();
+        const VeltaDB::p_t handle = db->connect({"a", "s"});
+        VeTableInterface iface("iface", pairType().name(), kModifierMode, {}, {}, {}, {});
+        Changing listener;
+        listener.change = [&] { change(*db, *handle, iface); };
+        db->listenerIs(&listener);
+        db->write("test/rows", keyed);
+    };
+    for (const auto& [name, change] : changes)
+        EXPECT_DEATH(changeFromAHook(change), "must not change") << name;
 }
 
 TEST(HostRowsDeathTest, AFailedAllocationLeavesNoRowHalfCopiedOrHalfStored) {
