@@ -5,6 +5,7 @@
 // Work that happens "one loop turn later" is a host task on the same FIFO queue as callbacks.
 #include "HostInternal.h"
 
+#include <Kesto/DebugSupport.h>
 #include <Velta/Host/Database.h>
 
 #include <absl/cleanup/cleanup.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -127,6 +129,11 @@ void Database::Impl::eraseSlotIfUnused(Slot& slot) {
     if (slot.table || !slot.attachments.empty()) return;
     if (&slot == veTableSlot_) veTableSlot_ = nullptr;
     slots.erase(slots.find(slot.path));
+}
+
+void Database::Impl::changedFromAHook(const char* function) noexcept {
+    KESTO_ASSERT(!"a listener hook must not change the database", __FILE__, __LINE__, function);
+    std::abort();  // the assertion ends the process; this says so to the compiler
 }
 
 bool Database::Impl::createTable(Slot& slot, const RowType& type, const std::string& ownerName,
@@ -368,7 +375,6 @@ void Database::Impl::queueTask(const char* kind, std::string subject, std::funct
 }
 
 bool Database::Impl::runOne() {
-    hookNotRunning(__PRETTY_FUNCTION__);
     if ((queue.empty() && seededQueue.empty()) || delivering) return false;
     QueuedEvent e = options.shuffleSeed != 0 ? takeSeeded() : takeNext();
     if (e.att != nullptr) --e.att->queued;
@@ -741,7 +747,10 @@ std::size_t Database::runUntilIdle() {
 
 bool Database::settled() const noexcept { return impl_->settled; }
 
-bool Database::runOne() { return impl_->runOne(); }
+bool Database::runOne() {
+    impl_->hookNotRunning(__PRETTY_FUNCTION__);
+    return impl_->runOne();
+}
 
 std::size_t Database::pending() const noexcept { return impl_->queue.size() + impl_->seededQueue.size(); }
 

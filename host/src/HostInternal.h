@@ -35,7 +35,6 @@
 #include <absl/container/flat_hash_set.h>
 #include <absl/container/node_hash_map.h>
 
-#include <Kesto/DebugSupport.h>
 #include <Velta/BaseRow.h>
 #include <Velta/Host/Database.h>
 #include <Velta/HostCapability/Lookahead.h>
@@ -726,9 +725,10 @@ public:
     // halves of a write (a control row without its publication, a host call log that moves under the
     // entry being reported), so it ends the process instead.
     void hookNotRunning(const char* function) const noexcept {
-        KESTO_ASSERT(!hookRunning_ && "a listener hook must not change the database", __FILE__, __LINE__,
-                     function);
+        if (hookRunning_) [[unlikely]]
+            changedFromAHook(function);
     }
+    [[noreturn, gnu::cold]] static void changedFromAHook(const char* function) noexcept;
     std::uint64_t clock = 0;
     bool settled = true;
     bool delivering = false;  // a callback is running: running the loop from it does nothing
