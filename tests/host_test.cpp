@@ -105,58 +105,46 @@ TEST(HostRowsDeathTest, SettersOfAnotherKindAndListenersThatThrowOrChangeTheData
     BaseRow row = makeRow(pairType(), {});
     EXPECT_DEATH(row.stringIs(3, "x"), "stringIs");  // tags is a list: strings[3] does not exist
     EXPECT_DEATH(row.numberIs(1, 7), "numberIs");    // group is a string
-    // A listener's hook runs in the middle of the host's bookkeeping: a throw must not leave a
-    // control row without its publication behind.
-    struct Throwing : Host::EventListener {
-        void onWrite(const std::string&, const BaseRow&) override { throw std::runtime_error("listener"); }
-    };
-    EXPECT_DEATH(
-        {
-            const auto db = Host::Database::create();
-            Throwing listener;
-            db->listenerIs(&listener);
-            db->write("test/rows", row);
-        },
-        "listener");
-    // A hook that changes the database would land between two halves of the host's bookkeeping
-    // (here, a write reported before the event that tells its observers is queued), whatever the
-    // change.
-    using Change = std::function<void(Host::Database&, VeltaDB & handle, VeTableInterface & iface)>;
-    const BaseRow keyed = makeRow(pairType(), {{"oid", 1}});
-    const std::pair<const char*, Change> changes[] = {
-        {"write", [&](Host::Database& db, VeltaDB&, VeTableInterface&) { db.write("test/echo", keyed); }},
-        {"erase", [&](Host::Database& db, VeltaDB&, VeTableInterface&) { db.erase("test/rows", keyed); }},
-        {"createTable", [](Host::Database& db, VeltaDB&,
-                           VeTableInterface&) { db.createTable("test/new", "RowsTest::Pair"); }},
-        {"dropTable", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.dropTable("test/rows"); }},
-        {"runUntilIdle", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.runUntilIdle(); }},
-        {"clockAdvance", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.clockAdvance(1); }},
-        {"callsClear", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.callsClear(); }},
-        {"queriesClear", [](Host::Database& db, VeltaDB&, VeTableInterface&) { db.queriesClear(); }},
-        {"registerTable",
-         [](Host::Database&, VeltaDB& handle, VeTableInterface&) {
-             handle.registerTable("test/t", "RowsTest::Pair", TableType::standing, 0, 0, "");
-         }},
-        {"bindInterface", [](Host::Database&, VeltaDB& handle,
-                             VeTableInterface& iface) { handle.bindInterface(iface, "test/other", false); }},
-    };
-    struct Changing : Host::EventListener {
-        std::function<void()> change;
+    // A listener's hook runs in the middle of the host's bookkeeping (here, a write reported before
+    // the event that tells its observers is queued): a throw, or a change of whatever kind, must not
+    // leave a control row without its publication behind.
+    struct Hooked : Host::EventListener {
+        std::shared_ptr<Host::Database> db = Host::Database::create();
+        VeltaDB::p_t handle = db->connect({"a", "s"});
+        VeTableInterface iface{"iface", pairType().name(), kModifierMode, {}, {}, {}, {}};
+        BaseRow keyed = makeRow(pairType(), {{"oid", 1}});
+        void (*change)(Hooked&) = nullptr;
         void onWrite(const std::string& path, const BaseRow&) override {
-            if (path == "test/rows") change();
+            if (path == "test/rows") change(*this);
         }
     };
-    const auto changeFromAHook = [&](const Change& change) {
-        const auto db = Host::Database::create();
-        const VeltaDB::p_t handle = db->connect({"a", "s"});
-        VeTableInterface iface("iface", pairType().name(), kModifierMode, {}, {}, {}, {});
-        Changing listener;
-        listener.change = [&] { change(*db, *handle, iface); };
-        db->listenerIs(&listener);
-        db->write("test/rows", keyed);
+    const std::tuple<const char*, void (*)(Hooked&), const char*> changes[] = {
+        {"throw", [](Hooked&) { throw std::runtime_error("listener"); }, "listener"},
+        {"write", [](Hooked& h) { h.db->write("test/echo", h.keyed); }, "must not change"},
+        {"erase", [](Hooked& h) { h.db->erase("test/rows", h.keyed); }, "must not change"},
+        {"createTable", [](Hooked& h) { h.db->createTable("test/new", "RowsTest::Pair"); },
+         "must not change"},
+        {"dropTable", [](Hooked& h) { h.db->dropTable("test/rows"); }, "must not change"},
+        {"runUntilIdle", [](Hooked& h) { h.db->runUntilIdle(); }, "must not change"},
+        {"clockAdvance", [](Hooked& h) { h.db->clockAdvance(1); }, "must not change"},
+        {"callsClear", [](Hooked& h) { h.db->callsClear(); }, "must not change"},
+        {"queriesClear", [](Hooked& h) { h.db->queriesClear(); }, "must not change"},
+        {"registerTable",
+         [](Hooked& h) {
+             h.handle->registerTable("test/t", "RowsTest::Pair", TableType::standing, 0, 0, "");
+         },
+         "must not change"},
+        {"bindInterface", [](Hooked& h) { h.handle->bindInterface(h.iface, "test/other", false); },
+         "must not change"},
     };
-    for (const auto& [name, change] : changes)
-        EXPECT_DEATH(changeFromAHook(change), "must not change") << name;
+    const auto changeFromAHook = [](void (*change)(Hooked&)) {
+        Hooked hooked;
+        hooked.change = change;
+        hooked.db->listenerIs(&hooked);
+        hooked.db->write("test/rows", hooked.keyed);
+    };
+    for (const auto& [name, change, message] : changes)
+        EXPECT_DEATH(changeFromAHook(change), message) << name;
 }
 
 TEST(HostRowsDeathTest, AFailedAllocationLeavesNoRowHalfCopiedOrHalfStored) {
