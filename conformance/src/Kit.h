@@ -118,6 +118,10 @@ private:
 std::vector<std::string> walk(const VeTableInterface& iface, Probe::Show show, unsigned char index = 0,
                               std::size_t limit = 1000);
 
+// Follows a message about a callback that never came: the adapter's deliver() may be what failed.
+inline constexpr const char* kDeliverHint =
+    "; if it did, your adapter's deliver() returned before everything queued was delivered";
+
 // Lines joined for a message: "\n    a\n    b".
 std::string lines(const std::vector<std::string>& items);
 

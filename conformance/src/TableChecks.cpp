@@ -557,7 +557,8 @@ void registrationReachesMetadataObservers(HostAdapter& host) {
                      agent->tableInfo(path).typeName() == kPubType)
         << "your host did not bring a table registered by an agent that is not the server agent to tableInfo "
            "and to the observers of "
-        << kVeTablePath << " (the translator waits for that row to go on with a subscription)" << log->seen();
+        << kVeTablePath << " (the translator waits for that row to go on with a subscription)" << kDeliverHint
+        << log->seen();
 }
 
 void rowTypesKnownAndUnknown(HostAdapter& host) {
