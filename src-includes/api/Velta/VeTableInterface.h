@@ -1,8 +1,9 @@
 // Table interfaces: one agent's attachment to one table, and positions in a table's indexes.
 //
 // Invariants:
-// - The host never calls back from inside one of these operations; callbacks arrive later, one at
-//   a time, from the host's loop.
+// - Callbacks come one at a time, never from inside one of these operations made during a callback.
+//   Whether a host calls back from inside one made outside every callback (a client's write, a
+//   constructor's binding) is its own choice.
 // - A position stays usable while the table changes: if its row is deleted, ++ moves to the row
 //   that follows it in the index; if its row is replaced, * shows the current row.
 // - Destroying an interface detaches it: callbacks still queued for it are dropped.
@@ -94,12 +95,14 @@ public:
     // Detaches from the host; queued callbacks for this interface are dropped.
     ~VeTableInterface() override;
 
-    // Records the active state (read by flow control); the host does nothing else with it.
+    // The agents call activate(true) before a whole pass over the interface's rows and
+    // activate(false) after it, and deactivate(true) when an output reports itself blocked; what a
+    // host does with them beyond activated() is its own.
     void activate(bool value);
     void deactivate(bool value);
-    // True between activate(true) and activate(false) or deactivate(true).
+    // True between activate(true) and activate(false); what deactivate does to it is the host's.
     bool activated() const noexcept { return activated_; }
-    // Records that a secondary index is wanted; index 1 is always maintained by the host.
+    // Makes the secondary index `index` usable for lookups (the agents switch on index 1, by oid).
     void activateIndex(unsigned char index);
 
     // Whole-table iteration in the order of `index` (0 primary key, 1 oid then key).
@@ -110,12 +113,14 @@ public:
     VeRowIterator find(const BaseRow& key, unsigned char index) const;
     // First position not ordered before `key`.
     VeRowIterator lower_bound(const BaseRow& key, unsigned char index) const;
-    // The row whose key in `index` equals `key`'s; an empty row when there is none, when `key` is
-    // empty or when the interface is not bound.
+    // The row whose key in `index` equals `key`'s; an empty row when there is none. What it gives
+    // for an empty key row, or on an interface never bound, is the host's choice (the agents
+    // handle an empty row).
     BaseRow row(const BaseRow& key, unsigned char index) const;
 
-    // Inserts `row`, or replaces the row with its primary key. A row whose oid is 0 keeps the oid
-    // of the row it replaces or gets a new one; the oid is written back into `row`.
+    // Inserts `row`, or replaces the row with its primary key. A new row whose oid is 0 gets one
+    // that no other row of the table has, written back into `row`; whether a row rewritten with oid
+    // 0 keeps the oid of the row it replaces is the host's choice.
     void rowIs(BaseRow& row);
     // Removes the row with `key`'s primary key, if any.
     void rowDel(const BaseRow& key);

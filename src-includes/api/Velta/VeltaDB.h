@@ -58,11 +58,12 @@ public:
     static bool server();
 
     // Attaches `iface` to the table at `path`, creating the table (of the interface's row type)
-    // when there is none. The interface becomes ready later; an observer only once it is also
-    // client-ready.
+    // when there is none. The host then reports the interface ready (an observer only once it is
+    // also client-ready) and delivers an observer's changes.
     virtual void bindInterface(VeTableInterface& iface, const std::string& path, bool flag) = 0;
-    // Asks for a table at `path`. Visible at once in the server agent, one loop turn later
-    // elsewhere. A path that exists or is on its way is left as it is.
+    // Asks for a table at `path`. In the server agent the table is visible at once; elsewhere it
+    // becomes visible, its metadata row reaching the metadata table's observers, when the host
+    // chooses. What the host does with a path that exists is its own choice.
     virtual void registerTable(const std::string& path, const std::string& typeName, TableType type,
                                unsigned short desiredFlags, unsigned short flags,
                                const std::string& owner) = 0;
@@ -77,8 +78,9 @@ public:
     static constexpr unsigned kUnknownTypeId = 65535;
     // The id of a row type; kUnknownTypeId for an unknown name.
     virtual unsigned tableTypeId(const std::string& typeName, bool flag) const = 0;
-    // Row operations for an index of a type. Never null: rows of an unknown type, or of two
-    // different types, are ordered by type id and then by their own primary keys.
+    // Row operations for an index of a type the host knows; their key comparison orders rows of that
+    // type so that equal primary keys, and only they, are equivalent. Any order beyond that, and
+    // what it gives for a type it does not know, is the host's.
     virtual std::shared_ptr<const RowOps> getRowOps(const std::string& typeName,
                                                     unsigned char index) const = 0;
     // The host's description of a row class; an empty row for an unknown class.
