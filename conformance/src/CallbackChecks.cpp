@@ -128,8 +128,7 @@ void everyChangeIsReported(HostAdapter& host) {
                         std::back_inserter(unexpected));
     VELTA_KIT_EXPECT(missing.empty() && unexpected.empty())
         << "your host did not tell the observer of every change exactly once, with the row written or "
-           "removed "
-           "(table "
+           "removed (table "
         << s.path << ")\n  missing:" << lines(missing)
         << "\n  told but not made, or told again:" << lines(unexpected) << s.log->seen();
 }
