@@ -373,6 +373,12 @@ private:
         return prefixIsKey_ ? HostCapability::mixKey(key.prefix) : layout_.hash(*key.key);
     }
 
+    // Index 1's first entry with `oid`, or its end; the waiting writes must have been stored.
+    OidIndex::const_iterator oidEntry(std::uint64_t oid) const {
+        const auto it = byOid_.lower_bound(OidProbe{oid});
+        return it == byOid_.end() || it->oid != oid ? byOid_.end() : it;
+    }
+
     // Stores the waiting writes, oldest first; every accessor calls it before it reads.
     // (Tables are never const objects: the const accessors may store them.)
     void settle() const noexcept {

@@ -132,17 +132,14 @@ const RowData* TableState::findByOid(const RowData& key) const {
 
 OidIndex::const_iterator TableState::findOid(const RowData& key) const {
     settle();
-    const std::uint64_t oid = key.numbers[oidSlot_];
-    auto it = byOid_.lower_bound(OidProbe{oid});
-    return it == byOid_.end() || it->oid != oid ? byOid_.end() : it;
+    return oidEntry(key.numbers[oidSlot_]);
 }
 
 bool TableState::hasOid(std::uint64_t oid) const {
     settle();
     // A new oid is nearly always past the table's greatest: that answer needs no walk.
     if (byOid_.empty() || std::prev(byOid_.end())->oid < oid) return false;
-    const auto it = byOid_.lower_bound(OidProbe{oid});
-    return it != byOid_.end() && it->oid == oid;
+    return oidEntry(oid) != byOid_.end();
 }
 
 TableState::Spot TableState::locate(const RowData& key) {
